@@ -1,0 +1,5 @@
+// Everything the library exports. Pool kinds are added here as they are built.
+#pragma once
+
+#include <avpool/common.h>
+#include <avpool/jpg.h>

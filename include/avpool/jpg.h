@@ -1,0 +1,201 @@
+// JPEG picture pool: one segment per channel under key 19456 + channel, a ring of
+// at most 30 frame slots locked by one semaphore each, and a byte ring of frames.
+#pragma once
+
+#include <avpool/common.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/time.h>
+
+constexpr int JPG_MAX_FRAME_COUNT = 30;
+constexpr int JPG_BASE_KEY = 0x4C00;  // 19456
+constexpr int JPG_HEADER_SIZE = 172;
+constexpr int JPG_FRAME_PREFIX_SIZE = 8;
+
+/*
+ * Segment (172 + dataSize bytes):
+ *
+ *   0                      172             172+4n             172+52n
+ *   +----------------------+---------------+------------------+---------------------------+
+ *   | JPGPoolHeader        | safe times    | JPGFrameInfo x n | data ring (RawDataLen)    |
+ *   |                      | int32 x n     | 48 bytes each    | [id:8][bytes][pad 0..3].. |
+ *   +----------------------+---------------+------------------+---------------------------+
+ */
+struct JPGPoolHeader {
+    int32_t frameCount;
+    int32_t maxFrameSize;
+    int32_t current;
+    int32_t realFPS;
+    int32_t workingFPS;
+    int32_t workingWidth;
+    int32_t workingHeight;
+    int32_t framePrefixSize;
+    uint8_t lumQT[64];
+    uint8_t chromQT[64];
+    int32_t safeTimeOffset;
+    int32_t frameInfoOffset;
+    int32_t dataOffset;
+};
+static_assert(sizeof(JPGPoolHeader) == 172, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, frameCount) == 0, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, maxFrameSize) == 4, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, current) == 8, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, realFPS) == 12, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, workingFPS) == 16, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, workingWidth) == 20, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, workingHeight) == 24, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, framePrefixSize) == 28, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, lumQT) == 32, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, chromQT) == 96, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, safeTimeOffset) == 160, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, frameInfoOffset) == 164, "JPGPoolHeader layout");
+static_assert(offsetof(JPGPoolHeader, dataOffset) == 168, "JPGPoolHeader layout");
+
+struct JPGFrameInfo {
+    avpool::Word64 frameID;  // 0: never written
+    int32_t lockIndex;
+    int32_t frameLength;
+    int32_t tv_sec;
+    int32_t tv_usec;
+    int32_t width;
+    int32_t height;
+    int32_t fps;
+    int32_t quality;
+    int32_t dataPosition;  // offset of the frame's id prefix in the data ring
+    int32_t reserved;
+};
+static_assert(sizeof(JPGFrameInfo) == 48, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, frameID) == 0, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, lockIndex) == 8, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, frameLength) == 12, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, tv_sec) == 16, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, tv_usec) == 20, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, width) == 24, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, height) == 28, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, fps) == 32, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, quality) == 36, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, dataPosition) == 40, "JPGFrameInfo layout");
+static_assert(offsetof(JPGFrameInfo, reserved) == 44, "JPGFrameInfo layout");
+
+class AVPOOL_API JPGPutterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+class AVPOOL_API JPGGetterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+class AVPOOL_API JPGPutter {
+public:
+    JPGPutter();
+    virtual ~JPGPutter();
+    JPGPutter(const JPGPutter&) = delete;
+    JPGPutter& operator=(const JPGPutter&) = delete;
+
+    void init(int channel, int frameCount, int maxFrameSize, int dataSize);
+    void reset(int width, int height, int fps, int quality);
+    void changeQuality(int quality);
+    void putRealFPS(int fps);
+    // Returns 1 when written, 0 when refused because length exceeds maxFrameSize.
+    int putFrame(void* data, int length, const timeval& captureTime);
+    // Writes the encoder's 64-byte luminance and chrominance tables into the header.
+    void putQuantTables(const unsigned char* lum64, const unsigned char* chrom64);
+    int getMaxFrameSize();
+    int nextJPGFrame(int i);
+
+    void setSafeTime();
+    void initLock();
+    void closeLock(int slot);
+    void openLock(int slot);
+    void release();
+    void forceReleaseShm(int channel, int size);
+    void forceReleaseSem(int channel);
+
+private:
+    int channel_ = -1;
+    int frameCount_ = 0;
+    int maxFrameSize_ = 0;
+    int width_ = 0;
+    int height_ = 0;
+    int fps_ = 0;
+    int quality_ = 0;
+    int frameInterval_ = 0;
+    int shmId_ = -1;
+    int semId_ = -1;
+    JPGPoolHeader* pool_ = nullptr;
+    int current_ = 0;
+    unsigned long long frameCounter_ = 0;
+    int rawDataLen_ = 0;
+    unsigned char* data_ = nullptr;
+    JPGFrameInfo* frameInfo_ = nullptr;
+    int32_t* safeTime_ = nullptr;
+    int writePosition_ = 0;
+};
+
+// The frame fetched last by JPGGetter::getFrame; data points into the shared ring.
+struct JPGFrame {
+    int width;
+    int height;
+    int fps;
+    int quality;
+    int tv_sec;
+    int tv_usec;
+    unsigned char* data;
+    int frameLength;
+};
+
+class AVPOOL_API JPGGetter {
+public:
+    JPGGetter();
+    virtual ~JPGGetter();
+    JPGGetter(const JPGGetter&) = delete;
+    JPGGetter& operator=(const JPGGetter&) = delete;
+
+    void init(int channel);
+    int getWorkingFPS();
+    int getWorkingWidth();
+    int getWorkingHeight();
+    int getRealFPS();
+    unsigned char* getLumQT();
+    unsigned char* getChromQT();
+
+    void probeAge(int maxAge);
+    void getFrame();
+
+    unsigned long long toWorking(int& safeTime);
+    unsigned long long toOldestWorking(int& safeTime, int second);
+    unsigned long long toOldestWorking(int& safeTime, int second, int microsecond);
+    unsigned long long toExactWorking(int& safeTime, int second);
+    unsigned long long toExactWorking(int& safeTime, int second, int microsecond);
+    unsigned long long toNext(int& safeTime);
+    unsigned long long getFrameID();
+
+    void waitReady();
+    void release();
+
+    JPGFrame frame{};
+
+private:
+    template <class Qualifies>
+    unsigned long long scanOldest(int& safeTime, Qualifies qualifies);
+    template <class Matches>
+    unsigned long long scanExact(int& safeTime, int second, Matches matches);
+    bool intact(int slot) const;
+    int next(int slot) const;
+    unsigned long long settle(int& safeTime);
+    void requireAttached() const;
+
+    int channel_ = 0;
+    int shmId_ = -1;
+    JPGPoolHeader* pool_ = nullptr;
+    int semId_ = -1;
+    int current_ = 0;
+    unsigned char* data_ = nullptr;
+    int32_t* safeTime_ = nullptr;
+    JPGFrameInfo* frameInfo_ = nullptr;
+    int frameCount_ = 0;
+    int maxFrameSize_ = 0;
+};

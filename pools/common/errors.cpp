@@ -1,0 +1,20 @@
+#include "errors.h"
+
+#include <cstdio>
+
+namespace avpool::detail {
+
+void systemFailure(const char* text, Raise raise) {
+    perror(text);
+    raise(std::string(text) + ".");
+    __builtin_unreachable();
+}
+
+void programmingError(Raise raise) {
+    static const char line[] = "programming error\n";
+    fwrite(line, 1, sizeof line - 1, stderr);
+    raise("programming error");
+    __builtin_unreachable();
+}
+
+}  // namespace avpool::detail

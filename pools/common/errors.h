@@ -1,0 +1,23 @@
+// How pool code reports failures: each pool passes a function that throws its own
+// error class, so the texts and the perror step are written once, here.
+#pragma once
+
+#include <string>
+
+namespace avpool::detail {
+
+using Raise = void (*)(const std::string& message);
+
+// A failed system call: perror with the text, then throw the text with a final point.
+[[noreturn]] void systemFailure(const char* text, Raise raise);
+
+// Use before a successful init: "programming error\n" on stderr, then throw.
+[[noreturn]] void programmingError(Raise raise);
+
+// Each public class turns a message into its own error type through this.
+template <class Error>
+[[noreturn]] void raiseAs(const std::string& message) {
+    throw Error(message);
+}
+
+}  // namespace avpool::detail

@@ -1,0 +1,64 @@
+#include "segment.h"
+
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+namespace avpool::detail {
+
+int createSegment(key_t key, size_t size) {
+    return shmget(key, size, CREATE_EXCLUSIVE);
+}
+
+int openSegment(key_t key, size_t size, Raise raise) {
+    int id = shmget(key, size, OPEN_READ);
+    if (id == -1) systemFailure("shmget failed", raise);
+    return id;
+}
+
+void* attachSegment(int id, AttachFailure rule, Raise raise) {
+    void* address = shmat(id, nullptr, 0);
+    bool failed = rule == AttachFailure::Null ? address == nullptr : address == reinterpret_cast<void*>(-1);
+    if (failed) systemFailure("shmat failed", raise);
+    return address;
+}
+
+void forceRemoveSegment(key_t key, size_t size) {
+    int id = shmget(key, size, CREATE_OR_OPEN);
+    if (id != -1) shmctl(id, IPC_RMID, nullptr);
+}
+
+void detachSegment(int& id, void*& address, void* detached) {
+    if (address != detached) {
+        shmdt(address);
+        address = detached;
+    }
+    id = -1;
+}
+
+void removeSegment(int& id, void*& address, void* detached) {
+    int owned = id;
+    detachSegment(id, address, detached);
+    if (owned != -1) shmctl(owned, IPC_RMID, nullptr);
+}
+
+int createSemSet(key_t key, int count) {
+    return semget(key, count, CREATE_EXCLUSIVE);
+}
+
+int openSemSet(key_t key, int count, Raise raise) {
+    int id = semget(key, count, OPEN_READ);
+    if (id == -1) systemFailure("semget failed", raise);
+    return id;
+}
+
+void removeSemSet(int& id, int count) {
+    for (int i = 0; i < count; ++i) semctl(id, i, IPC_RMID);
+    id = -1;
+}
+
+void forceRemoveSemSet(key_t key, int lookupCount, int removeCalls) {
+    int id = semget(key, lookupCount, CREATE_OR_OPEN);
+    if (id != -1) removeSemSet(id, removeCalls);
+}
+
+}  // namespace avpool::detail

@@ -1,0 +1,57 @@
+// System V shared-memory segments and semaphore sets as every pool uses them:
+// exclusive creation with one forced release and retry, read-only opening by
+// getters, and removal that reports nothing.
+#pragma once
+
+#include "errors.h"
+
+#include <cstddef>
+#include <sys/ipc.h>
+
+namespace avpool::detail {
+
+constexpr int CREATE_EXCLUSIVE = IPC_CREAT | IPC_EXCL | 0600;
+constexpr int CREATE_OR_OPEN = IPC_CREAT | 0600;
+constexpr int OPEN_READ = 0400;
+
+// JPEG and MP4 only treat a null address from shmat as failure; the other kinds
+// test for the documented (void*)-1.
+enum class AttachFailure { Null, MinusOne };
+
+// Runs create(); when it fails (usually a leftover of a crashed run under the
+// key), runs forceRelease() and create() once more. A second failure is fatal.
+template <class Create, class ForceRelease>
+int createWithRetry(Create create, ForceRelease forceRelease, const char* failText, Raise raise) {
+    int id = create();
+    if (id == -1) {
+        forceRelease();
+        id = create();
+    }
+    if (id == -1) systemFailure(failText, raise);
+    return id;
+}
+
+int createSegment(key_t key, size_t size);  // exclusive; -1 on failure
+template <class ForceRelease>
+int createSegment(key_t key, size_t size, ForceRelease forceRelease, Raise raise) {
+    return createWithRetry([&] { return createSegment(key, size); }, forceRelease, "shmget failed", raise);
+}
+int openSegment(key_t key, size_t size, Raise raise);
+void* attachSegment(int id, AttachFailure rule, Raise raise);
+// Removes whatever segment is under key; size 0 only finds an existing one.
+void forceRemoveSegment(key_t key, size_t size);
+// Putter release: detach, then remove. Getter release: detach only.
+void removeSegment(int& id, void*& address, void* detached);
+void detachSegment(int& id, void*& address, void* detached);
+
+int createSemSet(key_t key, int count);  // exclusive; -1 on failure
+template <class ForceRelease>
+int createSemSet(key_t key, int count, ForceRelease forceRelease, Raise raise) {
+    return createWithRetry([&] { return createSemSet(key, count); }, forceRelease, "semget failed", raise);
+}
+int openSemSet(key_t key, int count, Raise raise);
+// One IPC_RMID per semaphore: the first removes the set, the rest fail quietly.
+void removeSemSet(int& id, int count);
+void forceRemoveSemSet(key_t key, int lookupCount, int removeCalls);
+
+}  // namespace avpool::detail

@@ -1,0 +1,55 @@
+#include "slot_lock.h"
+
+#include <cerrno>
+#include <sys/sem.h>
+
+namespace avpool::detail {
+
+namespace {
+union SemArg {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+}  // namespace
+
+int setLock(int semId, int index, int value, Raise raise) {
+    SemArg arg;
+    arg.val = value;
+    int result = semctl(semId, index, SETVAL, arg);
+    if (result == -1) systemFailure("semctl failed", raise);
+    return result;
+}
+
+void waitForOpen(int semId, int index, OnSignal onSignal, Raise raise) {
+    sembuf op;
+    op.sem_num = static_cast<unsigned short>(index);
+    op.sem_op = 0;
+    op.sem_flg = 0;
+    for (;;) {
+        if (semop(semId, &op, 1) == 0) return;
+        if (errno == EINTR && onSignal == OnSignal::Retry) continue;
+        systemFailure("semop failed", raise);
+    }
+}
+
+void semPosition(int slot, int& group, int& index, Raise raise) {
+    group = slot / SEM_GROUP_SIZE;
+    index = slot % SEM_GROUP_SIZE;
+    if (group >= SEM_MAX_GROUPS) raise("Over Max Semaphore Group.");
+}
+
+int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]) {
+    int remaining = slotCount;
+    int groups = 0;
+    for (int g = 0; g < SEM_MAX_GROUPS; ++g) {
+        counts[g] = remaining < SEM_GROUP_SIZE ? remaining : SEM_GROUP_SIZE;
+        remaining -= counts[g];
+        ++groups;
+        if (remaining < 1) break;
+    }
+    for (int g = groups; g < SEM_MAX_GROUPS; ++g) counts[g] = 0;
+    return groups;
+}
+
+}  // namespace avpool::detail

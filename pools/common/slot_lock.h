@@ -1,0 +1,38 @@
+// The per-slot lock: value 1 = closed (being written or next to be written),
+// 0 = open. Only the putter sets values; readers only wait for zero.
+#pragma once
+
+#include "errors.h"
+
+#include <sys/ipc.h>
+
+namespace avpool::detail {
+
+constexpr int LOCK_CLOSED = 1;
+constexpr int LOCK_OPEN = 0;
+
+// SETVAL; failure is "semctl failed.". Returns semctl's result (0).
+int setLock(int semId, int index, int value, Raise raise);
+
+// Waits, without time-out, until the semaphore is zero. JPEG and MP4 readers go
+// back to waiting after a signal; the other kinds let the signal end the wait.
+enum class OnSignal { Retry, Fail };
+void waitForOpen(int semId, int index, OnSignal onSignal, Raise raise);
+
+// Locks of pools that may exceed one set are spread over at most four sets
+// ("groups") of at most 250 semaphores.
+constexpr int SEM_GROUP_SIZE = 250;
+constexpr int SEM_MAX_GROUPS = 4;
+
+struct SemGroups {
+    int id[SEM_MAX_GROUPS] = {-1, -1, -1, -1};
+    int count[SEM_MAX_GROUPS] = {0, 0, 0, 0};
+};
+
+// group = slot / 250, index = slot % 250; group 4 and up: "Over Max Semaphore Group.".
+void semPosition(int slot, int& group, int& index, Raise raise);
+
+// The group sizes for slotCount locks, filled in order, at most four groups.
+int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]);
+
+}  // namespace avpool::detail
