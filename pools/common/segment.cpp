@@ -61,4 +61,22 @@ void forceRemoveSemSet(key_t key, int lookupCount, int removeCalls) {
     if (id != -1) removeSemSet(id, removeCalls);
 }
 
+void openSemGroups(key_t firstKey, int slotCount, SemGroups& groups, Raise raise) {
+    int counts[SEM_MAX_GROUPS];
+    int groupCount = semGroupCount(slotCount, counts);
+    for (int g = 0; g < groupCount; ++g) groups.id[g] = openSemSet(firstKey + g, counts[g], raise);
+}
+
+void removeSemGroups(SemGroups& groups) {
+    for (int g = 0; g < SEM_MAX_GROUPS; ++g) {
+        if (g > 0 && (groups.id[g] == -1 || groups.count[g] == 0)) break;
+        removeSemSet(groups.id[g], groups.count[g]);
+        groups.count[g] = 0;
+    }
+}
+
+void forgetSemGroups(SemGroups& groups) {
+    for (int& id : groups.id) id = -1;
+}
+
 }  // namespace avpool::detail

@@ -4,6 +4,9 @@
 #pragma once
 
 #include "errors.h"
+#include "slot_lock.h"
+
+#include <cstdio>
 
 #include <cstddef>
 #include <sys/ipc.h>
@@ -53,5 +56,22 @@ int openSemSet(key_t key, int count, Raise raise);
 // One IPC_RMID per semaphore: the first removes the set, the rest fail quietly.
 void removeSemSet(int& id, int count);
 void forceRemoveSemSet(key_t key, int lookupCount, int removeCalls);
+
+// Grouped kinds: group g lives under firstKey + g and holds min(remaining, 250)
+// locks. forceRelease(g) removes a leftover set of group g before the one retry.
+template <class ForceRelease>
+void createSemGroups(key_t firstKey, int slotCount, SemGroups& groups, ForceRelease forceRelease, Raise raise,
+                     const char* createLog = nullptr) {
+    int groupCount = semGroupCount(slotCount, groups.count);
+    for (int g = 0; g < groupCount; ++g) {
+        if (createLog != nullptr) printf(createLog, groups.count[g]);
+        groups.id[g] = createSemSet(firstKey + g, groups.count[g], [&] { forceRelease(g); }, raise);
+    }
+}
+void openSemGroups(key_t firstKey, int slotCount, SemGroups& groups, Raise raise);
+// Removes group 0 and each following group while it exists, at most four.
+void removeSemGroups(SemGroups& groups);
+// Getters only forget their sets.
+void forgetSemGroups(SemGroups& groups);
 
 }  // namespace avpool::detail
