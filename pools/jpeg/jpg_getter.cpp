@@ -1,11 +1,10 @@
 #include <avpool/jpg.h>
 
 #include "../common/age_probe.h"
+#include "../common/data_ring.h"
 #include "../common/errors.h"
 #include "../common/segment.h"
 #include "../common/slot_lock.h"
-
-#include <cstring>
 
 using namespace avpool::detail;
 
@@ -82,13 +81,8 @@ int JPGGetter::next(int slot) const {
     return slot + 1 < frameCount_ ? slot + 1 : 0;
 }
 
-// A slot's bytes are intact while the id prefix in front of them still names it;
-// a never-written slot (all zero) passes too.
 bool JPGGetter::intact(int slot) const {
-    const JPGFrameInfo& info = frameInfo_[slot];
-    avpool::Word64 prefix;
-    memcpy(&prefix, data_ + info.dataPosition, sizeof prefix);
-    return prefix.low == info.frameID.low && prefix.high == info.frameID.high;
+    return entryIntact(data_, frameInfo_[slot].dataPosition, frameInfo_[slot].frameID);
 }
 
 unsigned long long JPGGetter::settle(int& safeTime) {

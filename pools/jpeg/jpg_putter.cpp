@@ -1,5 +1,6 @@
 #include <avpool/jpg.h>
 
+#include "../common/data_ring.h"
 #include "../common/errors.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
@@ -113,20 +114,8 @@ int JPGPutter::putFrame(void* data, int length, const timeval& captureTime) {
     info.tv_sec = static_cast<int32_t>(captureTime.tv_sec);
     info.tv_usec = static_cast<int32_t>(captureTime.tv_usec);
 
-    int padding = (4 - length % 4) % 4;
-    if (writePosition_ + JPG_FRAME_PREFIX_SIZE + length + padding > rawDataLen_) writePosition_ = 0;
-    avpool::Word64 prefix;
-    prefix.set(frameCounter_);
-    memcpy(data_ + writePosition_, &prefix, sizeof prefix);
-    info.dataPosition = writePosition_;
-    writePosition_ += JPG_FRAME_PREFIX_SIZE;
-    memcpy(data_ + writePosition_, data, length);
-    writePosition_ += length;
+    info.dataPosition = appendEntry(data_, rawDataLen_, writePosition_, frameCounter_, data, length);
     info.frameLength = length;
-    if (padding > 0) {
-        memset(data_ + writePosition_, 0, padding);
-        writePosition_ += padding;
-    }
     openLock(info.lockIndex);
     return 1;
 }
