@@ -3,6 +3,7 @@
 #include "../common/age_probe.h"
 #include "../common/data_ring.h"
 #include "../common/errors.h"
+#include "../common/ring_scan.h"
 #include "../common/segment.h"
 #include "../common/slot_lock.h"
 
@@ -116,19 +117,13 @@ unsigned long long JPGGetter::toNext(int& safeTime) {
     return settle(safeTime);
 }
 
-// Starts three ahead of the writer (the two slots it overwrites next are left
-// out) and walks towards it; ends on the first qualifying intact slot, on the
-// writer's slot, or after a full turn.
+// Starts three ahead of the writer: the two slots it overwrites next are left out.
 template <class Qualifies>
 unsigned long long JPGGetter::scanOldest(int& safeTime, Qualifies qualifies) {
     requireAttached();
-    current_ = (liveCurrent(pool_) + 3) % frameCount_;
-    for (int steps = 0;;) {
-        if (qualifies(frameInfo_[current_]) && intact(current_)) break;
-        current_ = next(current_);
-        ++steps;
-        if (current_ == liveCurrent(pool_) || steps >= frameCount_) break;
-    }
+    current_ = avpool::detail::scanOldest(
+        (liveCurrent(pool_) + 3) % frameCount_, frameCount_,
+        [&](int slot) { return qualifies(frameInfo_[slot]) && intact(slot); }, [&] { return liveCurrent(pool_); });
     return settle(safeTime);
 }
 
@@ -149,14 +144,10 @@ unsigned long long JPGGetter::scanExact(int& safeTime, int second, Matches match
     requireAttached();
     int writer = liveCurrent(pool_);
     current_ = (writer + 3) % frameCount_;
-    int end = (writer + 1) % frameCount_;
     if (frameInfo_[current_].tv_sec > second) return avpool::NOT_FOUND;
-    for (int steps = 0;;) {
-        if (matches(frameInfo_[current_]) && intact(current_)) return settle(safeTime);
-        current_ = next(current_);
-        ++steps;
-        if (current_ == end || steps >= frameCount_) return avpool::NOT_FOUND;
-    }
+    bool found = avpool::detail::scanExact(current_, (writer + 1) % frameCount_, frameCount_,
+                                           [&](int slot) { return matches(frameInfo_[slot]) && intact(slot); });
+    return found ? settle(safeTime) : avpool::NOT_FOUND;
 }
 
 unsigned long long JPGGetter::toExactWorking(int& safeTime, int second) {

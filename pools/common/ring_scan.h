@@ -1,0 +1,35 @@
+// The two searches every pool with timed slots offers, written once over slot
+// indices. The callers decide what qualifies (seconds alone, or seconds and
+// microseconds compared field by field) and which slot counts as intact.
+#pragma once
+
+namespace avpool::detail {
+
+// Oldest-first scan: from start, step through the ring of n entries until an
+// entry is accepted, the step lands on the writer's entry (writer() is read anew
+// at every step, it moves while we search), or n steps are done. Returns the
+// entry it stopped on; it never reports not-found.
+template <class Accept, class Writer>
+int scanOldest(int start, int n, Accept accept, Writer writer) {
+    int position = start;
+    for (int steps = 0;;) {
+        if (accept(position)) return position;
+        position = (position + 1) % n;
+        ++steps;
+        if (position == writer() || steps >= n) return position;
+    }
+}
+
+// Exact scan: from position, step until an entry matches (true), or the step
+// lands on end or n steps are done (false). position is left where it stopped.
+template <class Match>
+bool scanExact(int& position, int end, int n, Match match) {
+    for (int steps = 0;;) {
+        if (match(position)) return true;
+        position = (position + 1) % n;
+        ++steps;
+        if (position == end || steps >= n) return false;
+    }
+}
+
+}  // namespace avpool::detail
