@@ -3,3 +3,4 @@
 
 #include <avpool/common.h>
 #include <avpool/jpg.h>
+#include <avpool/mp4.h>

@@ -28,6 +28,13 @@ static_assert(sizeof(Word64) == 8, "Word64 is two 32-bit words");
 static_assert(alignof(Word64) == 4, "Word64 must not force 8-byte alignment");
 static_assert(offsetof(Word64, low) == 0 && offsetof(Word64, high) == 4, "low word first");
 
+// The semaphore sets ("groups") of a pool whose slot locks may exceed one set:
+// at most four sets of at most 250 semaphores; id -1 and count 0 when absent.
+struct SemGroups {
+    int id[4] = {-1, -1, -1, -1};
+    int count[4] = {0, 0, 0, 0};
+};
+
 // Returned by the positioning searches when nothing matched: low word all ones,
 // high word zero. It can never be a running number in practice.
 constexpr unsigned long long NOT_FOUND = 4294967295ULL;

@@ -9,6 +9,7 @@ namespace avpool::detail {
 
 // Whole seconds only, absolute value (a slot stamped in the future counts too);
 // an age equal to maxAge passes, more throws "age too old".
-void probeAge(int32_t slotSeconds, int maxAge, Raise raise);
+// Returns the age in seconds.
+int probeAge(int32_t slotSeconds, int maxAge, Raise raise);
 
 }  // namespace avpool::detail

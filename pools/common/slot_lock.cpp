@@ -39,6 +39,18 @@ void semPosition(int slot, int& group, int& index, Raise raise) {
     if (group >= SEM_MAX_GROUPS) raise("Over Max Semaphore Group.");
 }
 
+int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise) {
+    int group, index;
+    semPosition(slot, group, index, raise);
+    return setLock(groups.id[group], index, value, raise);
+}
+
+void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise) {
+    int group, index;
+    semPosition(slot, group, index, raise);
+    waitForOpen(groups.id[group], index, onSignal, raise);
+}
+
 int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]) {
     int remaining = slotCount;
     int groups = 0;

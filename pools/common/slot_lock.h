@@ -4,6 +4,8 @@
 
 #include "errors.h"
 
+#include <avpool/common.h>
+
 #include <sys/ipc.h>
 
 namespace avpool::detail {
@@ -24,13 +26,14 @@ void waitForOpen(int semId, int index, OnSignal onSignal, Raise raise);
 constexpr int SEM_GROUP_SIZE = 250;
 constexpr int SEM_MAX_GROUPS = 4;
 
-struct SemGroups {
-    int id[SEM_MAX_GROUPS] = {-1, -1, -1, -1};
-    int count[SEM_MAX_GROUPS] = {0, 0, 0, 0};
-};
+using avpool::SemGroups;
 
 // group = slot / 250, index = slot % 250; group 4 and up: "Over Max Semaphore Group.".
 void semPosition(int slot, int& group, int& index, Raise raise);
+
+// The same lock operations for a slot of a grouped pool.
+int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise);
+void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise);
 
 // The group sizes for slotCount locks, filled in order, at most four groups.
 int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]);
