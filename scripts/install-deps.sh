@@ -1,0 +1,60 @@
+#!/bin/sh
+# Installs the Debian packages the project needs, and only those that are
+# missing, so that it returns at once on a machine that has them all.
+#
+#   scripts/install-deps.sh [native] [cross] [all]    (default: all)
+#
+# native: compiler, CMake and the test/benchmark libraries for the build machine.
+# cross:  the arm-linux-gnueabihf compiler, qemu-arm to run its programs, and the
+#         GoogleTest sources, which scripts/armhf-build.sh compiles for the device.
+set -eu
+
+native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev"
+cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
+
+wanted=""
+[ $# -gt 0 ] || set -- all
+for set_name in "$@"; do
+    case "$set_name" in
+        native) wanted="$wanted $native_packages" ;;
+        cross) wanted="$wanted $cross_packages" ;;
+        all) wanted="$wanted $native_packages $cross_packages" ;;
+        -h|--help)
+            sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'
+            exit 0
+            ;;
+        *)
+            echo "install-deps: unknown package set '$set_name' (native, cross or all)" >&2
+            exit 2
+            ;;
+    esac
+done
+
+installed() {
+    dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
+}
+
+missing=""
+for package in $wanted; do
+    case " $missing " in *" $package "*) continue ;; esac
+    installed "$package" || missing="$missing $package"
+done
+
+if [ -z "$missing" ]; then
+    echo "install-deps: all packages present"
+    exit 0
+fi
+
+if [ "$(id -u)" -eq 0 ]; then
+    as_root=""
+elif command -v sudo >/dev/null 2>&1; then
+    as_root="sudo"
+else
+    echo "install-deps: missing:$missing; run as root or install sudo" >&2
+    exit 1
+fi
+
+echo "install-deps: installing$missing"
+$as_root apt-get update -q
+# shellcheck disable=SC2086 # one word per package
+$as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing
