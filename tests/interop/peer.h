@@ -1,0 +1,125 @@
+// The interop peer: one program, built for the build machine and for the device
+// from the same source, that produces a pool with fixed content, or consumes one
+// made by the other build and checks it byte for byte, or prints the layout of
+// the shared records. Each pool kind is one section (a PoolKind) of it.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <initializer_list>
+#include <string>
+
+namespace interop {
+
+// A point in time some seconds ahead, on the monotonic clock.
+class Deadline {
+public:
+    explicit Deadline(int seconds);
+    bool passed() const;
+
+private:
+    timespec end_;
+};
+
+// Sleeps a few milliseconds between two polls.
+void pause();
+
+// How producer and consumer of one kind tell each other where they are: marker
+// files KIND.EVENT in a directory that both processes see.
+class Rendezvous {
+public:
+    Rendezvous(std::string dir, std::string kind);
+    void mark(const char* event) const;
+    bool seen(const char* event) const;
+    // Polls until `event` is marked. False at the deadline, or as soon as `stop`
+    // (if given) is marked instead.
+    bool waitFor(const char* event, const char* stop, int seconds) const;
+
+private:
+    std::string path(const char* event) const;
+
+    std::string dir_;
+    std::string kind_;
+};
+
+// The outcome of one side's checks for one kind. Every failed check prints one
+// line "FAIL <kind>: <what>: <detail>" on stdout.
+class Checks {
+public:
+    explicit Checks(std::string kind);
+
+    bool expect(bool ok, const std::string& what, const std::string& detail = "");
+    template <class T>
+    bool equal(const std::string& what, T expected, T actual) {
+        return expect(expected == actual, what, "expected " + std::to_string(expected) + ", got " + std::to_string(actual));
+    }
+    // Compares two byte ranges (one check) word by word, words aligned on 4 from
+    // the segment start when the ranges begin at offset `base` of a segment, and
+    // reports each differing word under the name nameAt(its offset) gives it.
+    bool bytes(const std::string& what, const unsigned char* expected, const unsigned char* actual, size_t length,
+               size_t base, std::string (*nameAt)(size_t offset));
+    void fail(const std::string& what, const std::string& detail) { expect(false, what, detail); }
+
+    int failed() const { return failed_; }
+    int total() const { return total_; }
+    // "<kind>: N checks, M failed"
+    void summary() const;
+
+private:
+    void report(const std::string& what, const std::string& detail) const;
+
+    std::string kind_;
+    int total_ = 0;
+    int failed_ = 0;
+};
+
+// Layout fingerprint of one shared record: one line with its size, alignment
+// and every field's offset and size, so that two builds can be compared by diff.
+struct Field {
+    const char* name;
+    size_t offset;
+    size_t size;
+};
+void printLayout(const char* type, size_t size, size_t align, std::initializer_list<Field> fields);
+#define INTEROP_FIELD(type, member) \
+    ::interop::Field { #member, offsetof(type, member), sizeof(type::member) }
+
+// One semaphore's value and the number of processes waiting for it to become
+// zero; -1 when semctl fails.
+int semValue(int semId, int index);
+int semZeroWaiters(int semId, int index);
+// Number of semaphores in a set (IPC_STAT), -1 on failure.
+int semCount(int semId);
+
+// A whole segment mapped read-only, beside whatever the getter under test maps.
+class RawSegment {
+public:
+    explicit RawSegment(int key);
+    ~RawSegment();
+    RawSegment(const RawSegment&) = delete;
+    RawSegment& operator=(const RawSegment&) = delete;
+
+    bool attached() const { return base_ != nullptr; }
+    const unsigned char* base() const { return base_; }
+    size_t size() const { return size_; }  // the kernel's segment size (IPC_STAT)
+
+private:
+    const unsigned char* base_ = nullptr;
+    size_t size_ = 0;
+};
+
+// Little-endian 32-bit words, as every integer lies in a segment on the device.
+void putLE32(unsigned char* at, unsigned int value);
+unsigned int readLE32(const unsigned char* at);
+
+// One pool kind's section of the peer.
+struct PoolKind {
+    const char* name;
+    void (*layout)();
+    void (*produce)(const Rendezvous& meet, Checks& checks);
+    void (*consume)(const Rendezvous& meet, Checks& checks);
+};
+
+extern const PoolKind jpgKind;
+
+}  // namespace interop

@@ -1,0 +1,161 @@
+#include "peer.h"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+namespace interop {
+
+Deadline::Deadline(int seconds) {
+    clock_gettime(CLOCK_MONOTONIC, &end_);
+    end_.tv_sec += seconds;
+}
+
+bool Deadline::passed() const {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec > end_.tv_sec || (now.tv_sec == end_.tv_sec && now.tv_nsec >= end_.tv_nsec);
+}
+
+void pause() {
+    timespec step{0, 2 * 1000 * 1000};
+    nanosleep(&step, nullptr);
+}
+
+Rendezvous::Rendezvous(std::string dir, std::string kind) : dir_(std::move(dir)), kind_(std::move(kind)) {}
+
+std::string Rendezvous::path(const char* event) const {
+    return dir_ + "/" + kind_ + "." + event;
+}
+
+void Rendezvous::mark(const char* event) const {
+    int fd = open(path(event).c_str(), O_WRONLY | O_CREAT, 0644);
+    if (fd == -1) {
+        perror(path(event).c_str());
+        return;
+    }
+    close(fd);
+}
+
+bool Rendezvous::seen(const char* event) const {
+    return access(path(event).c_str(), F_OK) == 0;
+}
+
+bool Rendezvous::waitFor(const char* event, const char* stop, int seconds) const {
+    Deadline deadline(seconds);
+    while (!seen(event)) {
+        if ((stop != nullptr && seen(stop)) || deadline.passed()) return false;
+        pause();
+    }
+    return true;
+}
+
+Checks::Checks(std::string kind) : kind_(std::move(kind)) {}
+
+bool Checks::expect(bool ok, const std::string& what, const std::string& detail) {
+    ++total_;
+    if (!ok) {
+        ++failed_;
+        report(what, detail);
+    }
+    return ok;
+}
+
+void Checks::report(const std::string& what, const std::string& detail) const {
+    printf("FAIL %s: %s%s%s\n", kind_.c_str(), what.c_str(), detail.empty() ? "" : ": ", detail.c_str());
+    fflush(stdout);
+}
+
+bool Checks::bytes(const std::string& what, const unsigned char* expected, const unsigned char* actual, size_t length,
+                   size_t base, std::string (*nameAt)(size_t offset)) {
+    constexpr int shownWords = 12;
+    int differing = 0;
+    size_t offset = 0;
+    while (offset < length) {
+        // Words are aligned on the segment, so a field is reported as a whole.
+        size_t end = (base + offset) / 4 * 4 + 4 - base;
+        if (end > length) end = length;
+        bool same = true;
+        for (size_t i = offset; i < end; ++i) same = same && expected[i] == actual[i];
+        if (!same && differing++ < shownWords) {
+            char detail[128];
+            int used = snprintf(detail, sizeof detail, "offset %zu:", base + offset);
+            for (size_t i = offset; i < end; ++i)
+                used += snprintf(detail + used, sizeof detail - used, " %02x", expected[i]);
+            used += snprintf(detail + used, sizeof detail - used, " expected, got");
+            for (size_t i = offset; i < end; ++i)
+                used += snprintf(detail + used, sizeof detail - used, " %02x", actual[i]);
+            report(what + " " + nameAt(base + offset), detail);
+        }
+        offset = end;
+    }
+    if (differing > shownWords) report(what, std::to_string(differing - shownWords) + " more differing words");
+    ++total_;
+    if (differing > 0) ++failed_;
+    return differing == 0;
+}
+
+void Checks::summary() const {
+    printf("%s: %d checks, %d failed\n", kind_.c_str(), total_, failed_);
+    fflush(stdout);
+}
+
+void printLayout(const char* type, size_t size, size_t align, std::initializer_list<Field> fields) {
+    printf("%s size=%zu align=%zu", type, size, align);
+    for (const Field& field : fields) printf(" %s@%zu+%zu", field.name, field.offset, field.size);
+    printf("\n");
+}
+
+int semValue(int semId, int index) {
+    return semctl(semId, index, GETVAL);
+}
+
+int semZeroWaiters(int semId, int index) {
+    return semctl(semId, index, GETZCNT);
+}
+
+namespace {
+union SemArg {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+}  // namespace
+
+int semCount(int semId) {
+    semid_ds status{};
+    SemArg arg;
+    arg.buf = &status;
+    if (semctl(semId, 0, IPC_STAT, arg) == -1) return -1;
+    return static_cast<int>(status.sem_nsems);
+}
+
+RawSegment::RawSegment(int key) {
+    int id = shmget(key, 0, 0400);
+    if (id == -1) return;
+    shmid_ds status{};
+    if (shmctl(id, IPC_STAT, &status) == -1) return;
+    void* address = shmat(id, nullptr, SHM_RDONLY);
+    if (address == reinterpret_cast<void*>(-1) || address == nullptr) return;
+    base_ = static_cast<const unsigned char*>(address);
+    size_ = status.shm_segsz;
+}
+
+RawSegment::~RawSegment() {
+    if (base_ != nullptr) shmdt(base_);
+}
+
+void putLE32(unsigned char* at, unsigned int value) {
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<unsigned char>(value >> (8 * i));
+}
+
+unsigned int readLE32(const unsigned char* at) {
+    unsigned int value = 0;
+    for (int i = 3; i >= 0; --i) value = value << 8 | at[i];
+    return value;
+}
+
+}  // namespace interop
