@@ -1,0 +1,63 @@
+// Read-only looks at the System V objects of a pool, for the inspecting verbs.
+// Nothing here writes to a segment or changes a semaphore.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <sys/types.h>
+
+namespace avpool::cli {
+
+// A pool segment attached read-only, with what the kernel knows about it.
+class SegmentView {
+public:
+    // what names the pool in messages ("jpg pool on channel 2"). A missing
+    // segment ends the tool with "no <what> (key 0x4c02)".
+    SegmentView(int key, size_t headerSize, const std::string& what);
+    ~SegmentView();
+    SegmentView(const SegmentView&) = delete;
+    SegmentView& operator=(const SegmentView&) = delete;
+
+    int key() const { return key_; }
+    int id() const { return id_; }
+    size_t size() const { return size_; }
+    pid_t creator() const { return creator_; }
+    // Attachments other than this view's own, counted before attaching.
+    unsigned long attached() const { return attached_; }
+    const unsigned char* base() const { return base_; }
+
+    // Copies size bytes at offset out of the segment; false when they lie
+    // outside it (a damaged header must not make the inspector fault).
+    bool read(size_t offset, void* out, size_t size) const;
+
+private:
+    int key_;
+    int id_ = -1;
+    size_t size_ = 0;
+    pid_t creator_ = 0;
+    unsigned long attached_ = 0;
+    const unsigned char* base_ = nullptr;
+};
+
+// A pool's semaphore set opened read-only; id() is -1 when there is none.
+class LockView {
+public:
+    LockView(int key, int count);
+    int id() const { return id_; }
+    int error() const { return error_; }
+    // The semaphore's value, or -1 when it cannot be read.
+    int value(int index) const;
+
+private:
+    int id_;
+    int error_ = 0;
+};
+
+// "0x4c02 (19458)"
+std::string keyText(int key);
+
+// Whether a segment exists under key; if so, creator receives the pid that
+// created it.
+bool findSegment(int key, pid_t& creator);
+
+}  // namespace avpool::cli
