@@ -1,0 +1,110 @@
+// The demo's cast: the pools its producer writes, the consumers that follow
+// them in their own processes, and the board in shared anonymous memory where
+// every process publishes its counters for the live summary.
+#pragma once
+
+#include "children.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace avpool::demo {
+
+struct JpgPoolPlan {
+    int channel;
+    int frameCount;
+    int fps;
+    int width;
+    int height;
+    int quality;
+    int minFrame;   // frame lengths vary between these two
+    int maxFrame;   // also the pool's maxFrameSize
+    int ringBytes;  // length of the data ring
+};
+
+// How a consumer gets back into step once the writer has overtaken it.
+enum class Catchup {
+    Newest,  // toWorking: jump to the frame being written
+    Oldest,  // toOldestWorking: the oldest frame still safe from the writer
+};
+
+struct ConsumerPlan {
+    const char* name;
+    int pool;     // index into the pool plans
+    int pauseMs;  // time spent on each frame; more than the frame period falls behind
+    Catchup catchup;
+};
+
+constexpr int MAX_POOLS = 4;
+constexpr int MAX_CONSUMERS = 8;
+constexpr int ERROR_TEXT = 160;
+
+static_assert(std::atomic<unsigned long long>::is_always_lock_free,
+              "the board is shared between processes and needs lock-free counters");
+
+struct PoolBoard {
+    std::atomic<unsigned long long> started{0};    // number of the frame being put
+    std::atomic<unsigned long long> completed{0};  // number of the last frame put
+};
+
+struct ConsumerBoard {
+    std::atomic<unsigned long long> read{0};         // frames verified whole
+    std::atomic<unsigned long long> skipped{0};      // frames between two reads that were never read
+    std::atomic<unsigned long long> overwritten{0};  // reads given up because the writer got there first
+    std::atomic<unsigned long long> overtaken{0};    // gaps: times the writer went past it
+    std::atomic<unsigned long long> errors{0};       // frames intact before and after reading, yet wrong
+    std::atomic<unsigned long long> lastId{0};
+    std::atomic<long long> lastCaptureUs{0};
+    char firstError[ERROR_TEXT] = {};  // written before errors first becomes 1
+};
+
+struct Board {
+    std::atomic<int> ready{0};  // the pools exist
+    std::atomic<int> stop{0};
+    PoolBoard pools[MAX_POOLS];
+    ConsumerBoard consumers[MAX_CONSUMERS];
+};
+
+// What a consumer process needs; it runs until board->stop or the pool goes away.
+struct ConsumerJob {
+    const ConsumerPlan* plan;
+    const JpgPoolPlan* pool;
+    Board* board;
+    ConsumerBoard* counters;  // this consumer's place on the board
+};
+
+// Body of a consumer process; its result is the process's exit code.
+int runJpgConsumer(void* job);
+
+// Everything the summaries show.
+struct RunView {
+    const JpgPoolPlan* pools;
+    int poolCount;
+    const ConsumerPlan* consumers;
+    int consumerCount;
+    const Board* board;
+    const avpool::cli::Child* children;
+    int seconds;  // planned length of the run
+};
+
+// The summary while the demo runs, about once a second: on a terminal a table
+// redrawn in place, otherwise one line per consumer.
+class LiveSummary {
+public:
+    explicit LiveSummary(const RunView& run);
+    void show(double elapsedSeconds);
+
+private:
+    void showTable(double elapsedSeconds);
+    void showLines(double elapsedSeconds);
+
+    const RunView& run_;
+    bool terminal_;
+    int drawnLines_ = 0;
+};
+
+// The closing table and verdict; returns the number of failures found (damaged
+// frames, consumers that read nothing or did not end cleanly).
+int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSignal);
+
+}  // namespace avpool::demo

@@ -1,0 +1,160 @@
+// What the demo prints: the live summary and the closing report.
+
+#include "demo.h"
+
+#include <avpool/jpg.h>
+
+#include <cstdio>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace avpool::demo {
+
+namespace {
+
+unsigned long long load(const std::atomic<unsigned long long>& counter) {
+    return counter.load(std::memory_order_relaxed);
+}
+
+void paceText(const ConsumerPlan& consumer, char* text, int size) {
+    if (consumer.pauseMs == 0)
+        snprintf(text, size, "live");
+    else
+        snprintf(text, size, "%dms", consumer.pauseMs);
+}
+
+// Frames the producer has put since the consumer's last read, and how old the
+// frame it read last is.
+void lagText(const RunView& run, int i, char* text, int size) {
+    const ConsumerBoard& counters = run.board->consumers[i];
+    unsigned long long last = load(counters.lastId);
+    if (last == 0) {
+        snprintf(text, size, "-");
+        return;
+    }
+    unsigned long long newest = load(run.board->pools[run.consumers[i].pool].completed);
+    timeval now;
+    gettimeofday(&now, nullptr);
+    long long nowUs = static_cast<long long>(now.tv_sec) * 1000000 + now.tv_usec;
+    long long ageMs = (nowUs - counters.lastCaptureUs.load(std::memory_order_relaxed)) / 1000;
+    snprintf(text, size, "%llu fr, %lld ms", newest > last ? newest - last : 0, ageMs);
+}
+
+void printConsumerHeader(int lagWidth) {
+    printf("%-8s %-6s %6s %8s %8s %11s %9s %6s  %-*s", "consumer", "pool", "pace", "read", "skipped",
+           "overwritten", "overtaken", "errors", lagWidth, "lag");
+}
+
+void printConsumerRow(const RunView& run, int i, const char* lag) {
+    const ConsumerPlan& consumer = run.consumers[i];
+    const ConsumerBoard& counters = run.board->consumers[i];
+    char pace[16];
+    paceText(consumer, pace, sizeof pace);
+    printf("%-8s jpg %-2d %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, run.pools[consumer.pool].channel,
+           pace, load(counters.read), load(counters.skipped), load(counters.overwritten), load(counters.overtaken),
+           load(counters.errors), lag);
+}
+
+}  // namespace
+
+LiveSummary::LiveSummary(const RunView& run) : run_(run), terminal_(isatty(STDOUT_FILENO) != 0) {}
+
+void LiveSummary::show(double elapsedSeconds) {
+    if (terminal_)
+        showTable(elapsedSeconds);
+    else
+        showLines(elapsedSeconds);
+    fflush(stdout);
+}
+
+void LiveSummary::showTable(double elapsedSeconds) {
+    if (drawnLines_ > 0) printf("\033[%dA", drawnLines_);
+    printf("\r\033[Kavpool demo: %.0f of %d s ", elapsedSeconds, run_.seconds);
+    for (int p = 0; p < run_.poolCount; ++p)
+        printf("  jpg %d: %llu frames", run_.pools[p].channel, load(run_.board->pools[p].completed));
+    printf("\n\033[K");
+    printConsumerHeader(0);
+    printf("\n");
+    for (int i = 0; i < run_.consumerCount; ++i) {
+        char lag[48];
+        lagText(run_, i, lag, sizeof lag);
+        printf("\033[K");
+        printConsumerRow(run_, i, lag);
+        printf("\n");
+    }
+    drawnLines_ = 2 + run_.consumerCount;
+}
+
+void LiveSummary::showLines(double elapsedSeconds) {
+    for (int i = 0; i < run_.consumerCount; ++i) {
+        const ConsumerPlan& consumer = run_.consumers[i];
+        const ConsumerBoard& counters = run_.board->consumers[i];
+        char lag[48];
+        lagText(run_, i, lag, sizeof lag);
+        printf("[%3.0f s] %-6s jpg %d: read %llu, skipped %llu, overwritten %llu, overtaken %llu, errors %llu, "
+               "lag %s\n",
+               elapsedSeconds, consumer.name, run_.pools[consumer.pool].channel, load(counters.read),
+               load(counters.skipped), load(counters.overwritten), load(counters.overtaken), load(counters.errors),
+               lag);
+    }
+}
+
+int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSignal) {
+    printf("\navpool demo: %.1f s, %d jpg pools, %d consumers\n\n", elapsedSeconds, run.poolCount,
+           run.consumerCount);
+    printf("%-6s %-7s %5s %4s %9s %8s  %s\n", "pool", "key", "slots", "fps", "picture", "frames", "frame sizes");
+    for (int p = 0; p < run.poolCount; ++p) {
+        const JpgPoolPlan& pool = run.pools[p];
+        char picture[24];
+        snprintf(picture, sizeof picture, "%dx%d", pool.width, pool.height);
+        printf("jpg %-2d 0x%-5x %5d %4d %9s %8llu  %d..%d\n", pool.channel, JPG_BASE_KEY + pool.channel,
+               pool.frameCount, pool.fps, picture, load(run.board->pools[p].completed), pool.minFrame,
+               pool.maxFrame);
+    }
+    printf("\n");
+    constexpr int LAG_WIDTH = 9;
+    printConsumerHeader(LAG_WIDTH);
+    printf(" %8s  %s\n", "pid", "ended");
+    for (int i = 0; i < run.consumerCount; ++i) {
+        const avpool::cli::Child& child = run.children[i];
+        unsigned long long last = load(run.board->consumers[i].lastId);
+        unsigned long long newest = load(run.board->pools[run.consumers[i].pool].completed);
+        char lag[32];
+        snprintf(lag, sizeof lag, "%-*llu", LAG_WIDTH, newest > last ? newest - last : 0);
+        char outcome[40];
+        printConsumerRow(run, i, lag);
+        printf(" %8d  %s\n", static_cast<int>(child.pid), avpool::cli::childOutcome(child, outcome, sizeof outcome));
+    }
+
+    int failures = 0;
+    printf("\n");
+    for (int i = 0; i < run.consumerCount; ++i) {
+        const char* name = run.consumers[i].name;
+        const ConsumerBoard& counters = run.board->consumers[i];
+        const avpool::cli::Child& child = run.children[i];
+        unsigned long long errors = counters.errors.load(std::memory_order_acquire);
+        if (errors > 0) {
+            printf("FAILED: %s: %llu damaged frame%s, first: %s\n", name, errors, errors == 1 ? "" : "s",
+                   counters.firstError);
+            ++failures;
+        }
+        if (load(counters.read) == 0) {
+            printf("FAILED: %s read no frame\n", name);
+            ++failures;
+        }
+        if (child.running || !WIFEXITED(child.status) || WEXITSTATUS(child.status) != 0) {
+            char outcome[40];
+            printf("FAILED: %s ended with %s\n", name, avpool::cli::childOutcome(child, outcome, sizeof outcome));
+            ++failures;
+        }
+    }
+    if (interruptSignal != 0)
+        printf("result: interrupted by signal %d%s\n", interruptSignal, failures ? ", with failures" : "");
+    else
+        printf("result: %s\n", failures ? "FAILED" : "ok");
+    fflush(stdout);
+    return failures;
+}
+
+}  // namespace avpool::demo
