@@ -1,0 +1,26 @@
+#!/bin/sh
+# Checks that a build for this machine and a build for the armhf device meet in
+# the same pools byte for byte: builds the interop peer in both (configuring the
+# trees where needed) and runs tests/interop/run-interop.sh on them.
+#
+#   scripts/interop-test.sh [NATIVE_BUILD_DIR] [ARMHF_BUILD_DIR]
+#
+# Defaults: build-interop-native and build-armhf in the repository. An existing
+# native build tree (with tests enabled) can be given instead; the armhf tree is
+# the one scripts/armhf-test.sh uses, so GoogleTest is compiled for it once.
+set -eu
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+native=${1:-$repo/build-interop-native}
+armhf=${2:-$repo/build-armhf}
+jobs=${JOBS:-$(nproc)}
+
+"$repo/scripts/install-deps.sh" native cross
+
+if [ ! -f "$native/CMakeCache.txt" ]; then
+    cmake -S "$repo" -B "$native" -DAVPOOL_BUILD_BENCH=OFF -DAVPOOL_BUILD_TOOLS=OFF
+fi
+cmake --build "$native" -j "$jobs" --target avpool_interop_peer
+"$repo/scripts/armhf-build.sh" "$armhf" avpool_interop_peer
+
+"$repo/tests/interop/run-interop.sh" "$native" "$armhf"
