@@ -1,0 +1,299 @@
+#include "ipc_harness.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <thread>
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace avpool::test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int msLeft(Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+void writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = ::write(fd, data, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+}
+
+void removeKey(key_t key) {
+    int shm = shmget(key, 0, 0);
+    if (shm != -1) shmctl(shm, IPC_RMID, nullptr);
+    int sem = semget(key, 0, 0);
+    if (sem != -1) semctl(sem, 0, IPC_RMID);
+}
+
+union SemArg {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- children
+
+std::string ExitStatus::describe() const {
+    if (timedOut) return "timed out and killed";
+    if (exited) return "exited with " + std::to_string(code);
+    return "killed by signal " + std::to_string(signal);
+}
+
+void ChildLink::say(const std::string& line) const {
+    std::string out = line + "\n";
+    writeAll(toParent_, out.data(), out.size());
+}
+
+bool ChildLink::awaitGo() const {
+    char byte;
+    for (;;) {
+        ssize_t n = ::read(fromParent_, &byte, 1);
+        if (n < 0 && errno == EINTR) continue;
+        return n == 1;
+    }
+}
+
+namespace {
+int signalReportFd = -1;
+
+void sayOnSignal(int) {
+    static const char line[] = "signal\n";
+    ssize_t ignored = ::write(signalReportFd, line, sizeof line - 1);
+    (void)ignored;
+}
+}  // namespace
+
+void ChildLink::reportSignal(int sig) const {
+    signalReportFd = toParent_;
+    struct sigaction action {};
+    action.sa_handler = sayOnSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    sigaction(sig, &action, nullptr);
+}
+
+ForkedChild::ForkedChild(std::function<int(ChildLink&)> body) {
+    int up[2];
+    int down[2];
+    if (pipe(up) != 0 || pipe(down) != 0) throw std::runtime_error("pipe failed");
+    fflush(nullptr);  // nothing buffered may be written twice
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        close(up[0]);
+        close(down[1]);
+        ChildLink link(up[1], down[0]);
+        int code = 0;
+        try {
+            code = body(link);
+        } catch (const std::exception& e) {
+            link.say(std::string("threw: ") + e.what());
+            code = 99;
+        } catch (...) {
+            link.say("threw: unknown");
+            code = 99;
+        }
+        fflush(nullptr);
+        _exit(code);
+    }
+    close(up[1]);
+    close(down[0]);
+    fromChild_ = up[0];
+    toChild_ = down[1];
+}
+
+ForkedChild::~ForkedChild() {
+    if (!reaped_) wait(0);
+    close(fromChild_);
+    close(toChild_);
+}
+
+bool ForkedChild::readLine(std::string& line, int timeoutMs) {
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        size_t end = pending_.find('\n');
+        if (end != std::string::npos) {
+            line = pending_.substr(0, end);
+            pending_.erase(0, end + 1);
+            return true;
+        }
+        pollfd p{fromChild_, POLLIN, 0};
+        int ready = ::poll(&p, 1, msLeft(deadline));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return false;
+        char buffer[256];
+        ssize_t n = ::read(fromChild_, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        pending_.append(buffer, static_cast<size_t>(n));
+    }
+}
+
+void ForkedChild::go() {
+    writeAll(toChild_, "g", 1);
+}
+
+bool ForkedChild::running() {
+    if (reaped_) return false;
+    // waitid with WNOWAIT looks without reaping, so wait() still gets the status.
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return false;
+    return info.si_pid == 0;
+}
+
+void ForkedChild::signal(int sig) {
+    if (!reaped_) ::kill(pid_, sig);
+}
+
+ExitStatus ForkedChild::wait(int timeoutMs) {
+    if (reaped_) return status_;
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int raw = 0;
+    for (;;) {
+        pid_t done = waitpid(pid_, &raw, WNOHANG);
+        if (done == pid_) break;
+        if (Clock::now() >= deadline) {
+            ::kill(pid_, SIGKILL);
+            while (waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
+            }
+            status_.timedOut = true;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    reaped_ = true;
+    status_.exited = WIFEXITED(raw);
+    status_.code = status_.exited ? WEXITSTATUS(raw) : -1;
+    status_.signal = WIFSIGNALED(raw) ? WTERMSIG(raw) : 0;
+    return status_;
+}
+
+bool eventually(const std::function<bool()>& condition, int timeoutMs) {
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (condition()) return true;
+        if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// --------------------------------------------------------------- raw access
+
+RawSegment::RawSegment(key_t key) {
+    id_ = shmget(key, 0, 0);
+    if (id_ == -1) return;
+    shmid_ds ds{};
+    if (shmctl(id_, IPC_STAT, &ds) != 0) return;
+    size_ = ds.shm_segsz;
+    void* address = shmat(id_, nullptr, SHM_RDONLY);
+    if (address == reinterpret_cast<void*>(-1)) return;
+    base_ = static_cast<const unsigned char*>(address);
+}
+
+RawSegment::~RawSegment() {
+    if (base_ != nullptr) shmdt(base_);
+}
+
+int32_t RawSegment::i32(size_t offset) const {
+    int32_t value;
+    memcpy(&value, base_ + offset, sizeof value);
+    return value;
+}
+
+uint32_t RawSegment::u32(size_t offset) const {
+    uint32_t value;
+    memcpy(&value, base_ + offset, sizeof value);
+    return value;
+}
+
+uint64_t RawSegment::u64(size_t offset) const {
+    return static_cast<uint64_t>(u32(offset + 4)) << 32 | u32(offset);
+}
+
+std::vector<unsigned char> RawSegment::bytes(size_t offset, size_t count) const {
+    return std::vector<unsigned char>(base_ + offset, base_ + offset + count);
+}
+
+int shmIdOf(key_t key) {
+    return shmget(key, 0, 0);
+}
+
+int semIdOf(key_t key) {
+    return semget(key, 0, 0);
+}
+
+int semCountOf(int semId) {
+    semid_ds ds{};
+    SemArg arg;
+    arg.buf = &ds;
+    if (semctl(semId, 0, IPC_STAT, arg) != 0) return -1;
+    return static_cast<int>(ds.sem_nsems);
+}
+
+bool shmIdAlive(int shmId) {
+    shmid_ds ds{};
+    return shmctl(shmId, IPC_STAT, &ds) == 0;
+}
+
+bool semIdAlive(int semId) {
+    return semCountOf(semId) != -1;
+}
+
+int lockValue(key_t key, int index) {
+    int id = semIdOf(key);
+    return id == -1 ? -1 : semctl(id, index, GETVAL);
+}
+
+int lockWaiters(key_t key, int index) {
+    int id = semIdOf(key);
+    return id == -1 ? -1 : semctl(id, index, GETZCNT);
+}
+
+std::vector<int> lockValues(key_t key, int count) {
+    std::vector<int> values;
+    for (int i = 0; i < count; ++i) values.push_back(lockValue(key, i));
+    return values;
+}
+
+int plantSemSet(key_t key, int count) {
+    return semget(key, count, IPC_CREAT | IPC_EXCL | 0600);
+}
+
+IpcKeys::IpcKeys(std::initializer_list<key_t> keys) : keys_(keys) {
+    removeAll();
+}
+
+IpcKeys::~IpcKeys() {
+    removeAll();
+}
+
+void IpcKeys::add(key_t key) {
+    keys_.push_back(key);
+    removeKey(key);
+}
+
+void IpcKeys::removeAll() const {
+    for (key_t key : keys_) removeKey(key);
+}
+
+}  // namespace avpool::test

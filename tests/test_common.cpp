@@ -1,0 +1,280 @@
+// The mechanism every pool shares: lock positions and semaphore groups, segment
+// and set creation with one forced release, safe-time forms and the lock wait.
+#include "pools/common/errors.h"
+#include "pools/common/safe_time.h"
+#include "pools/common/segment.h"
+#include "pools/common/slot_lock.h"
+
+#include "ipc_harness.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <sys/sem.h>
+#include <sys/shm.h>
+
+using namespace avpool::detail;
+using avpool::test::ChildLink;
+using avpool::test::eventually;
+using avpool::test::ForkedChild;
+
+namespace {
+
+class CommonError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+constexpr Raise fail = raiseAs<CommonError>;
+
+// Message and stderr of a call that must throw CommonError.
+template <class Call>
+std::pair<std::string, std::string> failureOf(Call call) {
+    testing::internal::CaptureStderr();
+    std::string message = "<no exception>";
+    try {
+        call();
+    } catch (const CommonError& e) {
+        message = e.what();
+    }
+    return {message, testing::internal::GetCapturedStderr()};
+}
+
+constexpr key_t FIRST_KEY = 0x7100;
+
+}  // namespace
+
+TEST(SemGroups, slotPositionIsGroupOf250AndIndexWithinIt) {
+    const int cases[][3] = {{0, 0, 0}, {249, 0, 249}, {250, 1, 0}, {501, 2, 1}, {999, 3, 249}};
+    for (const auto& c : cases) {
+        int group = -1, index = -1;
+        semPosition(c[0], group, index, fail);
+        EXPECT_EQ(group, c[1]) << c[0];
+        EXPECT_EQ(index, c[2]) << c[0];
+    }
+    int group, index;
+    auto [message, log] = failureOf([&] { semPosition(1000, group, index, fail); });
+    EXPECT_EQ(message, "Over Max Semaphore Group.");
+    EXPECT_EQ(log, "");
+}
+
+TEST(SemGroups, groupSizesAreFilledInOrder) {
+    struct Case {
+        int slots;
+        std::vector<int> counts;
+    };
+    const Case cases[] = {{200, {200, 0, 0, 0}},     {250, {250, 0, 0, 0}},     {251, {250, 1, 0, 0}},
+                          {300, {250, 50, 0, 0}},    {750, {250, 250, 250, 0}}, {1000, {250, 250, 250, 250}}};
+    for (const Case& c : cases) {
+        int counts[SEM_MAX_GROUPS] = {-1, -1, -1, -1};
+        int groups = semGroupCount(c.slots, counts);
+        EXPECT_EQ(std::vector<int>(counts, counts + SEM_MAX_GROUPS), c.counts) << c.slots;
+        EXPECT_EQ(groups, static_cast<int>(c.counts.size()) - std::count(c.counts.begin(), c.counts.end(), 0))
+            << c.slots;
+    }
+}
+
+TEST(SemGroups, groupsLiveUnderConsecutiveKeysAndAreRemovedTogether) {
+    avpool::test::IpcKeys keys{FIRST_KEY, FIRST_KEY + 1, FIRST_KEY + 2, FIRST_KEY + 3};
+    SemGroups groups;
+    std::vector<int> forced;
+    testing::internal::CaptureStdout();
+    createSemGroups(FIRST_KEY, 600, groups, [&](int g) { forced.push_back(g); }, fail, "Create sem:%d\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Create sem:250\nCreate sem:250\nCreate sem:100\n");
+    EXPECT_TRUE(forced.empty());
+    const int expected[] = {250, 250, 100};
+    for (int g = 0; g < 3; ++g) {
+        EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY + g), groups.id[g]);
+        EXPECT_EQ(avpool::test::semCountOf(groups.id[g]), expected[g]);
+        EXPECT_EQ(groups.count[g], expected[g]);
+    }
+    EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY + 3), -1);
+    EXPECT_EQ(groups.id[3], -1);
+
+    SemGroups opened;
+    openSemGroups(FIRST_KEY, 600, opened, fail);
+    EXPECT_EQ(std::vector<int>(opened.id, opened.id + 4), std::vector<int>(groups.id, groups.id + 4));
+    forgetSemGroups(opened);
+    EXPECT_EQ(std::vector<int>(opened.id, opened.id + 4), std::vector<int>(4, -1));
+    EXPECT_NE(avpool::test::semIdOf(FIRST_KEY), -1);  // forgetting removes nothing
+
+    removeSemGroups(groups);
+    for (int g = 0; g < 4; ++g) {
+        EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY + g), -1);
+        EXPECT_EQ(groups.id[g], -1);
+        EXPECT_EQ(groups.count[g], 0);
+    }
+    auto [message, log] = failureOf([&] { openSemGroups(FIRST_KEY, 600, opened, fail); });
+    EXPECT_EQ(message, "semget failed.");
+    EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
+}
+
+TEST(SemGroups, leftoverGroupIsForcedOutOnceAndOtherwiseFailsCreation) {
+    avpool::test::IpcKeys keys{FIRST_KEY, FIRST_KEY + 1};
+    // A leftover of any size is found by a lookup with 0 semaphores.
+    ASSERT_NE(avpool::test::plantSemSet(FIRST_KEY + 1, 7), -1);
+    SemGroups groups;
+    std::vector<int> forced;
+    createSemGroups(
+        FIRST_KEY, 251, groups,
+        [&](int g) {
+            forced.push_back(g);
+            forceRemoveSemSet(FIRST_KEY + g, 0, 250);
+        },
+        fail);
+    EXPECT_EQ(forced, std::vector<int>{1});
+    EXPECT_EQ(avpool::test::semCountOf(avpool::test::semIdOf(FIRST_KEY + 1)), 1);
+    removeSemGroups(groups);
+
+    // A release that removes nothing leaves the second attempt failing too.
+    int stale = avpool::test::plantSemSet(FIRST_KEY, 3);
+    ASSERT_NE(stale, -1);
+    SemGroups blocked;
+    int calls = 0;
+    auto [message, log] =
+        failureOf([&] { createSemGroups(FIRST_KEY, 10, blocked, [&](int) { ++calls; }, fail); });
+    EXPECT_EQ(message, "semget failed.");
+    EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY), stale);
+}
+
+TEST(Segments, creationForcesOutALeftoverOnceAndRemovalLeavesNothing) {
+    avpool::test::IpcKeys keys{FIRST_KEY};
+    int leftover = shmget(FIRST_KEY, 64, IPC_CREAT | 0600);
+    ASSERT_NE(leftover, -1);
+    int forced = 0;
+    int id = createSegment(
+        FIRST_KEY, 128,
+        [&] {
+            ++forced;
+            forceRemoveSegment(FIRST_KEY, 0);
+        },
+        fail);
+    EXPECT_EQ(forced, 1);
+    EXPECT_NE(id, leftover);
+    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), id);
+
+    void* address = attachSegment(id, AttachFailure::MinusOne, fail);
+    static_cast<char*>(address)[127] = 'z';
+    int readerId = openSegment(FIRST_KEY, 16, fail);  // a smaller size is accepted
+    void* readerAddress = attachSegment(readerId, AttachFailure::Null, fail);
+    EXPECT_EQ(static_cast<char*>(readerAddress)[127], 'z');  // the whole segment is mapped
+    detachSegment(readerId, readerAddress, nullptr);
+    EXPECT_EQ(readerId, -1);
+    EXPECT_EQ(readerAddress, nullptr);
+    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), id);
+
+    removeSegment(id, address, nullptr);
+    EXPECT_EQ(id, -1);
+    EXPECT_EQ(address, nullptr);
+    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
+
+    // Forced release with the full size creates a missing segment and removes it.
+    forceRemoveSegment(FIRST_KEY, 4096);
+    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
+    auto [message, log] = failureOf([&] { openSegment(FIRST_KEY, 16, fail); });
+    EXPECT_EQ(message, "shmget failed.");
+    EXPECT_EQ(log.rfind("shmget failed: ", 0), 0u) << log;
+}
+
+TEST(SafeTimes, frameFormLeavesZeroOnTheWriterAndTheSlotBehindIt) {
+    std::vector<int32_t> table(3, -1);
+    setSafeTimesFrameForm(table.data(), 3, 0, 100);
+    EXPECT_EQ(table, (std::vector<int32_t>{0, 100, 0}));
+
+    table.assign(5, -1);
+    setSafeTimesFrameForm(table.data(), 5, 3, 40);
+    EXPECT_EQ(table, (std::vector<int32_t>{80, 120, 0, 0, 40}));
+
+    // A group of slots per position gets one value throughout.
+    table.assign(6, -1);
+    setSafeTimesFrameForm(table.data(), 3, 1, 50, 2);
+    EXPECT_EQ(table, (std::vector<int32_t>{0, 0, 0, 0, 50, 50}));
+}
+
+TEST(SafeTimes, fragmentFormKeepsAllIntervalsOnTheSlotBehindTheWriter) {
+    std::vector<int32_t> table(5, -1);
+    setSafeTimesFragmentForm(table.data(), 5, 2, 10);
+    EXPECT_EQ(table, (std::vector<int32_t>{30, 40, 0, 10, 20}));
+
+    table.assign(200, -1);
+    setSafeTimesFragmentForm(table.data(), 200, 0, 20);
+    EXPECT_EQ(table[0], 0);
+    EXPECT_EQ(table[1], 20);
+    EXPECT_EQ(table[199], 199 * 20);
+}
+
+class LockWait : public ::testing::Test {
+protected:
+    void SetUp() override {
+        set = avpool::test::plantSemSet(FIRST_KEY, 2);
+        ASSERT_NE(set, -1);
+        setLock(set, 0, LOCK_OPEN, fail);
+        setLock(set, 1, LOCK_CLOSED, fail);
+    }
+    // A child that waits on lock 1 and reports how the wait ended.
+    static int waitOnLockOne(ChildLink& link, OnSignal onSignal) {
+        link.reportSignal(SIGUSR1);
+        int id = avpool::test::semIdOf(FIRST_KEY);
+        link.say("waiting");
+        waitForOpen(id, 1, onSignal, fail);
+        link.say("open");
+        return 0;
+    }
+    void interruptWait(ForkedChild& child) {
+        std::string line;
+        ASSERT_TRUE(child.readLine(line));
+        ASSERT_EQ(line, "waiting");
+        ASSERT_TRUE(eventually([&] { return semctl(set, 1, GETZCNT) == 1; }));
+        child.signal(SIGUSR1);
+        ASSERT_TRUE(child.readLine(line));
+        ASSERT_EQ(line, "signal");
+    }
+
+    avpool::test::IpcKeys keys{FIRST_KEY};
+    int set = -1;
+};
+
+TEST_F(LockWait, openLockReturnsAtOnceAndSetLockWritesTheValue) {
+    EXPECT_EQ(semctl(set, 0, GETVAL), 0);
+    EXPECT_EQ(semctl(set, 1, GETVAL), 1);
+    ForkedChild child([&](ChildLink& link) {
+        waitForOpen(set, 0, OnSignal::Fail, fail);
+        link.say("open");
+        return 0;
+    });
+    std::string line;
+    ASSERT_TRUE(child.readLine(line));
+    EXPECT_EQ(line, "open");
+    EXPECT_TRUE(child.wait().ok());
+
+    auto [message, log] = failureOf([&] { setLock(-1, 0, LOCK_CLOSED, fail); });
+    EXPECT_EQ(message, "semctl failed.");
+    EXPECT_EQ(log.rfind("semctl failed: ", 0), 0u) << log;
+}
+
+TEST_F(LockWait, retryingWaitOutlastsASignalAndEndsWhenTheLockOpens) {
+    ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Retry); });
+    interruptWait(child);
+    ASSERT_TRUE(eventually([&] { return semctl(set, 1, GETZCNT) == 1; }));
+    EXPECT_TRUE(child.running());
+    setLock(set, 1, LOCK_OPEN, fail);
+    std::string line;
+    ASSERT_TRUE(child.readLine(line));
+    EXPECT_EQ(line, "open");
+    EXPECT_TRUE(child.wait().ok());
+}
+
+TEST_F(LockWait, failingWaitEndsOnASignalWithTheSemopText) {
+    ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Fail); });
+    interruptWait(child);
+    std::string line;
+    ASSERT_TRUE(child.readLine(line));
+    EXPECT_EQ(line, "threw: semop failed.");
+    EXPECT_EQ(child.wait().code, 99);
+    EXPECT_EQ(semctl(set, 1, GETVAL), 1);
+}
