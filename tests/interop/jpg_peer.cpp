@@ -116,12 +116,12 @@ void produce(const Rendezvous& meet, Checks& checks) {
     int semId = semget(KEY, 0, 0400);
     for (FrameId id = STATIC_FRAMES + 1; id <= STATIC_FRAMES + LIVE_FRAMES; ++id) {
         Deadline deadline(WAIT_SECONDS);
-        while (semZeroWaiters(semId, slotOf(id)) < 1 && !meet.seen("done") && !deadline.passed()) pause();
+        while (semZeroWaiters(semId, slotOf(id)) < 1 && !meet.peerGone() && !deadline.passed()) pause();
         if (!checks.expect(semZeroWaiters(semId, slotOf(id)) >= 1, str("consumer waiting on the slot of frame ", id)))
             return;
         put(id);
     }
-    checks.expect(meet.waitFor("done", nullptr, WAIT_SECONDS), "consumer finished");
+    checks.expect(meet.waitFor("done", WAIT_SECONDS), "consumer finished");
 
     putter.release();
     checks.expect(shmget(KEY, 0, 0400) == -1, "segment removed by release");
@@ -457,7 +457,7 @@ void consume(const Rendezvous& meet, Checks& checks) {
         const Rendezvous& meet;
         ~Done() { meet.mark("done"); }  // lets the producer stop waiting, whatever happened here
     } done{meet};
-    if (!checks.expect(meet.waitFor("ready", "abort", WAIT_SECONDS), "producer ready")) return;
+    if (!checks.expect(meet.waitFor("ready", WAIT_SECONDS), "producer ready")) return;
     Model model;
     for (FrameId id = 1; id <= STATIC_FRAMES; ++id) model.write(id);
     model.setRealFPS(REAL_FPS);

@@ -25,21 +25,28 @@ private:
 void pause();
 
 // How producer and consumer of one kind tell each other where they are: marker
-// files KIND.EVENT in a directory that both processes see.
+// files KIND.EVENT in a directory that both processes see. The driver adds
+// "producer.exited" and "consumer.exited" once a side's process has ended,
+// however it ended, so that the other side stops waiting for it.
 class Rendezvous {
 public:
-    Rendezvous(std::string dir, std::string kind);
+    enum class Side { Producer, Consumer };
+    Rendezvous(std::string dir, std::string kind, Side side);
     void mark(const char* event) const;
     bool seen(const char* event) const;
-    // Polls until `event` is marked. False at the deadline, or as soon as `stop`
-    // (if given) is marked instead.
-    bool waitFor(const char* event, const char* stop, int seconds) const;
+    // The other side is through with this kind: it marked "done" (consumer) or
+    // "abort" (producer), or its process has exited.
+    bool peerGone() const;
+    // Polls until `event` is marked. False at the deadline or once the other
+    // side is gone without marking it.
+    bool waitFor(const char* event, int seconds) const;
 
 private:
     std::string path(const char* event) const;
 
     std::string dir_;
     std::string kind_;
+    Side side_;
 };
 
 // The outcome of one side's checks for one kind. Every failed check prints one

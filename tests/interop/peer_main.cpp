@@ -67,7 +67,8 @@ int main(int argc, char** argv) {
 
     int failed = 0;
     for (const interop::PoolKind* kind : chosen) {
-        interop::Rendezvous meet(dir, kind->name);
+        interop::Rendezvous meet(dir, kind->name, producing ? interop::Rendezvous::Side::Producer
+                                                            : interop::Rendezvous::Side::Consumer);
         interop::Checks checks(std::string(kind->name) + (producing ? " producer" : " consumer"));
         (producing ? kind->produce : kind->consume)(meet, checks);
         checks.summary();

@@ -25,7 +25,8 @@ void pause() {
     nanosleep(&step, nullptr);
 }
 
-Rendezvous::Rendezvous(std::string dir, std::string kind) : dir_(std::move(dir)), kind_(std::move(kind)) {}
+Rendezvous::Rendezvous(std::string dir, std::string kind, Side side)
+    : dir_(std::move(dir)), kind_(std::move(kind)), side_(side) {}
 
 std::string Rendezvous::path(const char* event) const {
     return dir_ + "/" + kind_ + "." + event;
@@ -44,10 +45,17 @@ bool Rendezvous::seen(const char* event) const {
     return access(path(event).c_str(), F_OK) == 0;
 }
 
-bool Rendezvous::waitFor(const char* event, const char* stop, int seconds) const {
+bool Rendezvous::peerGone() const {
+    bool producer = side_ == Side::Producer;
+    std::string exited = dir_ + (producer ? "/consumer.exited" : "/producer.exited");
+    return seen(producer ? "done" : "abort") || access(exited.c_str(), F_OK) == 0;
+}
+
+bool Rendezvous::waitFor(const char* event, int seconds) const {
     Deadline deadline(seconds);
     while (!seen(event)) {
-        if ((stop != nullptr && seen(stop)) || deadline.passed()) return false;
+        // Its last marks may have come just before it went.
+        if (deadline.passed() || (peerGone() && !seen(event))) return false;
         pause();
     }
     return true;

@@ -54,16 +54,22 @@ run_pair() {
     producer=$1
     consumer=$2
     title="$(arch_of "$producer") producer -> $(arch_of "$consumer") consumer"
-    dir=$(mktemp -d "${TMPDIR:-/tmp}/avpool-interop.XXXXXX")
-    # shellcheck disable=SC2046 # the launcher is a command with arguments
-    timeout -k 5 $limit $(launcher_for "$producer") "$producer" produce "$dir" >"$dir/producer.out" 2>&1 &
+    dir=$work/$3
+    mkdir "$dir"
+    producer_launch=$(launcher_for "$producer") || return 1
+    consumer_launch=$(launcher_for "$consumer") || return 1
+    # The launchers are commands with arguments: unquoted on purpose.
+    (
+        timeout -k 5 $limit $producer_launch "$producer" produce "$dir" >"$dir/producer.out" 2>&1
+        echo $? >"$dir/producer.exited"
+    ) &
     producer_pid=$!
-    # shellcheck disable=SC2046
-    timeout -k 5 $limit $(launcher_for "$consumer") "$consumer" consume "$dir" >"$dir/consumer.out" 2>&1
+    timeout -k 5 $limit $consumer_launch "$consumer" consume "$dir" >"$dir/consumer.out" 2>&1
     consumer_status=$?
+    echo $consumer_status >"$dir/consumer.exited"
     wait "$producer_pid"
-    producer_status=$?
-    if [ $producer_status -eq 0 ] && [ $consumer_status -eq 0 ]; then
+    producer_status=$(cat "$dir/producer.exited" 2>/dev/null || echo "none")
+    if [ "$producer_status" = 0 ] && [ $consumer_status -eq 0 ]; then
         echo "PASS $title"
         sed 's/^/    /' "$dir/consumer.out" | grep ' checks, '
         status=0
@@ -75,16 +81,20 @@ run_pair() {
         sed 's/^/    /' "$dir/consumer.out"
         status=1
     fi
-    rm -rf "$dir"
     return $status
 }
+
+# A scratch directory for this process, removed however it ends.
+work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-interop.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+trap 'exit 130' HUP INT PIPE TERM
 
 if [ "${1:-}" = "--inside" ]; then
     shift
     failed=0
-    run_pair "$1" "$2" || failed=$((failed + 1))
+    run_pair "$1" "$2" forward || failed=$((failed + 1))
     if [ "$1" != "$2" ]; then
-        run_pair "$2" "$1" || failed=$((failed + 1))
+        run_pair "$2" "$1" reverse || failed=$((failed + 1))
     fi
     exit $failed
 fi
@@ -101,23 +111,22 @@ done
 first=$(cd "$(dirname "$first")" && pwd)/avpool_interop_peer
 second=$(cd "$(dirname "$second")" && pwd)/avpool_interop_peer
 
+first_launch=$(launcher_for "$first") || exit 1
+second_launch=$(launcher_for "$second") || exit 1
+
 passed=0
 failed=0
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/avpool-layout.XXXXXX")
-# shellcheck disable=SC2046
-timeout -k 5 $limit $(launcher_for "$first") "$first" layout >"$scratch/first" &&
-    # shellcheck disable=SC2046
-    timeout -k 5 $limit $(launcher_for "$second") "$second" layout >"$scratch/second"
+timeout -k 5 $limit $first_launch "$first" layout >"$work/first" &&
+    timeout -k 5 $limit $second_launch "$second" layout >"$work/second"
 layout_status=$?
-if [ $layout_status -eq 0 ] && [ -s "$scratch/first" ] && diff -u "$scratch/first" "$scratch/second" >"$scratch/diff"; then
-    echo "PASS layout of $(arch_of "$first") and $(arch_of "$second"): $(wc -l <"$scratch/first") records identical"
+if [ $layout_status -eq 0 ] && [ -s "$work/first" ] && diff -u "$work/first" "$work/second" >"$work/diff"; then
+    echo "PASS layout of $(arch_of "$first") and $(arch_of "$second"): $(wc -l <"$work/first") lines identical"
     passed=$((passed + 1))
 else
     echo "FAIL layout of $(arch_of "$first") and $(arch_of "$second") (exit $layout_status)"
-    sed 's/^/    /' "$scratch/diff" 2>/dev/null
+    sed 's/^/    /' "$work/diff" 2>/dev/null
     failed=$((failed + 1))
 fi
-rm -rf "$scratch"
 
 pairs=2
 [ "$first" = "$second" ] && pairs=1
