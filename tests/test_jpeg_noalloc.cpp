@@ -1,0 +1,70 @@
+// The JPEG write path must not allocate once the pool exists. This program
+// replaces the global allocation functions with counting ones, which the shared
+// library's calls resolve to as well.
+#include "jpeg_fixture.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+std::atomic<long> allocations{0};
+
+void* counted(std::size_t size) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    void* p = std::malloc(size == 0 ? 1 : size);
+    if (p == nullptr) throw std::bad_alloc();
+    return p;
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return counted(size);
+}
+void* operator new[](std::size_t size) {
+    return counted(size);
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}
+
+TEST_F(JpegPool, writePathDoesNotAllocateAfterInit) {
+    // The counter must see allocations at all, or the check below proves nothing.
+    void* (*volatile allocate)(std::size_t) = &::operator new;
+    long start = allocations.load();
+    ::operator delete(allocate(8));
+    ASSERT_EQ(allocations.load(), start + 1);
+
+    create(8, 1000, 4000);
+    putter.reset(640, 480, 25, 70);
+    unsigned char frame[1001] = {};
+    timeval t{};
+
+    int written = 0, refused = 0;
+    long before = allocations.load();
+    for (int k = 0; k < 2000; ++k) {
+        t.tv_sec = k;
+        t.tv_usec = k * 7 % 1000000;
+        int length = 1 + k * 37 % 1000;  // varied sizes, the ring wraps many times
+        written += putter.putFrame(frame, length, t);
+        if (k % 100 == 0) {
+            refused += 1 - putter.putFrame(frame, 1001, t);
+            putter.reset(320 + k, 240, 10 + k % 20, k % 100);
+            putter.changeQuality(k);
+            putter.putRealFPS(k % 30);
+        }
+    }
+    long after = allocations.load();
+    EXPECT_EQ(after, before);
+    EXPECT_EQ(written, 2000);
+    EXPECT_EQ(refused, 20);
+}
