@@ -145,7 +145,9 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     stampFrame(pool.buffer.data(), length, number, stream);
     timeval captured;
     gettimeofday(&captured, nullptr);
-    published.started.store(number, std::memory_order_release);
+    // Before any byte of the frame is stored, so a reader that finds bytes of
+    // this frame over an older one also finds this number here.
+    published.started.store(number, std::memory_order_seq_cst);
     if (pool.putter.putFrame(pool.buffer.data(), length, captured) != 1)
         throw CliError("demo: the jpg pool on channel " + std::to_string(pool.plan.channel) + " refused frame " +
                        std::to_string(number));

@@ -89,8 +89,15 @@ Outcome Consumer::readCurrent(unsigned long long& id) {
     getter_.getFrame();
     const JPGFrame& frame = getter_.frame;
     // getFrame steps past slots whose bytes were overwritten; then it no longer
-    // shows the frame this reader was positioned on.
-    if (prefixOf(frame.data) != id) return Outcome::Overwritten;
+    // shows the frame this reader was positioned on. Only a later frame can
+    // overwrite them: if the writer has not started one, the lock was open
+    // before the bytes were in place.
+    if (prefixOf(frame.data) != id) {
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+        if (board_.pools[plan_.pool].started.load() > id) return Outcome::Overwritten;
+        snprintf(why_, sizeof why_, "frame %llu: lock open before its bytes were in place", id);
+        return Outcome::Damaged;
+    }
 
     bool whole = checkStamp(frame.data, frame.frameLength, id, why_, sizeof why_);
     if (whole && (frame.width != pool_.width || frame.height != pool_.height || frame.fps != pool_.fps ||
