@@ -5,18 +5,19 @@
 // reads the same frames through JPGGetter and follows a live writer.
 #include "peer.h"
 
+#include "ipc_harness.h"
+
 #include <avpool/jpg.h>
 
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <vector>
 
 namespace interop {
 namespace {
 
+using namespace avpool::test;
 using FrameId = unsigned long long;
 
 // The scenario, known to both sides in advance.
@@ -113,19 +114,17 @@ void produce(const Rendezvous& meet, Checks& checks) {
 
     // Each live frame goes out only once the consumer is blocked on its slot, so
     // the wake-up it gets crosses from this process to the other build.
-    int semId = semget(KEY, 0, 0400);
     for (FrameId id = STATIC_FRAMES + 1; id <= STATIC_FRAMES + LIVE_FRAMES; ++id) {
-        Deadline deadline(WAIT_SECONDS);
-        while (semZeroWaiters(semId, slotOf(id)) < 1 && !meet.peerGone() && !deadline.passed()) pause();
-        if (!checks.expect(semZeroWaiters(semId, slotOf(id)) >= 1, str("consumer waiting on the slot of frame ", id)))
-            return;
+        auto waiting = [&] { return lockWaiters(KEY, slotOf(id)) >= 1; };
+        eventually([&] { return waiting() || meet.peerGone(); }, WAIT_SECONDS * 1000);
+        if (!checks.expect(waiting(), str("consumer waiting on the slot of frame ", id))) return;
         put(id);
     }
     checks.expect(meet.waitFor("done", WAIT_SECONDS), "consumer finished");
 
     putter.release();
-    checks.expect(shmget(KEY, 0, 0400) == -1, "segment removed by release");
-    checks.expect(semget(KEY, 0, 0400) == -1, "semaphore set removed by release");
+    checks.expect(shmIdOf(KEY) == -1, "segment removed by release");
+    checks.expect(semIdOf(KEY) == -1, "semaphore set removed by release");
 }
 
 // ---------------------------------------------------------------- consumer
@@ -241,8 +240,6 @@ public:
 
     void run() {
         if (!checks_.expect(raw_.attached(), "raw read-only attach of the segment")) return;
-        semId_ = semget(KEY, 0, 0400);
-        checks_.expect(semId_ != -1, "semget of the pool's semaphore set");
         getter_.init(CHANNEL);
 
         checkSegment("static");
@@ -259,11 +256,11 @@ private:
     // Everything in the segment, and every slot lock.
     void checkSegment(const std::string& phase) {
         checks_.equal(phase + ": segment size", static_cast<size_t>(SEGMENT_SIZE), raw_.size());
-        checks_.equal(phase + ": semaphores in the set", SLOTS, semCount(semId_));
-        checks_.bytes(phase + ": segment", model_.image().data(), raw_.base(), SEGMENT_SIZE, 0, fieldAt);
+        checks_.equal(phase + ": semaphores in the set", SLOTS, semCountOf(semIdOf(KEY)));
+        checks_.bytes(phase + ": segment", model_.image().data(), raw_.at(0), SEGMENT_SIZE, 0, fieldAt);
         int next = (model_.current() + 1) % SLOTS;
         for (int s = 0; s < SLOTS; ++s)
-            checks_.equal(phase + str(": lock of slot ", s), s == next ? 1 : 0, semValue(semId_, s));
+            checks_.equal(phase + str(": lock of slot ", s), s == next ? 1 : 0, lockValue(KEY, s));
     }
 
     void checkAccessors() {
@@ -430,13 +427,13 @@ private:
             std::string what = str("live frame ", id);
             checks_.equal(what + ": toNext", model_.inSlot(slot), getter_.toNext(safe));
             checks_.equal(what + ": safe time before", model_.safe(slot), safe);
-            checks_.equal(what + ": lock closed before", 1, semValue(semId_, slot));
+            checks_.equal(what + ": lock closed before", 1, lockValue(KEY, slot));
             getter_.waitReady();
             model_.write(id);
             checks_.equal(what + ": getFrameID", id, getter_.getFrameID());
-            checks_.equal(what + ": lock open", 0, semValue(semId_, slot));
-            checks_.equal(what + ": next lock closed", 1, semValue(semId_, (slot + 1) % SLOTS));
-            checks_.equal(what + ": header current", static_cast<unsigned>(slot), readLE32(raw_.base() + 8));
+            checks_.equal(what + ": lock open", 0, lockValue(KEY, slot));
+            checks_.equal(what + ": next lock closed", 1, lockValue(KEY, (slot + 1) % SLOTS));
+            checks_.equal(what + ": header current", slot, raw_.i32(8));
             getter_.getFrame();
             checkFrame(what, id);
         }
@@ -449,7 +446,6 @@ private:
     Model& model_;
     RawSegment raw_;
     JPGGetter getter_;
-    int semId_ = -1;
 };
 
 void consume(const Rendezvous& meet, Checks& checks) {

@@ -5,24 +5,10 @@
 #pragma once
 
 #include <cstddef>
-#include <ctime>
 #include <initializer_list>
 #include <string>
 
 namespace interop {
-
-// A point in time some seconds ahead, on the monotonic clock.
-class Deadline {
-public:
-    explicit Deadline(int seconds);
-    bool passed() const;
-
-private:
-    timespec end_;
-};
-
-// Sleeps a few milliseconds between two polls.
-void pause();
 
 // How producer and consumer of one kind tell each other where they are: marker
 // files KIND.EVENT in a directory that both processes see. The driver adds
@@ -90,30 +76,6 @@ struct Field {
 void printLayout(const char* type, size_t size, size_t align, std::initializer_list<Field> fields);
 #define INTEROP_FIELD(type, member) \
     ::interop::Field { #member, offsetof(type, member), sizeof(type::member) }
-
-// One semaphore's value and the number of processes waiting for it to become
-// zero; -1 when semctl fails.
-int semValue(int semId, int index);
-int semZeroWaiters(int semId, int index);
-// Number of semaphores in a set (IPC_STAT), -1 on failure.
-int semCount(int semId);
-
-// A whole segment mapped read-only, beside whatever the getter under test maps.
-class RawSegment {
-public:
-    explicit RawSegment(int key);
-    ~RawSegment();
-    RawSegment(const RawSegment&) = delete;
-    RawSegment& operator=(const RawSegment&) = delete;
-
-    bool attached() const { return base_ != nullptr; }
-    const unsigned char* base() const { return base_; }
-    size_t size() const { return size_; }  // the kernel's segment size (IPC_STAT)
-
-private:
-    const unsigned char* base_ = nullptr;
-    size_t size_ = 0;
-};
 
 // Little-endian 32-bit words, as every integer lies in a segment on the device.
 void putLE32(unsigned char* at, unsigned int value);

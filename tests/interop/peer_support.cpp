@@ -1,29 +1,12 @@
 #include "peer.h"
 
+#include "ipc_harness.h"
+
 #include <cstdio>
 #include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
 namespace interop {
-
-Deadline::Deadline(int seconds) {
-    clock_gettime(CLOCK_MONOTONIC, &end_);
-    end_.tv_sec += seconds;
-}
-
-bool Deadline::passed() const {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec > end_.tv_sec || (now.tv_sec == end_.tv_sec && now.tv_nsec >= end_.tv_nsec);
-}
-
-void pause() {
-    timespec step{0, 2 * 1000 * 1000};
-    nanosleep(&step, nullptr);
-}
 
 Rendezvous::Rendezvous(std::string dir, std::string kind, Side side)
     : dir_(std::move(dir)), kind_(std::move(kind)), side_(side) {}
@@ -52,13 +35,9 @@ bool Rendezvous::peerGone() const {
 }
 
 bool Rendezvous::waitFor(const char* event, int seconds) const {
-    Deadline deadline(seconds);
-    while (!seen(event)) {
-        // Its last marks may have come just before it went.
-        if (deadline.passed() || (peerGone() && !seen(event))) return false;
-        pause();
-    }
-    return true;
+    avpool::test::eventually([&] { return seen(event) || peerGone(); }, seconds * 1000);
+    // The other side's last marks may have come just before it went.
+    return seen(event);
 }
 
 Checks::Checks(std::string kind) : kind_(std::move(kind)) {}
@@ -115,45 +94,6 @@ void printLayout(const char* type, size_t size, size_t align, std::initializer_l
     printf("%s size=%zu align=%zu", type, size, align);
     for (const Field& field : fields) printf(" %s@%zu+%zu", field.name, field.offset, field.size);
     printf("\n");
-}
-
-int semValue(int semId, int index) {
-    return semctl(semId, index, GETVAL);
-}
-
-int semZeroWaiters(int semId, int index) {
-    return semctl(semId, index, GETZCNT);
-}
-
-namespace {
-union SemArg {
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
-}  // namespace
-
-int semCount(int semId) {
-    semid_ds status{};
-    SemArg arg;
-    arg.buf = &status;
-    if (semctl(semId, 0, IPC_STAT, arg) == -1) return -1;
-    return static_cast<int>(status.sem_nsems);
-}
-
-RawSegment::RawSegment(int key) {
-    int id = shmget(key, 0, 0400);
-    if (id == -1) return;
-    shmid_ds status{};
-    if (shmctl(id, IPC_STAT, &status) == -1) return;
-    void* address = shmat(id, nullptr, SHM_RDONLY);
-    if (address == reinterpret_cast<void*>(-1) || address == nullptr) return;
-    base_ = static_cast<const unsigned char*>(address);
-    size_ = status.shm_segsz;
-}
-
-RawSegment::~RawSegment() {
-    if (base_ != nullptr) shmdt(base_);
 }
 
 void putLE32(unsigned char* at, unsigned int value) {
