@@ -5,6 +5,8 @@
 
 case_name=$1
 AVPOOL=$2
+# A cross-built tool runs through the emulator named here (words split).
+EMULATOR=${AVPOOL_EMULATOR:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-cli.XXXXXX") || exit 1
 background=""
 
@@ -29,7 +31,7 @@ fail() {
 run() {
     prefix=$1 limit=$2
     shift 2
-    timeout -k 2 "$limit" "$AVPOOL" "$@" >"$work/$prefix.out" 2>"$work/$prefix.err"
+    timeout -k 2 "$limit" $EMULATOR "$AVPOOL" "$@" >"$work/$prefix.out" 2>"$work/$prefix.err"
     echo $? >"$work/$prefix.rc"
 }
 rc_of() { cat "$work/$1.rc"; }
@@ -175,7 +177,7 @@ usage)
     ;;
 
 live-pool)
-    "$AVPOOL" demo --seconds 5 --quiet >"$work/live.out" 2>"$work/live.err" &
+    $EMULATOR "$AVPOOL" demo --seconds 5 --quiet >"$work/live.out" 2>"$work/live.err" &
     demo=$!
     background=$demo
     # Both consumers of channel 0 attach after the producer: 3 attachments in
@@ -256,7 +258,7 @@ interrupt)
     # SIGINT and SIGTERM end the demo early with a report; pools and consumer
     # processes are gone afterwards.
     for sig in INT TERM; do
-        "$AVPOOL" demo --seconds 60 >"$work/int.out" 2>"$work/int.err" &
+        $EMULATOR "$AVPOOL" demo --seconds 60 >"$work/int.out" 2>"$work/int.err" &
         demo=$!
         background=$demo
         until_file_has "$work/int.out" '^\[  1 s\] slow-1' 15
@@ -276,7 +278,7 @@ interrupt)
 crash)
     # A demo killed outright leaves its pools behind; its consumers die with
     # it, and the next demo takes the stale pools over.
-    "$AVPOOL" demo --seconds 60 >"$work/crash.out" 2>"$work/crash.err" &
+    $EMULATOR "$AVPOOL" demo --seconds 60 >"$work/crash.out" 2>"$work/crash.err" &
     demo=$!
     background=$demo
     until_file_has "$work/crash.out" '^\[  1 s\] slow-1' 15
