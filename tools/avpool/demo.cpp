@@ -108,9 +108,9 @@ private:
 
 // Refuses channels whose pool belongs to a running process: creating a pool
 // removes whatever is under its key, and that may be a device's live stream.
-void refuseLivePools(int firstChannel) {
+void refuseLivePools(const JpgPoolPlan* plans) {
     for (int p = 0; p < POOL_COUNT; ++p) {
-        int channel = firstChannel + jpgPools[p].channel;
+        int channel = plans[p].channel;
         pid_t creator = 0;
         if (!avpool::cli::findSegment(JPG_BASE_KEY + channel, creator)) continue;
         if (creator > 0 && (kill(creator, 0) == 0 || errno == EPERM))
@@ -219,7 +219,7 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
         plans[p] = jpgPools[p];
         plans[p].channel += firstChannel;
     }
-    refuseLivePools(firstChannel);
+    refuseLivePools(plans);
 
     SharedBoard shared;
     Board& board = *shared.get();
