@@ -245,6 +245,11 @@ live-pool)
     expect_error_line busy \
         "avpool: demo: the jpg pool on channel 0 belongs to running pid $demo; choose other channels with --channel"
 
+    # Next to it on other channels is fine.
+    run beside 30 demo --seconds 1 --channel 2 --quiet
+    expect_rc beside 0 "demo --channel 2 beside a running demo"
+    grep -q '^jpg 3  0x4c03 ' "$work/beside.out" || fail "demo --channel 2 did not use channels 2 and 3"
+
     wait_for "$demo" 20
     rc=$?
     background=""
@@ -273,6 +278,17 @@ interrupt)
         expect_no_pool 0 0x4c00
         expect_no_pool 1 0x4c01
     done
+    ;;
+
+terminal)
+    # On a terminal the summary is one table redrawn in place.
+    command -v script >/dev/null || { echo "SKIP: no script(1) to give the demo a terminal"; exit 77; }
+    timeout -k 2 30 script -qec "$EMULATOR $AVPOOL demo --seconds 3 2>/dev/null" /dev/null >"$work/tty.out" </dev/null
+    echo $? >"$work/tty.rc"
+    expect_rc tty 0 "demo on a terminal"
+    grep -q "$(printf '\033')\[6A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 6 lines)"
+    grep -q '^\[  1 s\]' "$work/tty.out" && fail "line-per-second output on a terminal"
+    tr -d '\r' <"$work/tty.out" | grep -qx "result: ok" || fail "no final result on the terminal"
     ;;
 
 crash)
