@@ -1,12 +1,12 @@
 #include "children.h"
 
 #include "cli.h"
+#include "clock.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -17,14 +17,7 @@ namespace avpool::cli {
 namespace {
 
 long long monotonicMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-void pauseMs(int ms) {
-    timespec delay{ms / 1000, (ms % 1000) * 1000000L};
-    nanosleep(&delay, nullptr);
+    return monotonicNs() / 1000000;
 }
 
 }  // namespace
@@ -75,7 +68,7 @@ int waitChildren(Child* children, int count, int timeoutMs) {
     long long deadline = monotonicMs() + timeoutMs;
     int running = reapEnded(children, count);
     while (running > 0 && monotonicMs() < deadline) {
-        pauseMs(10);
+        sleepMs(10);
         running = reapEnded(children, count);
     }
     return running;

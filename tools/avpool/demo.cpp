@@ -3,6 +3,7 @@
 // pools and writes frames at their rates; the consumers are forked children
 // that publish their counters on a board in shared anonymous memory.
 
+#include "clock.h"
 #include "demo.h"
 #include "frame_stamp.h"
 #include "shm_view.h"
@@ -28,6 +29,8 @@ namespace {
 
 using avpool::cli::Child;
 using avpool::cli::CliError;
+using avpool::cli::monotonicNs;
+using avpool::cli::NS_PER_S;
 
 // Two pools of different geometry and rate. Each data ring holds several
 // average frames and always more than one maximal frame (prefix and padding
@@ -55,7 +58,6 @@ static_assert(POOL_COUNT <= MAX_POOLS && CONSUMER_COUNT <= MAX_CONSUMERS, "board
 constexpr int DEFAULT_SECONDS = 10;
 constexpr int MAX_SECONDS = 24 * 3600;
 constexpr int MAX_FIRST_CHANNEL = 255 - (POOL_COUNT - 1);
-constexpr long long NS_PER_S = 1000000000LL;
 constexpr long long STOP_GRACE_NS = 2 * NS_PER_S;  // producing on while consumers finish
 constexpr int END_GRACE_MS = 1000;                 // per step once the pools are gone
 
@@ -72,12 +74,6 @@ void catchInterrupts() {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGHUP, &action, nullptr);
-}
-
-long long monotonicNs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * NS_PER_S + now.tv_nsec;
 }
 
 void sleepUntilNs(long long when) {

@@ -3,6 +3,7 @@
 // while it is being read; a frame only counts as damaged when it was complete
 // and untouched both before and after the check.
 
+#include "clock.h"
 #include "demo.h"
 #include "frame_stamp.h"
 #include "shm_view.h"
@@ -11,22 +12,18 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <sys/time.h>
 
 namespace avpool::demo {
 
 namespace {
 
+using avpool::cli::sleepMs;
+
 constexpr int MAX_AGE_SECONDS = 2;
 constexpr int REPORTED_ERRORS = 5;  // lines on stderr per consumer; the rest are only counted
 
 enum class Outcome { Read, Overwritten, Damaged };
-
-void sleepMs(int ms) {
-    timespec delay{ms / 1000, (ms % 1000) * 1000000L};
-    nanosleep(&delay, nullptr);
-}
 
 // The frame-ID prefix in front of a frame's bytes, read from memory each time.
 unsigned long long prefixOf(const unsigned char* bytes) {

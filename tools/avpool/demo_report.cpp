@@ -1,11 +1,11 @@
 // What the demo prints: the live summary and the closing report.
 
+#include "clock.h"
 #include "demo.h"
 
 #include <avpool/jpg.h>
 
 #include <cstdio>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,10 +34,7 @@ void lagText(const RunView& run, int i, char* text, int size) {
         return;
     }
     unsigned long long newest = load(run.board->pools[run.consumers[i].pool].completed);
-    timeval now;
-    gettimeofday(&now, nullptr);
-    long long nowUs = static_cast<long long>(now.tv_sec) * 1000000 + now.tv_usec;
-    long long ageMs = (nowUs - counters.lastCaptureUs.load(std::memory_order_relaxed)) / 1000;
+    long long ageMs = (avpool::cli::wallClockUs() - counters.lastCaptureUs.load(std::memory_order_relaxed)) / 1000;
     snprintf(text, size, "%llu fr, %lld ms", newest > last ? newest - last : 0, ageMs);
 }
 

@@ -1,0 +1,30 @@
+// Time as the tool's verbs need it: a monotonic clock for pacing and
+// deadlines, wall-clock microseconds to compare with capture times.
+#pragma once
+
+#include <ctime>
+#include <sys/time.h>
+
+namespace avpool::cli {
+
+constexpr long long NS_PER_S = 1000000000LL;
+
+inline long long monotonicNs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * NS_PER_S + now.tv_nsec;
+}
+
+inline long long wallClockUs() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<long long>(now.tv_sec) * 1000000 + now.tv_usec;
+}
+
+// Sleeps; a signal may end it early.
+inline void sleepMs(int ms) {
+    timespec delay{ms / 1000, (ms % 1000) * 1000000L};
+    nanosleep(&delay, nullptr);
+}
+
+}  // namespace avpool::cli
