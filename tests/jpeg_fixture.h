@@ -5,13 +5,12 @@
 
 #include <avpool/jpg.h>
 
+#include "expect.h"
 #include "ipc_harness.h"
 
 #include <gtest/gtest.h>
 
-#include <exception>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <sys/time.h>
@@ -56,6 +55,8 @@ inline size_t ring(int frameCount) {
 }
 }  // namespace jpeg_layout
 
+using avpool::test::failureOf;
+
 class JpegPool : public ::testing::Test {
 protected:
     static constexpr int CHANNEL = 5;
@@ -76,6 +77,12 @@ protected:
             throw;
         }
         initLog = testing::internal::GetCapturedStderr();
+    }
+
+    // create() and working parameters of 10 fps (100 ms per frame), 1 x 1.
+    void start(int frameCount, int maxFrameSize, int ringBytes) {
+        create(frameCount, maxFrameSize, ringBytes);
+        putter.reset(1, 1, 10, 1);
     }
 
     static timeval at(int second, int microsecond = 0) {
@@ -110,19 +117,3 @@ protected:
     std::string initLog;
     int frameCount_ = 0;
 };
-
-// Runs call, which must throw Error, and returns its what() text together with
-// everything written to stderr meanwhile.
-template <class Error, class Call>
-std::pair<std::string, std::string> failureOf(Call call) {
-    testing::internal::CaptureStderr();
-    std::string message = "<no exception>";
-    try {
-        call();
-    } catch (const Error& e) {
-        message = e.what();
-    } catch (const std::exception& e) {
-        message = std::string("<other exception> ") + e.what();
-    }
-    return {message, testing::internal::GetCapturedStderr()};
-}

@@ -5,6 +5,7 @@
 #include "pools/common/segment.h"
 #include "pools/common/slot_lock.h"
 
+#include "expect.h"
 #include "ipc_harness.h"
 
 #include <gtest/gtest.h>
@@ -18,9 +19,7 @@
 #include <sys/shm.h>
 
 using namespace avpool::detail;
-using avpool::test::ChildLink;
-using avpool::test::eventually;
-using avpool::test::ForkedChild;
+using namespace avpool::test;
 
 namespace {
 
@@ -29,19 +28,6 @@ public:
     using avpool::PoolError::PoolError;
 };
 constexpr Raise fail = raiseAs<CommonError>;
-
-// Message and stderr of a call that must throw CommonError.
-template <class Call>
-std::pair<std::string, std::string> failureOf(Call call) {
-    testing::internal::CaptureStderr();
-    std::string message = "<no exception>";
-    try {
-        call();
-    } catch (const CommonError& e) {
-        message = e.what();
-    }
-    return {message, testing::internal::GetCapturedStderr()};
-}
 
 constexpr key_t FIRST_KEY = 0x7100;
 
@@ -56,7 +42,7 @@ TEST(SemGroups, slotPositionIsGroupOf250AndIndexWithinIt) {
         EXPECT_EQ(index, c[2]) << c[0];
     }
     int group, index;
-    auto [message, log] = failureOf([&] { semPosition(1000, group, index, fail); });
+    auto [message, log] = failureOf<CommonError>([&] { semPosition(1000, group, index, fail); });
     EXPECT_EQ(message, "Over Max Semaphore Group.");
     EXPECT_EQ(log, "");
 }
@@ -107,7 +93,7 @@ TEST(SemGroups, groupsLiveUnderConsecutiveKeysAndAreRemovedTogether) {
         EXPECT_EQ(groups.id[g], -1);
         EXPECT_EQ(groups.count[g], 0);
     }
-    auto [message, log] = failureOf([&] { openSemGroups(FIRST_KEY, 600, opened, fail); });
+    auto [message, log] = failureOf<CommonError>([&] { openSemGroups(FIRST_KEY, 600, opened, fail); });
     EXPECT_EQ(message, "semget failed.");
     EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
 }
@@ -135,7 +121,7 @@ TEST(SemGroups, leftoverGroupIsForcedOutOnceAndOtherwiseFailsCreation) {
     SemGroups blocked;
     int calls = 0;
     auto [message, log] =
-        failureOf([&] { createSemGroups(FIRST_KEY, 10, blocked, [&](int) { ++calls; }, fail); });
+        failureOf<CommonError>([&] { createSemGroups(FIRST_KEY, 10, blocked, [&](int) { ++calls; }, fail); });
     EXPECT_EQ(message, "semget failed.");
     EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
     EXPECT_EQ(calls, 1);
@@ -176,7 +162,7 @@ TEST(Segments, creationForcesOutALeftoverOnceAndRemovalLeavesNothing) {
     // Forced release with the full size creates a missing segment and removes it.
     forceRemoveSegment(FIRST_KEY, 4096);
     EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
-    auto [message, log] = failureOf([&] { openSegment(FIRST_KEY, 16, fail); });
+    auto [message, log] = failureOf<CommonError>([&] { openSegment(FIRST_KEY, 16, fail); });
     EXPECT_EQ(message, "shmget failed.");
     EXPECT_EQ(log.rfind("shmget failed: ", 0), 0u) << log;
 }
@@ -226,13 +212,10 @@ protected:
         return 0;
     }
     void interruptWait(ForkedChild& child) {
-        std::string line;
-        ASSERT_TRUE(child.readLine(line));
-        ASSERT_EQ(line, "waiting");
+        ASSERT_NO_FATAL_FAILURE(expectLine(child, "waiting"));
         ASSERT_TRUE(eventually([&] { return semctl(set, 1, GETZCNT) == 1; }));
         child.signal(SIGUSR1);
-        ASSERT_TRUE(child.readLine(line));
-        ASSERT_EQ(line, "signal");
+        ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
     }
 
     avpool::test::IpcKeys keys{FIRST_KEY};
@@ -247,34 +230,26 @@ TEST_F(LockWait, openLockReturnsAtOnceAndSetLockWritesTheValue) {
         link.say("open");
         return 0;
     });
-    std::string line;
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "open");
-    EXPECT_TRUE(child.wait().ok());
+    expectLastLine(child, "open");
 
-    auto [message, log] = failureOf([&] { setLock(-1, 0, LOCK_CLOSED, fail); });
+    auto [message, log] = failureOf<CommonError>([&] { setLock(-1, 0, LOCK_CLOSED, fail); });
     EXPECT_EQ(message, "semctl failed.");
     EXPECT_EQ(log.rfind("semctl failed: ", 0), 0u) << log;
 }
 
 TEST_F(LockWait, retryingWaitOutlastsASignalAndEndsWhenTheLockOpens) {
     ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Retry); });
-    interruptWait(child);
+    ASSERT_NO_FATAL_FAILURE(interruptWait(child));
     ASSERT_TRUE(eventually([&] { return semctl(set, 1, GETZCNT) == 1; }));
     EXPECT_TRUE(child.running());
     setLock(set, 1, LOCK_OPEN, fail);
-    std::string line;
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "open");
-    EXPECT_TRUE(child.wait().ok());
+    expectLastLine(child, "open");
 }
 
 TEST_F(LockWait, failingWaitEndsOnASignalWithTheSemopText) {
     ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Fail); });
-    interruptWait(child);
-    std::string line;
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "threw: semop failed.");
+    ASSERT_NO_FATAL_FAILURE(interruptWait(child));
+    ASSERT_NO_FATAL_FAILURE(expectLine(child, "threw: semop failed."));
     EXPECT_EQ(child.wait().code, 99);
     EXPECT_EQ(semctl(set, 1, GETVAL), 1);
 }

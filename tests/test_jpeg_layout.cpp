@@ -219,8 +219,7 @@ TEST_F(JpegPool, framesGoIntoTheRingBehindTheirIdPrefixPaddedToFourBytes) {
 }
 
 TEST_F(JpegPool, eachPutOpensItsSlotAndClosesTheOneAfterIt) {
-    create(4, 16, 256);
-    putter.reset(1, 1, 10, 1);
+    start(4, 16, 256);
     std::vector<int> expected{1, 1, 1, 1};
     for (int k = 1; k <= 9; ++k) {
         SCOPED_TRACE(k);
@@ -236,8 +235,7 @@ TEST_F(JpegPool, eachPutOpensItsSlotAndClosesTheOneAfterIt) {
 }
 
 TEST_F(JpegPool, singleSlotPoolRewritesSlotZeroAndLeavesItOpen) {
-    create(1, 16, 64);
-    putter.reset(1, 1, 10, 1);
+    start(1, 16, 64);
     EXPECT_EQ(putter.nextJPGFrame(0), 0);
     for (int k = 1; k <= 3; ++k) {
         ASSERT_EQ(put("one"), 1);
@@ -255,8 +253,7 @@ TEST_F(JpegPool, safeTimesCountIntervalsAheadOfTheWriterAndZeroBehindIt) {
         for (int slot = 0; slot < n; ++slot) values.push_back(raw.i32(safeTime(slot)));
         return values;
     };
-    create(3, 16, 128);
-    putter.reset(1, 1, 10, 1);  // 100 ms per frame
+    start(3, 16, 128);  // 100 ms per frame
     put("a");
     EXPECT_EQ(safeTimes(3), (std::vector<int>{0, 0, 100}));  // writer at 1
     put("b");
@@ -281,8 +278,7 @@ TEST_F(JpegPool, safeTimesCountIntervalsAheadOfTheWriterAndZeroBehindIt) {
 }
 
 TEST_F(JpegPool, frameOfMaxSizeIsTakenAndOneByteMoreIsRefusedWithoutATrace) {
-    create(3, 16, 128);
-    putter.reset(1, 1, 10, 1);
+    start(3, 16, 128);
     EXPECT_EQ(putter.getMaxFrameSize(), 16);
     ASSERT_EQ(put(std::string(16, 'm')), 1);
 

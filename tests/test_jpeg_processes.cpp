@@ -7,11 +7,7 @@
 
 #include <unistd.h>
 
-using avpool::test::ChildLink;
-using avpool::test::eventually;
-using avpool::test::ExitStatus;
-using avpool::test::ForkedChild;
-using avpool::test::lockWaiters;
+using namespace avpool::test;
 
 namespace {
 
@@ -34,8 +30,7 @@ std::string position(Move move) {
 }  // namespace
 
 TEST_F(JpegPool, readerOnSlotZeroAfterInitIsReleasedOnlyByTheWrapAroundWrite) {
-    create(3, 16, 128);
-    putter.reset(1, 1, 10, 1);
+    start(3, 16, 128);
     ForkedChild child([](ChildLink& link) {
         JPGGetter reader;
         reader.init(CHANNEL);
@@ -43,9 +38,7 @@ TEST_F(JpegPool, readerOnSlotZeroAfterInitIsReleasedOnlyByTheWrapAroundWrite) {
         waitAndReport(reader, link);
         return 0;
     });
-    std::string line;
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "at 0 0");
+    ASSERT_NO_FATAL_FAILURE(expectLine(child, "at 0 0"));
     ASSERT_TRUE(eventually([] { return lockWaiters(KEY, 0) == 1; }));
 
     put("first");
@@ -54,14 +47,11 @@ TEST_F(JpegPool, readerOnSlotZeroAfterInitIsReleasedOnlyByTheWrapAroundWrite) {
     EXPECT_TRUE(child.running());
 
     put("third");  // slot 0
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "got 3 third");
-    EXPECT_TRUE(child.wait().ok());
+    expectLastLine(child, "got 3 third");
 }
 
 TEST_F(JpegPool, readerSteppingOntoTheClosedNextSlotKeepsWaitingThroughASignal) {
-    create(4, 16, 128);
-    putter.reset(1, 1, 10, 1);
+    start(4, 16, 128);
     put("one");
     put("two");
     ForkedChild child([](ChildLink& link) {
@@ -74,27 +64,21 @@ TEST_F(JpegPool, readerSteppingOntoTheClosedNextSlotKeepsWaitingThroughASignal) 
         waitAndReport(reader, link);
         return 0;
     });
-    std::string line;
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "at 0 100");
+    ASSERT_NO_FATAL_FAILURE(expectLine(child, "at 0 100"));
     ASSERT_TRUE(eventually([] { return lockWaiters(KEY, 3) == 1; }));
 
     // The handler runs after the wait was interrupted; the reader then waits again.
     child.signal(SIGUSR1);
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "signal");
+    ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
     ASSERT_TRUE(eventually([] { return lockWaiters(KEY, 3) == 1; }));
     EXPECT_TRUE(child.running());
 
     put("three");
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "got 3 three");
-    EXPECT_TRUE(child.wait().ok());
+    expectLastLine(child, "got 3 three");
 }
 
 TEST_F(JpegPool, waitReadyReturnsAtOnceOnAnOpenSlot) {
-    create(4, 16, 128);
-    putter.reset(1, 1, 10, 1);
+    start(4, 16, 128);
     put("ready");
     ForkedChild child([](ChildLink& link) {
         JPGGetter reader;
@@ -104,10 +88,7 @@ TEST_F(JpegPool, waitReadyReturnsAtOnceOnAnOpenSlot) {
         waitAndReport(reader, link);
         return 0;
     });
-    std::string line;
-    ASSERT_TRUE(child.readLine(line));
-    EXPECT_EQ(line, "got 1 ready");
-    EXPECT_TRUE(child.wait().ok());
+    expectLastLine(child, "got 1 ready");
 }
 
 TEST_F(JpegPool, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOver) {
@@ -122,9 +103,7 @@ TEST_F(JpegPool, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOver) {
             if (k > 20) usleep(200);
         }
     });
-    std::string line;
-    ASSERT_TRUE(writer.readLine(line));
-    ASSERT_EQ(line, "writing");
+    ASSERT_NO_FATAL_FAILURE(expectLine(writer, "writing"));
     writer.signal(SIGKILL);
     ExitStatus status = writer.wait();
     ASSERT_EQ(status.signal, SIGKILL) << status.describe();
@@ -156,8 +135,7 @@ TEST_F(JpegPool, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOver) {
         waitAndReport(getter, link);
         return 0;
     });
-    ASSERT_TRUE(reader.readLine(line));
-    ASSERT_EQ(line, "waiting");
+    ASSERT_NO_FATAL_FAILURE(expectLine(reader, "waiting"));
     int waitingSlot = (avpool::test::RawSegment(KEY).i32(jpeg_layout::CURRENT) + 1) % 4;
     ASSERT_TRUE(eventually([&] { return lockWaiters(KEY, waitingSlot) == 1; }));
 
@@ -168,17 +146,13 @@ TEST_F(JpegPool, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOver) {
     EXPECT_EQ(locks(), (std::vector<int>{1, 1, 1, 1}));
 
     // Removing the set ends the reader's wait with an error instead of a frame.
-    ASSERT_TRUE(reader.readLine(line));
-    EXPECT_EQ(line, "error semop failed.");
+    ASSERT_NO_FATAL_FAILURE(expectLine(reader, "error semop failed."));
     putter.reset(1, 1, 10, 1);
     reader.go();
-    ASSERT_TRUE(reader.readLine(line));
-    EXPECT_EQ(line, "at 0 0");
+    ASSERT_NO_FATAL_FAILURE(expectLine(reader, "at 0 0"));
     ASSERT_TRUE(eventually([] { return lockWaiters(KEY, 1) == 1; }));
     put("new");
-    ASSERT_TRUE(reader.readLine(line));
-    EXPECT_EQ(line, "got 1 new");
-    EXPECT_TRUE(reader.wait().ok());
+    expectLastLine(reader, "got 1 new");
 }
 
 TEST_F(JpegPool, secondWriterTakesTheKeyWhileAttachedReadersKeepTheOldPool) {

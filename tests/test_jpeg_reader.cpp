@@ -92,8 +92,7 @@ TEST_F(JpegPositioning, toExactWorkingReportsNotFoundWithoutTouchingTheSafeTime)
 // frame 2's prefix was, frame 6 carries the words 2, 1: the low word alone
 // would still match.
 TEST_F(JpegPool, overwrittenFramesAreSkippedByGetFrameAndTheSearches) {
-    create(6, 64, 100);
-    putter.reset(1, 1, 10, 1);
+    start(6, 64, 100);
     for (int id = 1; id <= 5; ++id) ASSERT_EQ(put("payload" + std::to_string(id), 100 + id), 1);
     std::string big(40, '\xAB');
     big.replace(8, 8, std::string("\x02\0\0\0\x01\0\0\0", 8));
@@ -137,8 +136,7 @@ TEST_F(JpegPool, freshPoolReadsAsSlotZeroWithNothingInIt) {
 }
 
 TEST_F(JpegPool, probeAgeAcceptsExactlyMaxAgeInBothDirections) {
-    create(4, 16, 256);
-    putter.reset(1, 1, 10, 1);
+    start(4, 16, 256);
     JPGGetter reader;
     reader.init(CHANNEL);
     auto ageFails = [&](long stampOffset, int maxAge) {
