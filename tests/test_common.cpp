@@ -80,6 +80,12 @@ TEST(SemGroups, groupsLiveUnderConsecutiveKeysAndAreRemovedTogether) {
     EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY + 3), -1);
     EXPECT_EQ(groups.id[3], -1);
 
+    // A slot's lock is found by group and index: slot 251 is index 1 of group 1.
+    setGroupedLock(groups, 251, LOCK_CLOSED, fail);
+    EXPECT_EQ(semctl(groups.id[1], 1, GETVAL), 1);
+    EXPECT_EQ(semctl(groups.id[0], 251 % 250, GETVAL), 0);
+    EXPECT_EQ(semctl(groups.id[1], 0, GETVAL), 0);
+
     SemGroups opened;
     openSemGroups(FIRST_KEY, 600, opened, fail);
     EXPECT_EQ(std::vector<int>(opened.id, opened.id + 4), std::vector<int>(groups.id, groups.id + 4));
