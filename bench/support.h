@@ -3,6 +3,8 @@
 // measures how long a consumer blocked in its slot wait takes to wake after a put.
 #pragma once
 
+#include "counting_new.h"
+
 #include <benchmark/benchmark.h>
 
 #include <functional>
@@ -11,9 +13,9 @@
 
 namespace avpool_bench {
 
-// Calls of any global operator new in this process so far (the bench binary
-// replaces them with counting versions).
-unsigned long long allocationCount();
+// Calls of any global operator new in this process so far (the bench binary is
+// linked with counting versions).
+using avpool::testing::allocationCount;
 
 // Counts the allocations from construction to report(), which publishes them per
 // iteration as counter `name` and fails the benchmark when there were any.

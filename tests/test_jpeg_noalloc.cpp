@@ -1,48 +1,18 @@
-// The JPEG write path must not allocate once the pool exists. This program
-// replaces the global allocation functions with counting ones, which the shared
-// library's calls resolve to as well.
+// The JPEG write path must not allocate once the pool exists. This program is
+// linked with counting global allocation functions, which the shared library's
+// calls resolve to as well.
 #include "jpeg_fixture.h"
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
+#include "support/counting_new.h"
 
-namespace {
-std::atomic<long> allocations{0};
-
-void* counted(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    void* p = std::malloc(size == 0 ? 1 : size);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return counted(size);
-}
-void* operator new[](std::size_t size) {
-    return counted(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
+using avpool::testing::allocationCount;
 
 TEST_F(JpegPool, writePathDoesNotAllocateAfterInit) {
     // The counter must see allocations at all, or the check below proves nothing.
     void* (*volatile allocate)(std::size_t) = &::operator new;
-    long start = allocations.load();
+    unsigned long long start = allocationCount();
     ::operator delete(allocate(8));
-    ASSERT_EQ(allocations.load(), start + 1);
+    ASSERT_EQ(allocationCount(), start + 1);
 
     create(8, 1000, 4000);
     putter.reset(640, 480, 25, 70);
@@ -50,7 +20,7 @@ TEST_F(JpegPool, writePathDoesNotAllocateAfterInit) {
     timeval t{};
 
     int written = 0, refused = 0;
-    long before = allocations.load();
+    unsigned long long before = allocationCount();
     for (int k = 0; k < 2000; ++k) {
         t.tv_sec = k;
         t.tv_usec = k * 7 % 1000000;
@@ -63,7 +33,7 @@ TEST_F(JpegPool, writePathDoesNotAllocateAfterInit) {
             putter.putRealFPS(k % 30);
         }
     }
-    long after = allocations.load();
+    unsigned long long after = allocationCount();
     EXPECT_EQ(after, before);
     EXPECT_EQ(written, 2000);
     EXPECT_EQ(refused, 20);

@@ -1,6 +1,7 @@
-// Counting replacements of the global allocation functions, so a benchmark can
-// prove that a write path allocates nothing. They hand out memory from malloc.
-#include "support.h"
+// Counting replacements of the global allocation functions, so a test or a
+// benchmark can prove that a write path allocates nothing. Linked into a program,
+// they also catch the shared library's allocations. Memory comes from malloc.
+#include "counting_new.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -29,7 +30,7 @@ void* countedAligned(std::size_t size, std::align_val_t alignment) {
 
 }  // namespace
 
-unsigned long long avpool_bench::allocationCount() {
+unsigned long long avpool::testing::allocationCount() {
     return allocations.load(std::memory_order_relaxed);
 }
 
