@@ -263,18 +263,19 @@ interrupt)
     # SIGINT and SIGTERM end the demo early with a report; pools and consumer
     # processes are gone afterwards.
     for sig in INT TERM; do
-        $EMULATOR "$AVPOOL" demo --seconds 60 >"$work/int.out" 2>"$work/int.err" &
+        out=int-$sig
+        $EMULATOR "$AVPOOL" demo --seconds 60 >"$work/$out.out" 2>"$work/$out.err" &
         demo=$!
         background=$demo
-        until_file_has "$work/int.out" '^\[  1 s\] slow-1' 15
+        until_file_has "$work/$out.out" '^\[  1 s\] slow-1' 15
         kill -"$sig" "$demo"
         wait_for "$demo" 15
         rc=$?
         background=""
         case $sig in INT) number=2 ;; TERM) number=15 ;; esac
         [ "$rc" = $((128 + number)) ] || fail "demo ended by SIG$sig exited $rc"
-        grep -qx "result: interrupted by signal $number" "$work/int.out" || fail "no interrupted result after SIG$sig"
-        check_final_table int
+        grep -qx "result: interrupted by signal $number" "$work/$out.out" || fail "no interrupted result after SIG$sig"
+        check_final_table "$out"
         expect_no_pool 0 0x4c00
         expect_no_pool 1 0x4c01
     done
