@@ -22,6 +22,11 @@ void* attachSegment(int id, AttachFailure rule, Raise raise) {
     return address;
 }
 
+void* openPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, Raise raise) {
+    id = openSegment(key, size, raise);
+    return attachSegment(id, rule, raise);
+}
+
 void forceRemoveSegment(key_t key, size_t size) {
     int id = shmget(key, size, CREATE_OR_OPEN);
     if (id != -1) shmctl(id, IPC_RMID, nullptr);

@@ -7,6 +7,7 @@
 #include "slot_lock.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include <cstddef>
 #include <sys/ipc.h>
@@ -41,6 +42,21 @@ int createSegment(key_t key, size_t size, ForceRelease forceRelease, Raise raise
 }
 int openSegment(key_t key, size_t size, Raise raise);
 void* attachSegment(int id, AttachFailure rule, Raise raise);
+
+// A putter's segment: created (with the one forced retry), attached, and every
+// byte set to the kind's fill byte.
+template <class ForceRelease>
+void* createPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, unsigned char fill,
+                        ForceRelease forceRelease, Raise raise) {
+    id = createSegment(key, size, forceRelease, raise);
+    void* address = attachSegment(id, rule, raise);
+    memset(address, fill, size);
+    return address;
+}
+// A getter's segment: opened read-only asking for size bytes (the whole segment
+// is mapped whatever that size), then attached.
+void* openPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, Raise raise);
+
 // Removes whatever segment is under key; size 0 only finds an existing one.
 void forceRemoveSegment(key_t key, size_t size);
 // Putter release: detach, then remove. Getter release: detach only.

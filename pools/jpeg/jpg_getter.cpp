@@ -27,8 +27,7 @@ JPGGetter::~JPGGetter() {
 void JPGGetter::init(int channel) {
     channel_ = channel;
     key_t key = JPG_BASE_KEY + channel;
-    shmId_ = openSegment(key, JPG_HEADER_SIZE, raise);
-    pool_ = static_cast<JPGPoolHeader*>(attachSegment(shmId_, AttachFailure::Null, raise));
+    pool_ = static_cast<JPGPoolHeader*>(openPoolSegment(shmId_, key, JPG_HEADER_SIZE, AttachFailure::Null, raise));
     frameCount_ = pool_->frameCount;
     maxFrameSize_ = pool_->maxFrameSize;
     unsigned char* base = reinterpret_cast<unsigned char*>(pool_);

@@ -32,10 +32,9 @@ void JPGPutter::init(int channel, int frameCount, int maxFrameSize, int dataSize
     fprintf(stderr, "=======jpg putter total size: %d============\n", total);
 
     key_t key = JPG_BASE_KEY + channel;
-    shmId_ = createSegment(key, total, [&] { forceReleaseShm(channel, total); }, raise);
-    void* address = attachSegment(shmId_, AttachFailure::Null, raise);
+    void* address = createPoolSegment(shmId_, key, total, AttachFailure::Null, 0x00,
+                                      [&] { forceReleaseShm(channel, total); }, raise);
     pool_ = static_cast<JPGPoolHeader*>(address);
-    memset(address, 0, total);
     semId_ = createSemSet(key, frameCount, [&] { forceReleaseSem(channel); }, raise);
     initLock();
 

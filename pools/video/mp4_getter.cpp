@@ -28,8 +28,8 @@ MP4Getter::~MP4Getter() {
 
 void MP4Getter::init(int channel) {
     channel_ = channel;
-    shmId_ = openSegment(MP4_BASE_KEY + channel, MP4_HEADER_SIZE, raise);
-    pool_ = static_cast<MP4PoolHeader*>(attachSegment(shmId_, AttachFailure::Null, raise));
+    pool_ = static_cast<MP4PoolHeader*>(
+        openPoolSegment(shmId_, MP4_BASE_KEY + channel, MP4_HEADER_SIZE, AttachFailure::Null, raise));
     gopCount_ = pool_->gopCount;
     framesPerGop_ = pool_->framesPerGop;
     maxFrameSize_ = pool_->maxFrameSize;

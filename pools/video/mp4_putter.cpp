@@ -38,10 +38,9 @@ void MP4Putter::init(int channel, int gopCount, int framesPerGop, int maxFrameSi
 
     int total = size + MP4_HEADER_SIZE;
     fprintf(stderr, "=======mp4 putter total size: %d============\n", total);
-    shmId_ = createSegment(MP4_BASE_KEY + channel, total, [&] { forceReleaseShm(channel); }, raise);
-    void* address = attachSegment(shmId_, AttachFailure::Null, raise);
+    void* address = createPoolSegment(shmId_, MP4_BASE_KEY + channel, total, AttachFailure::Null, 0x00,
+                                      [&] { forceReleaseShm(channel); }, raise);
     pool_ = static_cast<MP4PoolHeader*>(address);
-    memset(address, 0, total);
     createSemGroups(MP4_BASE_KEY + channel * 16, poolSize, sems_, [&](int g) { forceReleaseSem(channel * 16 + g); },
                     raise);
     initLock();
