@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -50,7 +51,7 @@ public:
     // the segment start when the ranges begin at offset `base` of a segment, and
     // reports each differing word under the name nameAt(its offset) gives it.
     bool bytes(const std::string& what, const unsigned char* expected, const unsigned char* actual, size_t length,
-               size_t base, std::string (*nameAt)(size_t offset));
+               size_t base, const std::function<std::string(size_t offset)>& nameAt);
     void fail(const std::string& what, const std::string& detail) { expect(false, what, detail); }
 
     int failed() const { return failed_; }
@@ -81,7 +82,9 @@ void printLayout(const char* type, size_t size, size_t align, std::initializer_l
 void putLE32(unsigned char* at, unsigned int value);
 unsigned int readLE32(const unsigned char* at);
 
-// One pool kind's section of the peer.
+// One pool kind's section of the peer. produce and consume may throw: the
+// dispatcher counts the exception as a failed check, then marks "done" for a
+// consumer however it ended and "abort" for a producer that failed.
 struct PoolKind {
     const char* name;
     void (*layout)();
@@ -90,5 +93,6 @@ struct PoolKind {
 };
 
 extern const PoolKind jpgKind;
+extern const PoolKind mp4Kind;
 
 }  // namespace interop

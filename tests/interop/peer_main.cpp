@@ -15,13 +15,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <string>
 #include <vector>
 
 namespace {
 
-const interop::PoolKind* const kinds[] = {&interop::jpgKind};
+const interop::PoolKind* const kinds[] = {&interop::jpgKind, &interop::mp4Kind};
 
 int usage() {
     fprintf(stderr,
@@ -70,7 +71,14 @@ int main(int argc, char** argv) {
         interop::Rendezvous meet(dir, kind->name, producing ? interop::Rendezvous::Side::Producer
                                                             : interop::Rendezvous::Side::Consumer);
         interop::Checks checks(std::string(kind->name) + (producing ? " producer" : " consumer"));
-        (producing ? kind->produce : kind->consume)(meet, checks);
+        try {
+            (producing ? kind->produce : kind->consume)(meet, checks);
+        } catch (const std::exception& e) {
+            checks.fail(producing ? "producer" : "consumer", std::string("exception: ") + e.what());
+        }
+        // However a side ended, the other one must not wait for it any longer.
+        if (!producing) meet.mark("done");
+        if (producing && checks.failed() > 0) meet.mark("abort");
         checks.summary();
         failed += checks.failed();
     }

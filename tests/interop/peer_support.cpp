@@ -57,7 +57,7 @@ void Checks::report(const std::string& what, const std::string& detail) const {
 }
 
 bool Checks::bytes(const std::string& what, const unsigned char* expected, const unsigned char* actual, size_t length,
-                   size_t base, std::string (*nameAt)(size_t offset)) {
+                   size_t base, const std::function<std::string(size_t offset)>& nameAt) {
     constexpr int shownWords = 12;
     int differing = 0;
     size_t offset = 0;
