@@ -71,4 +71,18 @@ int LockView::value(int index) const {
     return semctl(id_, index, GETVAL);
 }
 
+GroupedLockView::GroupedLockView(int firstKey, int slotCount) : firstKey_(firstKey) {
+    for (int remaining = slotCount; remaining > 0 && groups() < MAX_GROUPS; remaining -= GROUP_SIZE) {
+        int count = remaining < GROUP_SIZE ? remaining : GROUP_SIZE;
+        groups_.emplace_back(firstKey + groups(), count);
+        counts_.push_back(count);
+    }
+}
+
+int GroupedLockView::value(int slot) const {
+    int group = slot / GROUP_SIZE;
+    if (slot < 0 || group >= groups()) return -1;
+    return groups_[group].value(slot % GROUP_SIZE);
+}
+
 }  // namespace avpool::cli

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace avpool::cli {
 
@@ -51,6 +52,27 @@ public:
 private:
     int id_;
     int error_ = 0;
+};
+
+// The semaphore sets of a grouped pool, opened read-only: slot i's lock is
+// semaphore i % 250 of the set under firstKey + i / 250, at most four sets.
+class GroupedLockView {
+public:
+    static constexpr int GROUP_SIZE = 250;
+    static constexpr int MAX_GROUPS = 4;
+
+    GroupedLockView(int firstKey, int slotCount);
+    int groups() const { return static_cast<int>(groups_.size()); }
+    int key(int group) const { return firstKey_ + group; }
+    int count(int group) const { return counts_[group]; }
+    const LockView& group(int group) const { return groups_[group]; }
+    // The slot's lock value, or -1 when it cannot be read.
+    int value(int slot) const;
+
+private:
+    int firstKey_;
+    std::vector<LockView> groups_;
+    std::vector<int> counts_;
 };
 
 // "0x4c02 (19458)"

@@ -74,10 +74,12 @@ until_file_has() {
     done
 }
 
+# expect_no_pool CHANNEL KEY [KIND]
 expect_no_pool() {
-    run nopool 10 stat jpg "$1"
-    expect_rc nopool 1 "stat jpg $1"
-    expect_error_line nopool "avpool: no jpg pool on channel $1 (key $2)"
+    kind=${3:-jpg}
+    run nopool 10 stat "$kind" "$1"
+    expect_rc nopool 1 "stat $kind $1"
+    expect_error_line nopool "avpool: no $kind pool on channel $1 (key $2)"
 }
 
 # One consumer's row of the final table:
@@ -132,6 +134,9 @@ stat-missing)
     expect_no_pool 7 0x4c07
     [ -s "$work/nopool.out" ] && fail "stat printed on stdout for a missing pool"
     expect_no_pool 200 0x4cc8
+    expect_no_pool 3 0x4b03 mp4
+    [ -s "$work/nopool.out" ] && fail "stat mp4 printed on stdout for a missing pool"
+    expect_no_pool 255 0x4bff mp4
     ;;
 
 usage)
@@ -144,7 +149,7 @@ usage)
     expect_error_line u "avpool: stat: channel must be between 0 and 255, not 256"
     run u 10 stat mov 1
     expect_rc u 2 "stat mov 1"
-    expect_error_line u "avpool: stat: unknown pool kind 'mov' (known: jpg)"
+    expect_error_line u "avpool: stat: unknown pool kind 'mov' (known: jpg, mp4)"
     run u 10 stat jpg
     expect_rc u 2 "stat jpg"
     expect_error_line u "avpool: stat: expected a pool kind and a channel; usage: avpool stat KIND CHANNEL"
