@@ -42,4 +42,16 @@ inline void expectLastLine(ForkedChild& child, const std::string& expected) {
     EXPECT_TRUE(status.ok()) << status.describe();
 }
 
+// Every call must throw Error "programming error" after writing exactly
+// "programming error\n" to stderr: the use of an object before its init.
+template <class Error, class Calls>
+void expectProgrammingErrors(const Calls& calls) {
+    for (size_t i = 0; i < calls.size(); ++i) {
+        SCOPED_TRACE("call " + std::to_string(i));
+        auto [message, log] = failureOf<Error>(calls[i]);
+        EXPECT_EQ(message, "programming error");
+        EXPECT_EQ(log, "programming error\n");
+    }
+}
+
 }  // namespace avpool::test

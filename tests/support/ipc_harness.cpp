@@ -197,6 +197,14 @@ bool eventually(const std::function<bool()>& condition, int timeoutMs) {
     }
 }
 
+bool withinOneSecond(const std::function<bool(time_t now)>& attempt) {
+    for (;;) {
+        time_t before = time(nullptr);
+        bool result = attempt(before);
+        if (time(nullptr) == before) return result;
+    }
+}
+
 // --------------------------------------------------------------- raw access
 
 RawSegment::RawSegment(key_t key) {

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -79,6 +80,11 @@ private:
 
 // Polls condition every millisecond until it holds or timeoutMs passed.
 bool eventually(const std::function<bool()>& condition, int timeoutMs = 10000);
+
+// Runs attempt with the current wall-clock second until the second has not
+// changed while it ran, and returns that run's result: for checks of ages in
+// whole seconds that must not straddle a tick.
+bool withinOneSecond(const std::function<bool(time_t now)>& attempt);
 
 // --------------------------------------------------------------- raw access
 
