@@ -1,0 +1,177 @@
+// The MPEG-4 configuration header: the known bytes of one stream, and the layer
+// header of several parameter sets read back field by field with a bit reader
+// of the test's own.
+#include <avpool/mp4.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// Reads big-endian bit fields, most significant bit first.
+class BitReader {
+public:
+    explicit BitReader(const Bytes& bytes) : bytes_(bytes) {}
+    unsigned read(int n) {
+        unsigned value = 0;
+        for (int i = 0; i < n; ++i, ++position_) {
+            if (position_ / 8 >= bytes_.size()) {
+                ADD_FAILURE() << "read past the end at bit " << position_;
+                return value;
+            }
+            value = value << 1 | (bytes_[position_ / 8] >> (7 - position_ % 8) & 1u);
+        }
+        return value;
+    }
+    size_t position() const { return position_; }
+
+private:
+    const Bytes& bytes_;
+    size_t position_ = 0;
+};
+
+struct Layer {
+    int width, height, resolution;
+    int fixedRate;  // any non-zero value turns it on
+    int increment;
+    bool resyncDisable;
+};
+
+Bytes generate(const Layer& p) {
+    Bytes out(64, 0xEE);
+    int length = gen_mpeg4_header(out.data(), p.width, p.height, p.resolution, p.fixedRate, p.increment,
+                                  p.resyncDisable);
+    EXPECT_EQ(out[length], 0xEE) << "written past the returned length";
+    out.resize(length);
+    return out;
+}
+
+// Parses a layer header and checks every field, the stuffing and the length.
+void expectLayer(const Bytes& out, const Layer& p) {
+    BitReader bits(out);
+    EXPECT_EQ(bits.read(32), 0x00000100u) << "video_object_start_code";
+    EXPECT_EQ(bits.read(32), 0x00000120u) << "video_object_layer_start_code";
+    EXPECT_EQ(bits.read(1), 0u) << "random_accessible_vol";
+    EXPECT_EQ(bits.read(8), 1u) << "video_object_type_indication";
+    EXPECT_EQ(bits.read(1), 1u) << "is_object_layer_identifier";
+    EXPECT_EQ(bits.read(4), 1u) << "video_object_layer_verid";
+    EXPECT_EQ(bits.read(3), 1u) << "video_object_layer_priority";
+    EXPECT_EQ(bits.read(4), 1u) << "aspect_ratio_info";
+    EXPECT_EQ(bits.read(1), 0u) << "vol_control_parameters";
+    EXPECT_EQ(bits.read(2), 0u) << "video_object_layer_shape";
+    EXPECT_EQ(bits.read(1), 1u) << "marker";
+    EXPECT_EQ(bits.read(16), static_cast<unsigned>(p.resolution)) << "vop_time_increment_resolution";
+    EXPECT_EQ(bits.read(1), 1u) << "marker";
+    EXPECT_EQ(bits.read(1), p.fixedRate != 0 ? 1u : 0u) << "fixed_vop_rate";
+    if (p.fixedRate != 0) {
+        // As wide as the resolution itself needs.
+        EXPECT_EQ(bits.read(count_min_bits(p.resolution)), static_cast<unsigned>(p.increment))
+            << "fixed_vop_time_increment";
+    }
+    EXPECT_EQ(bits.read(1), 1u) << "marker";
+    EXPECT_EQ(bits.read(13), static_cast<unsigned>(p.width)) << "video_object_layer_width";
+    EXPECT_EQ(bits.read(1), 1u) << "marker";
+    EXPECT_EQ(bits.read(13), static_cast<unsigned>(p.height)) << "video_object_layer_height";
+    EXPECT_EQ(bits.read(1), 1u) << "marker";
+    EXPECT_EQ(bits.read(1), 0u) << "interlaced";
+    EXPECT_EQ(bits.read(1), 1u) << "obmc_disable";
+    EXPECT_EQ(bits.read(1), 0u) << "sprite_enable";
+    EXPECT_EQ(bits.read(1), 0u) << "not_8_bit";
+    EXPECT_EQ(bits.read(1), 0u) << "quant_type";
+    EXPECT_EQ(bits.read(1), 1u) << "complexity_estimation_disable";
+    EXPECT_EQ(bits.read(1), p.resyncDisable ? 1u : 0u) << "resync_marker_disable";
+    EXPECT_EQ(bits.read(1), 0u) << "data_partitioned";
+    EXPECT_EQ(bits.read(1), 0u) << "scalability";
+
+    // A 0 and then 1s up to the byte boundary; nothing at all when aligned.
+    const size_t used = bits.position();
+    EXPECT_EQ(used, 145u + (p.fixedRate != 0 ? count_min_bits(p.resolution) : 0));
+    if (used % 8 != 0) {
+        EXPECT_EQ(bits.read(1), 0u) << "first stuffing bit";
+        while (bits.position() % 8 != 0) EXPECT_EQ(bits.read(1), 1u) << "stuffing bit " << bits.position();
+    }
+    EXPECT_EQ(out.size() * 8, bits.position());
+}
+
+const Bytes EXAMPLE = {0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5, 0x09, 0x00, 0x00, 0x01, 0x00, 0x00,
+                       0x00, 0x01, 0x20, 0x00, 0xC4, 0x88, 0x80, 0x0F, 0x51, 0x40, 0x43, 0xC1, 0x44, 0x3F};
+
+}  // namespace
+
+TEST(Mpeg4Header, countMinBitsCountsUpToTheHighestSetBit) {
+    EXPECT_EQ(count_min_bits(0), 0);
+    EXPECT_EQ(count_min_bits(1), 1);
+    EXPECT_EQ(count_min_bits(30), 5);
+    EXPECT_EQ(count_min_bits(31), 5);
+    EXPECT_EQ(count_min_bits(32), 6);
+    EXPECT_EQ(count_min_bits(65535), 16);
+    EXPECT_EQ(count_min_bits(0x80000000u), 32);
+}
+
+TEST(Mpeg4Header, volHeaderOf640x480At30IsTheKnown29Bytes) {
+    Bytes out(40, 0xEE);
+    ASSERT_EQ(fill_mpeg4_vol_header(out.data(), 1, 640, 480, 30, false, 0), 29);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 29), EXAMPLE);
+    EXPECT_EQ(out[29], 0xEE);
+
+    // The profile byte is the only one of the prefix that changes; an increment
+    // without a fixed rate is not written.
+    ASSERT_EQ(fill_mpeg4_vol_header(out.data(), 0xF5, 640, 480, 30, false, 7), 29);
+    Bytes expected = EXAMPLE;
+    expected[4] = 0xF5;
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 29), expected);
+}
+
+TEST(Mpeg4Header, volHeaderIsThePrefixAndTheLayerHeaderWithResyncMarkersOn) {
+    Bytes out(40, 0xEE);
+    const int length = fill_mpeg4_vol_header(out.data(), 3, 176, 144, 32, true, 17);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 10),
+              (Bytes{0x00, 0x00, 0x01, 0xB0, 0x03, 0x00, 0x00, 0x01, 0xB5, 0x09}));
+    Bytes layer = generate({176, 144, 32, 1, 17, false});
+    ASSERT_EQ(length, 10 + static_cast<int>(layer.size()));
+    EXPECT_EQ(Bytes(out.begin() + 10, out.begin() + length), layer);
+}
+
+TEST(Mpeg4Header, hexFormIsTwoUpperCaseDigitsPerByteAndANul) {
+    char text[80];
+    memset(text, 'Z', sizeof text);
+    ASSERT_EQ(fill_mpeg4_vol_hex(text, 1, 640, 480, 30, false, 0), 58);
+    EXPECT_EQ(std::string(text), "000001B001000001B509000001000000012000C488800F514043C1443F");
+    EXPECT_EQ(text[59], 'Z');
+}
+
+TEST(Mpeg4Header, layerHeaderFieldsReadBackForSeveralParameterSets) {
+    const Layer cases[] = {
+        {640, 480, 30, 0, 0, false},         // 81 bits: 7 stuffing bits
+        {176, 144, 30, 1, 1, false},         // 5-bit increment, 2 stuffing bits
+        {352, 288, 32, 5, 31, true},         // 6 bits for a power of two, 1 stuffing bit
+        {1920, 1080, 100, 1, 99, false},     // 7 bits: 88, already aligned
+        {8191, 8191, 65535, 1, 65535, true}, // every field at its widest
+        {1, 1, 1, 1, 1, true},
+        {0, 0, 0, 0, 0, false},
+    };
+    for (const Layer& p : cases) {
+        SCOPED_TRACE(std::to_string(p.width) + "x" + std::to_string(p.height) + " res " + std::to_string(p.resolution) +
+                     " fixed " + std::to_string(p.fixedRate));
+        Bytes out = generate(p);
+        expectLayer(out, p);
+    }
+    EXPECT_EQ(generate({1920, 1080, 100, 1, 99, false}).size(), 19u);
+    EXPECT_EQ(generate({8191, 8191, 65535, 1, 65535, true}).size(), 21u);
+}
+
+// The width field starts at bit 108 of the layer header, with four bits pending:
+// resolution's last bit, a marker, fixed_vop_rate, a marker. Two excess high bits
+// of the width land on the last two of them, so fixed_vop_rate (bit 106) reads 1.
+TEST(Mpeg4Header, valueWiderThanItsFieldOrsItsExcessBitsIntoThePendingByte) {
+    Bytes fitting = generate({640, 480, 30, 0, 0, false});
+    Bytes wide = generate({640 + (3 << 13), 480, 30, 0, 0, false});
+    Bytes expected = fitting;
+    expected[106 / 8] |= 0x80 >> (106 % 8);
+    EXPECT_EQ(wide, expected);
+}
