@@ -65,11 +65,13 @@ struct Pool {
     int earlyGop() const { return lastGop - 1; }      // only two P frames
 };
 
-// The small ring laps twice and its byte ring keeps a lap and a half, so GOPs
-// that end early still show intact frames of the lap before. The large ring ends
-// with the writer in GOP 43, whose slots (258..) are locked in the second group.
+// The small ring laps three times and its byte ring keeps more than a lap, so
+// GOPs that end early still show intact frames of the lap before; its writer ends
+// on the ring's last GOP, where only the step count ends an exact search, and the
+// live phase wraps the ring. The large ring ends with the writer in GOP 43, whose
+// slots (258..) are locked in the second group.
 const Pool POOLS[] = {
-    {"small", 5, 5, 6, 301, 4000, 12},
+    {"small", 5, 5, 6, 301, 4000, 15},
     {"large", 6, 50, 6, 301, 4000, 94},
 };
 
