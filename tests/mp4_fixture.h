@@ -71,17 +71,9 @@ protected:
     void create(MP4Putter& p, int gopCount, int framesPerGop, int maxFrameSize, int ringBytes) {
         framesPerGop_ = framesPerGop;
         poolSize_ = gopCount * framesPerGop;
-        testing::internal::CaptureStderr();
-        testing::internal::CaptureStdout();
-        try {
-            p.init(CHANNEL, gopCount, framesPerGop, maxFrameSize, ringBytes + 52 * poolSize_);
-        } catch (...) {
-            initOut = testing::internal::GetCapturedStdout();
-            initErr = testing::internal::GetCapturedStderr();
-            throw;
-        }
-        initOut = testing::internal::GetCapturedStdout();
-        initErr = testing::internal::GetCapturedStderr();
+        avpool::test::captureOutput(
+            [&] { p.init(CHANNEL, gopCount, framesPerGop, maxFrameSize, ringBytes + 52 * poolSize_); }, initErr,
+            &initOut);
     }
 
     // create() and working parameters of 640 x 480 at fps.
@@ -118,14 +110,7 @@ protected:
 
     // Attaches a reader; its line of addresses is kept in attachLog.
     void attach(MP4Getter& reader) {
-        testing::internal::CaptureStderr();
-        try {
-            reader.init(CHANNEL);
-        } catch (...) {
-            attachLog = testing::internal::GetCapturedStderr();
-            throw;
-        }
-        attachLog = testing::internal::GetCapturedStderr();
+        avpool::test::captureOutput([&] { reader.init(CHANNEL); }, attachLog);
     }
 
     // Raw reads of this test's pool.

@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -47,31 +49,35 @@ TEST_F(Mp4Processes, readerFollowsTheWriterGopByGopReleasedFrameByFrame) {
         return 0;
     });
     ASSERT_NO_FATAL_FAILURE(expectLine(child, "1/1 g1.0"));
-    ASSERT_NO_FATAL_FAILURE(expectBlockedOn(4));
-    putP("g1.1");
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "1/2 g1.1"));
-    ASSERT_NO_FATAL_FAILURE(expectBlockedOn(5));
-    putP("g1.2");
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "1/3 g1.2"));
-
-    // GOP 2 was closed a GOP ahead: the reader waits for its I frame.
-    ASSERT_NO_FATAL_FAILURE(expectBlockedOn(6));
-    ASSERT_EQ(putI("g2.0"), 0);
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "2/4 g2.0"));
-
-    // GOP 2 ends early: the next I frame releases the reader from its two
-    // remaining slots, which were never written.
-    ASSERT_NO_FATAL_FAILURE(expectBlockedOn(7));
-    ASSERT_EQ(putI("g3.0"), 0);
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "2/0 -"));
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "2/0 -"));
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "3/5 g3.0"));
-    ASSERT_NO_FATAL_FAILURE(expectBlockedOn(10));
-    putP("g3.1");
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "3/6 g3.1"));
-    ASSERT_NO_FATAL_FAILURE(expectBlockedOn(11));
-    putP("g3.2");
-    expectLastLine(child, "3/7 g3.2");
+    // Each frame is written only once the reader waits on its slot. GOP 2 was
+    // closed a GOP ahead, so the reader waits for its I frame; GOP 2 then ends
+    // early, and the next I frame releases the reader from its two remaining
+    // slots, which were never written.
+    struct Step {
+        int blockedOn;
+        bool iFrame;
+        const char* frame;
+        std::vector<std::string> lines;
+    };
+    const Step steps[] = {
+        {4, false, "g1.1", {"1/2 g1.1"}},
+        {5, false, "g1.2", {"1/3 g1.2"}},
+        {6, true, "g2.0", {"2/4 g2.0"}},
+        {7, true, "g3.0", {"2/0 -", "2/0 -", "3/5 g3.0"}},
+        {10, false, "g3.1", {"3/6 g3.1"}},
+        {11, false, "g3.2", {"3/7 g3.2"}},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.frame);
+        ASSERT_NO_FATAL_FAILURE(expectBlockedOn(step.blockedOn));
+        if (step.iFrame) {
+            ASSERT_EQ(putI(step.frame), 0);
+        } else {
+            putP(step.frame);
+        }
+        for (const std::string& line : step.lines) ASSERT_NO_FATAL_FAILURE(expectLine(child, line));
+    }
+    EXPECT_TRUE(child.wait().ok());
 }
 
 // 300 slots: the writer on GOP 26 (slots 260..269) is in the second group, where

@@ -51,42 +51,57 @@ Bytes generate(const Layer& p) {
     return out;
 }
 
+struct Field {
+    int bits;
+    unsigned value;
+    const char* name;
+};
+
+// The layer header's fields in stream order, as the parameters must give them.
+std::vector<Field> layerFields(const Layer& p) {
+    std::vector<Field> fields = {
+        {32, 0x00000100u, "video_object_start_code"},
+        {32, 0x00000120u, "video_object_layer_start_code"},
+        {1, 0, "random_accessible_vol"},
+        {8, 1, "video_object_type_indication"},
+        {1, 1, "is_object_layer_identifier"},
+        {4, 1, "video_object_layer_verid"},
+        {3, 1, "video_object_layer_priority"},
+        {4, 1, "aspect_ratio_info"},
+        {1, 0, "vol_control_parameters"},
+        {2, 0, "video_object_layer_shape"},
+        {1, 1, "marker"},
+        {16, static_cast<unsigned>(p.resolution), "vop_time_increment_resolution"},
+        {1, 1, "marker"},
+        {1, p.fixedRate != 0 ? 1u : 0u, "fixed_vop_rate"},
+    };
+    // As wide as the resolution itself needs.
+    if (p.fixedRate != 0)
+        fields.push_back({count_min_bits(p.resolution), static_cast<unsigned>(p.increment), "fixed_vop_time_increment"});
+    const std::vector<Field> tail = {
+        {1, 1, "marker"},
+        {13, static_cast<unsigned>(p.width), "video_object_layer_width"},
+        {1, 1, "marker"},
+        {13, static_cast<unsigned>(p.height), "video_object_layer_height"},
+        {1, 1, "marker"},
+        {1, 0, "interlaced"},
+        {1, 1, "obmc_disable"},
+        {1, 0, "sprite_enable"},
+        {1, 0, "not_8_bit"},
+        {1, 0, "quant_type"},
+        {1, 1, "complexity_estimation_disable"},
+        {1, p.resyncDisable ? 1u : 0u, "resync_marker_disable"},
+        {1, 0, "data_partitioned"},
+        {1, 0, "scalability"},
+    };
+    fields.insert(fields.end(), tail.begin(), tail.end());
+    return fields;
+}
+
 // Parses a layer header and checks every field, the stuffing and the length.
 void expectLayer(const Bytes& out, const Layer& p) {
     BitReader bits(out);
-    EXPECT_EQ(bits.read(32), 0x00000100u) << "video_object_start_code";
-    EXPECT_EQ(bits.read(32), 0x00000120u) << "video_object_layer_start_code";
-    EXPECT_EQ(bits.read(1), 0u) << "random_accessible_vol";
-    EXPECT_EQ(bits.read(8), 1u) << "video_object_type_indication";
-    EXPECT_EQ(bits.read(1), 1u) << "is_object_layer_identifier";
-    EXPECT_EQ(bits.read(4), 1u) << "video_object_layer_verid";
-    EXPECT_EQ(bits.read(3), 1u) << "video_object_layer_priority";
-    EXPECT_EQ(bits.read(4), 1u) << "aspect_ratio_info";
-    EXPECT_EQ(bits.read(1), 0u) << "vol_control_parameters";
-    EXPECT_EQ(bits.read(2), 0u) << "video_object_layer_shape";
-    EXPECT_EQ(bits.read(1), 1u) << "marker";
-    EXPECT_EQ(bits.read(16), static_cast<unsigned>(p.resolution)) << "vop_time_increment_resolution";
-    EXPECT_EQ(bits.read(1), 1u) << "marker";
-    EXPECT_EQ(bits.read(1), p.fixedRate != 0 ? 1u : 0u) << "fixed_vop_rate";
-    if (p.fixedRate != 0) {
-        // As wide as the resolution itself needs.
-        EXPECT_EQ(bits.read(count_min_bits(p.resolution)), static_cast<unsigned>(p.increment))
-            << "fixed_vop_time_increment";
-    }
-    EXPECT_EQ(bits.read(1), 1u) << "marker";
-    EXPECT_EQ(bits.read(13), static_cast<unsigned>(p.width)) << "video_object_layer_width";
-    EXPECT_EQ(bits.read(1), 1u) << "marker";
-    EXPECT_EQ(bits.read(13), static_cast<unsigned>(p.height)) << "video_object_layer_height";
-    EXPECT_EQ(bits.read(1), 1u) << "marker";
-    EXPECT_EQ(bits.read(1), 0u) << "interlaced";
-    EXPECT_EQ(bits.read(1), 1u) << "obmc_disable";
-    EXPECT_EQ(bits.read(1), 0u) << "sprite_enable";
-    EXPECT_EQ(bits.read(1), 0u) << "not_8_bit";
-    EXPECT_EQ(bits.read(1), 0u) << "quant_type";
-    EXPECT_EQ(bits.read(1), 1u) << "complexity_estimation_disable";
-    EXPECT_EQ(bits.read(1), p.resyncDisable ? 1u : 0u) << "resync_marker_disable";
-    EXPECT_EQ(bits.read(1), 0u) << "data_partitioned";
-    EXPECT_EQ(bits.read(1), 0u) << "scalability";
+    for (const Field& field : layerFields(p)) EXPECT_EQ(bits.read(field.bits), field.value) << field.name;
 
     // A 0 and then 1s up to the byte boundary; nothing at all when aligned.
     const size_t used = bits.position();

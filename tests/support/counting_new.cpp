@@ -91,3 +91,10 @@ void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
 void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
     std::free(memory);
 }
+
+bool avpool::testing::allocationsAreCounted() {
+    void* (*volatile allocate)(std::size_t) = &::operator new;
+    unsigned long long start = allocationCount();
+    ::operator delete(allocate(8));
+    return allocationCount() == start + 1;
+}

@@ -3,4 +3,7 @@
 
 namespace avpool::testing {
 unsigned long long allocationCount();
+// Whether a call of operator new is seen by the counter at all: without that, a
+// count that stays the same proves nothing.
+bool allocationsAreCounted();
 }

@@ -8,6 +8,7 @@
 
 #include <exception>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace avpool::test {
@@ -28,6 +29,25 @@ std::pair<std::string, std::string> failureOf(Call call) {
     return {message, testing::internal::GetCapturedStderr()};
 }
 
+// Runs call with everything it writes to stderr kept in err and, when out is
+// given, to stdout in out; kept also when call throws, which is passed on.
+template <class Call>
+void captureOutput(Call call, std::string& err, std::string* out = nullptr) {
+    testing::internal::CaptureStderr();
+    if (out != nullptr) testing::internal::CaptureStdout();
+    auto collect = [&] {
+        if (out != nullptr) *out = testing::internal::GetCapturedStdout();
+        err = testing::internal::GetCapturedStderr();
+    };
+    try {
+        call();
+    } catch (...) {
+        collect();
+        throw;
+    }
+    collect();
+}
+
 // The child's next line must be expected.
 inline void expectLine(ForkedChild& child, const std::string& expected) {
     std::string line;
@@ -40,6 +60,28 @@ inline void expectLastLine(ForkedChild& child, const std::string& expected) {
     expectLine(child, expected);
     ExitStatus status = child.wait();
     EXPECT_TRUE(status.ok()) << status.describe();
+}
+
+// Own is a standard exception that a handler for Other does not catch, and it
+// keeps its own copy of the message it is built from.
+template <class Own, class Other>
+void expectOwnErrorType() {
+    static_assert(std::is_base_of_v<std::exception, Own>);
+    static_assert(!std::is_base_of_v<Other, Own>);
+    bool caughtAsOther = false;
+    try {
+        throw Own("x");
+    } catch (const Other&) {
+        caughtAsOther = true;
+    } catch (const std::exception&) {
+    }
+    EXPECT_FALSE(caughtAsOther);
+
+    std::string message = "semop failed.";
+    Own error(message);
+    message[0] = 'X';
+    const std::exception& base = error;
+    EXPECT_STREQ(base.what(), "semop failed.");
 }
 
 // Every call must throw Error "programming error" after writing exactly
