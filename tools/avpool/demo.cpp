@@ -1,7 +1,8 @@
-// avpool demo: a producer and several consumer processes on JPEG pools, every
-// frame checked, with a live summary. The producer (this process) creates the
-// pools and writes frames at their rates; the consumers are forked children
-// that publish their counters on a board in shared anonymous memory.
+// avpool demo: a producer and several consumer processes on two JPEG pools and
+// a video pool, every frame checked, with a live summary. The producer (this
+// process) creates the pools and writes frames at their rates; the consumers
+// are forked children that publish their counters on a board in shared
+// anonymous memory.
 
 #include "clock.h"
 #include "demo.h"
@@ -10,6 +11,7 @@
 #include "verbs.h"
 
 #include <avpool/jpg.h>
+#include <avpool/mp4.h>
 
 #include <cerrno>
 #include <csignal>
@@ -25,6 +27,18 @@
 
 namespace avpool::demo {
 
+const char* kindName(PoolKind kind) {
+    return kind == PoolKind::Mp4 ? "mp4" : "jpg";
+}
+
+int baseKey(PoolKind kind) {
+    return kind == PoolKind::Mp4 ? MP4_BASE_KEY : JPG_BASE_KEY;
+}
+
+int maxFrameSize(const PoolPlan& plan) {
+    return plan.kind == PoolKind::Mp4 ? plan.maxKey : plan.maxFrame;
+}
+
 namespace {
 
 using avpool::cli::Child;
@@ -32,24 +46,36 @@ using avpool::cli::CliError;
 using avpool::cli::monotonicNs;
 using avpool::cli::NS_PER_S;
 
-// Two pools of different geometry and rate. Each data ring holds several
+// Two JPEG pools of different geometry and rate. Each data ring holds several
 // average frames and always more than one maximal frame (prefix and padding
 // included), but fewer than it has slots on channel 0, so there a lagging
 // reader sees frame bytes overwritten before their slots are reused.
-const JpgPoolPlan jpgPools[] = {
-    // channel, slots, fps, width, height, quality, frame sizes, ring bytes
-    {0, 12, 25, 640, 480, 80, 2048, 65536, 256 * 1024},
-    {1, 8, 10, 320, 240, 60, 512, 16384, 96 * 1024},
+//
+// One video pool of 8 GOPs of 30 frames at 30 fps: an I frame of 30 to 60 KB,
+// then P frames of 2 to 12 KB; every fifth GOP ends early, after 18 frames, as
+// at a scene cut. Its ring holds about two and a half average GOPs, so a reader
+// more than about two seconds behind finds frame bytes reused long before the
+// writer comes round to its GOP's slots.
+const PoolPlan poolPlans[] = {
+    // kind, channel, slots, frames per GOP, fps, width, height, quality, frame
+    // sizes, I frame sizes, short GOPs, ring bytes
+    {PoolKind::Jpg, 0, 12, 1, 25, 640, 480, 80, 2048, 65536, 0, 0, 0, 0, 256 * 1024},
+    {PoolKind::Jpg, 1, 8, 1, 10, 320, 240, 60, 512, 16384, 0, 0, 0, 0, 96 * 1024},
+    {PoolKind::Mp4, 0, 8, 30, 30, 1280, 720, 0, 2048, 12288, 30720, 61440, 5, 18, 640 * 1024},
 };
-constexpr int POOL_COUNT = sizeof jpgPools / sizeof jpgPools[0];
+constexpr int POOL_COUNT = sizeof poolPlans / sizeof poolPlans[0];
+constexpr int MAX_CHANNEL_OFFSET = 1;  // the plans' largest channel
 
-// Readers at different paces: two follow the newest frame, two spend more
-// time on a frame than the producer gives them and get overtaken.
+// Readers at different paces: the live ones follow the newest frame, the slow
+// ones spend more time on a frame than the producer gives them and get
+// overtaken.
 const ConsumerPlan consumerPlans[] = {
     {"live-0", 0, 0, Catchup::Newest},
     {"slow-0", 0, 100, Catchup::Newest},
     {"live-1", 1, 0, Catchup::Newest},
     {"slow-1", 1, 250, Catchup::Oldest},
+    {"live-mp4", 2, 0, Catchup::Newest},
+    {"slow-mp4", 2, 100, Catchup::Newest},
 };
 constexpr int CONSUMER_COUNT = sizeof consumerPlans / sizeof consumerPlans[0];
 
@@ -57,7 +83,7 @@ static_assert(POOL_COUNT <= MAX_POOLS && CONSUMER_COUNT <= MAX_CONSUMERS, "board
 
 constexpr int DEFAULT_SECONDS = 10;
 constexpr int MAX_SECONDS = 24 * 3600;
-constexpr int MAX_FIRST_CHANNEL = 255 - (POOL_COUNT - 1);
+constexpr int MAX_FIRST_CHANNEL = 255 - MAX_CHANNEL_OFFSET;
 constexpr long long STOP_GRACE_NS = 2 * NS_PER_S;  // producing on while consumers finish
 constexpr int END_GRACE_MS = 1000;                 // per step once the pools are gone
 
@@ -104,49 +130,116 @@ private:
 
 // Refuses channels whose pool belongs to a running process: creating a pool
 // removes whatever is under its key, and that may be a device's live stream.
-void refuseLivePools(const JpgPoolPlan* plans) {
+void refuseLivePools(const PoolPlan* plans) {
     for (int p = 0; p < POOL_COUNT; ++p) {
         int channel = plans[p].channel;
         pid_t creator = 0;
-        if (!avpool::cli::findSegment(JPG_BASE_KEY + channel, creator)) continue;
+        if (!avpool::cli::findSegment(baseKey(plans[p].kind) + channel, creator)) continue;
         if (creator > 0 && (kill(creator, 0) == 0 || errno == EPERM))
-            throw CliError("demo: the jpg pool on channel " + std::to_string(channel) + " belongs to running pid " +
-                           std::to_string(creator) + "; choose other channels with --channel");
+            throw CliError(std::string("demo: the ") + kindName(plans[p].kind) + " pool on channel " +
+                           std::to_string(channel) + " belongs to running pid " + std::to_string(creator) +
+                           "; choose other channels with --channel");
     }
 }
 
-// One pool as its producer sees it: the putter, the frame buffer and the clock.
+// A pool's putter behind one call per frame.
+class PoolWriter {
+public:
+    virtual ~PoolWriter() = default;
+    // False when the pool refused the frame. key: the frame opens a GOP.
+    virtual bool put(unsigned char* data, int length, bool key, const timeval& captured) = 0;
+    virtual void release() = 0;
+};
+
+class JpgWriter : public PoolWriter {
+public:
+    explicit JpgWriter(const PoolPlan& plan) {
+        int dataSize = static_cast<int>(sizeof(JPGFrameInfo) + 4) * plan.slots + plan.ringBytes;
+        putter_.init(plan.channel, plan.slots, plan.maxFrame, dataSize);
+        putter_.reset(plan.width, plan.height, plan.fps, plan.quality);
+    }
+    bool put(unsigned char* data, int length, bool, const timeval& captured) override {
+        return putter_.putFrame(data, length, captured) == 1;
+    }
+    void release() override { putter_.release(); }
+
+private:
+    JPGPutter putter_;
+};
+
+class Mp4Writer : public PoolWriter {
+public:
+    explicit Mp4Writer(const PoolPlan& plan) {
+        int slots = plan.slots * plan.framesPerGop;
+        int dataSize = static_cast<int>(sizeof(MP4FrameInfo) + 4) * slots + plan.ringBytes;
+        putter_.init(plan.channel, plan.slots, plan.framesPerGop, maxFrameSize(plan), dataSize);
+        putter_.reset(plan.width, plan.height, plan.fps);
+    }
+    bool put(unsigned char* data, int length, bool key, const timeval& captured) override {
+        if (key) return putter_.putIFrame(data, length, captured) != 1;
+        putter_.putPFrame(data, length, captured);
+        return true;
+    }
+    void release() override { putter_.release(); }
+
+private:
+    MP4Putter putter_;
+};
+
+// One pool as its producer sees it: the writer, the frame buffer and the clock.
 struct ProducedPool {
-    JpgPoolPlan plan;
-    JPGPutter putter;
+    PoolPlan plan;
+    std::unique_ptr<PoolWriter> writer;
     std::vector<unsigned char> buffer;  // one maximal frame, allocated before the first put
     unsigned long long number = 0;
+    unsigned long long gop = 0;  // GOPs begun
+    int inGop = 0;               // frames put in the current GOP
     long long periodNs = 0;
     long long dueNs = 0;
 };
 
-void createPool(ProducedPool& pool, const JpgPoolPlan& plan) {
+void createPool(ProducedPool& pool, const PoolPlan& plan) {
     pool.plan = plan;
-    int dataSize = static_cast<int>(sizeof(JPGFrameInfo) + 4) * plan.frameCount + plan.ringBytes;
-    pool.putter.init(plan.channel, plan.frameCount, plan.maxFrame, dataSize);
-    pool.putter.reset(plan.width, plan.height, plan.fps, plan.quality);
-    pool.buffer.resize(plan.maxFrame);
+    if (plan.kind == PoolKind::Mp4)
+        pool.writer.reset(new Mp4Writer(plan));
+    else
+        pool.writer.reset(new JpgWriter(plan));
+    pool.buffer.resize(maxFrameSize(plan));
     pool.periodNs = NS_PER_S / plan.fps;
 }
 
+// Whether the next frame of a video pool is an I frame: the current GOP has
+// all its frames, or all that a short GOP gets.
+bool opensGop(const ProducedPool& pool) {
+    const PoolPlan& plan = pool.plan;
+    if (plan.kind != PoolKind::Mp4) return false;
+    if (pool.gop == 0) return true;
+    bool isShort = plan.shortGop > 0 && pool.gop % static_cast<unsigned long long>(plan.shortGop) == 0;
+    return pool.inGop >= (isShort ? plan.shortLength : plan.framesPerGop);
+}
+
 void putNextFrame(ProducedPool& pool, PoolBoard& published) {
+    const PoolPlan& plan = pool.plan;
     unsigned long long number = pool.number + 1;
-    uint32_t stream = static_cast<uint32_t>(pool.plan.channel);
-    int length = stampedLength(number, stream, pool.plan.minFrame, pool.plan.maxFrame);
+    bool key = opensGop(pool);
+    uint32_t stream = static_cast<uint32_t>(plan.channel) | static_cast<uint32_t>(plan.kind) << 8;
+    int length = key ? stampedLength(number, stream, plan.minKey, plan.maxKey)
+                     : stampedLength(number, stream, plan.minFrame, plan.maxFrame);
     stampFrame(pool.buffer.data(), length, number, stream);
     timeval captured;
     gettimeofday(&captured, nullptr);
+    if (key) published.gopFirst[(pool.gop + 1) % GOP_HISTORY].store(number, std::memory_order_seq_cst);
     // Before any byte of the frame is stored, so a reader that finds bytes of
     // this frame over an older one also finds this number here.
     published.started.store(number, std::memory_order_seq_cst);
-    if (pool.putter.putFrame(pool.buffer.data(), length, captured) != 1)
-        throw CliError("demo: the jpg pool on channel " + std::to_string(pool.plan.channel) + " refused frame " +
-                       std::to_string(number));
+    if (!pool.writer->put(pool.buffer.data(), length, key, captured))
+        throw CliError(std::string("demo: the ") + kindName(plan.kind) + " pool on channel " +
+                       std::to_string(plan.channel) + " refused frame " + std::to_string(number));
+    if (key) {
+        ++pool.gop;
+        pool.inGop = 0;
+    }
+    ++pool.inGop;
     pool.number = number;
     published.completed.store(number, std::memory_order_release);
 }
@@ -174,12 +267,12 @@ long long nextDue(const ProducedPool* pools, long long limit) {
 // every one is reaped before it returns.
 class ConsumerTeam {
 public:
-    ConsumerTeam(Board& board, const JpgPoolPlan* plans) : board_(board) {
+    ConsumerTeam(Board& board, const PoolPlan* plans) : board_(board) {
         try {
             for (int i = 0; i < CONSUMER_COUNT; ++i) {
                 const ConsumerPlan& plan = consumerPlans[i];
                 jobs_[i] = ConsumerJob{&plan, &plans[plan.pool], &board, &board.consumers[i]};
-                avpool::cli::startChild(children_[i], runJpgConsumer, &jobs_[i]);
+                avpool::cli::startChild(children_[i], runConsumer, &jobs_[i]);
             }
         } catch (...) {
             finish();
@@ -210,9 +303,9 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
     int firstChannel = args.intOption("--channel", 0, 0, MAX_FIRST_CHANNEL);
     bool quiet = args.has("--quiet");
 
-    JpgPoolPlan plans[POOL_COUNT];
+    PoolPlan plans[POOL_COUNT];
     for (int p = 0; p < POOL_COUNT; ++p) {
-        plans[p] = jpgPools[p];
+        plans[p] = poolPlans[p];
         plans[p].channel += firstChannel;
     }
     refuseLivePools(plans);
@@ -266,7 +359,7 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
 
     // Removing the pools wakes any consumer still blocked on a lock: its wait
     // fails, which it takes as the end. Whatever is left is then terminated.
-    for (int p = 0; p < POOL_COUNT; ++p) pools[p].putter.release();
+    for (int p = 0; p < POOL_COUNT; ++p) pools[p].writer->release();
     team.finish();
 
     int failures = printFinalReport(run, elapsed, interrupted);
@@ -284,14 +377,21 @@ namespace avpool::cli {
 const Verb demoVerb = {
     "demo",
     "[--seconds N] [--channel N] [--quiet]",
-    "run a producer and checking consumers on two JPEG pools",
+    "run a producer and checking consumers on two JPEG pools and a video pool",
     "Creates two JPEG pools (channels 0 and 1: 12 slots at 25 fps and 8 slots at\n"
-    "10 fps) and writes frames of varying size into them at their rates. Every\n"
-    "frame carries its number, length and a checksum of its bytes. Four consumer\n"
-    "processes follow the pools: live-0 and live-1 read every frame as it comes;\n"
-    "slow-0 and slow-1 spend longer on each frame than the producer allows, get\n"
-    "overtaken and catch up again, slow-0 on the newest frame and slow-1 on the\n"
-    "oldest frame still safe from the writer.\n"
+    "10 fps) and a video pool (mp4 channel 0: 8 GOPs of 30 frames at 30 fps, an\n"
+    "I frame of 30 to 60 KB and P frames of 2 to 12 KB, every fifth GOP cut short\n"
+    "after 18 frames) and writes frames of varying size into them at their rates.\n"
+    "Every frame carries its number, length and a checksum of its bytes.\n"
+    "\n"
+    "Six consumer processes follow the pools: live-0, live-1 and live-mp4 read\n"
+    "every frame as it comes; slow-0, slow-1 and slow-mp4 spend longer on each\n"
+    "frame than the producer allows, get overtaken and catch up again, slow-0 on\n"
+    "the newest frame, slow-1 on the oldest frame still safe from the writer and\n"
+    "slow-mp4 on the GOP being written. The video consumers read GOP by GOP; they\n"
+    "count the GOPs they read, how the writer overtook them (frame bytes reused,\n"
+    "the GOP older than 2 s, a GOP ID that is not the next one) and their jumps\n"
+    "back to the GOP being written.\n"
     "\n"
     "Each consumer checks every frame it reads. A frame the writer overwrote\n"
     "while it was being read counts as overwritten; a frame that stayed untouched\n"
@@ -304,7 +404,7 @@ const Verb demoVerb = {
     "and 128 + the signal number when interrupted.\n",
     {
         {"--seconds", "N", "how long to run (default 10)"},
-        {"--channel", "N", "first pool channel; the second is N + 1 (default 0)"},
+        {"--channel", "N", "first pool channel: jpg N and N + 1, mp4 N (default 0)"},
         {"--quiet", nullptr, "no live summary, only the final table"},
     },
     avpool::demo::runDemo,

@@ -1,6 +1,7 @@
-// The demo's cast: the pools its producer writes, the consumers that follow
-// them in their own processes, and the board in shared anonymous memory where
-// every process publishes its counters for the live summary.
+// The demo's cast: the pools its producer writes (JPEG frames and GOPs of
+// video), the consumers that follow them in their own processes, and the board
+// in shared anonymous memory where every process publishes its counters for
+// the live summary.
 #pragma once
 
 #include "children.h"
@@ -10,21 +11,35 @@
 
 namespace avpool::demo {
 
-struct JpgPoolPlan {
+enum class PoolKind { Jpg, Mp4 };
+
+const char* kindName(PoolKind kind);  // "jpg", "mp4"
+int baseKey(PoolKind kind);           // the key of channel 0's segment
+
+struct PoolPlan {
+    PoolKind kind;
     int channel;
-    int frameCount;
+    int slots;         // jpg: frames in the ring; mp4: GOPs in the ring
+    int framesPerGop;  // mp4: frame slots per GOP (jpg: 1)
     int fps;
     int width;
     int height;
-    int quality;
-    int minFrame;   // frame lengths vary between these two
-    int maxFrame;   // also the pool's maxFrameSize
+    int quality;    // jpg only
+    int minFrame;   // jpg: every frame's length varies between these two;
+    int maxFrame;   // mp4: every P frame's
+    int minKey;     // mp4: the I frames' lengths
+    int maxKey;
+    int shortGop;   // mp4: every shortGop-th GOP ends early,
+    int shortLength;  // after this many frames
     int ringBytes;  // length of the data ring
 };
 
+// The pool's maxFrameSize: the longest frame it is given.
+int maxFrameSize(const PoolPlan& plan);
+
 // How a consumer gets back into step once the writer has overtaken it.
 enum class Catchup {
-    Newest,  // toWorking: jump to the frame being written
+    Newest,  // toWorking (toWorkingGop): jump to the frame (GOP) being written
     Oldest,  // toOldestWorking: the oldest frame still safe from the writer
 };
 
@@ -36,6 +51,7 @@ struct ConsumerPlan {
 };
 
 constexpr int MAX_POOLS = 4;
+constexpr int GOP_HISTORY = 64;
 constexpr int MAX_CONSUMERS = 8;
 constexpr int ERROR_TEXT = 160;
 
@@ -45,6 +61,9 @@ static_assert(std::atomic<unsigned long long>::is_always_lock_free,
 struct PoolBoard {
     std::atomic<unsigned long long> started{0};    // number of the frame being put
     std::atomic<unsigned long long> completed{0};  // number of the last frame put
+    // Video: the number of the first frame of GOP g at [g % GOP_HISTORY], set
+    // before that frame is put. Tells a reader where a GOP ended.
+    std::atomic<unsigned long long> gopFirst[GOP_HISTORY] = {};
 };
 
 struct ConsumerBoard {
@@ -53,6 +72,11 @@ struct ConsumerBoard {
     std::atomic<unsigned long long> overwritten{0};  // reads given up because the writer got there first
     std::atomic<unsigned long long> overtaken{0};    // gaps: times the writer went past it
     std::atomic<unsigned long long> errors{0};       // frames intact before and after reading, yet wrong
+    // Video readers only.
+    std::atomic<unsigned long long> gops{0};       // GOPs entered and read from their first frame on
+    std::atomic<unsigned long long> agedOut{0};    // GOPs left because probeAge said "age too old"
+    std::atomic<unsigned long long> gopJumps{0};   // steps to a GOP whose ID was not the next one
+    std::atomic<unsigned long long> jumps{0};      // jumps back to the working GOP
     std::atomic<unsigned long long> lastId{0};
     std::atomic<long long> lastCaptureUs{0};
     char firstError[ERROR_TEXT] = {};  // written before errors first becomes 1
@@ -68,17 +92,18 @@ struct Board {
 // What a consumer process needs; it runs until board->stop or the pool goes away.
 struct ConsumerJob {
     const ConsumerPlan* plan;
-    const JpgPoolPlan* pool;
+    const PoolPlan* pool;
     Board* board;
     ConsumerBoard* counters;  // this consumer's place on the board
 };
 
-// Body of a consumer process; its result is the process's exit code.
-int runJpgConsumer(void* job);
+// Body of a consumer process (a ConsumerJob for either kind of pool); its
+// result is the process's exit code.
+int runConsumer(void* job);
 
 // Everything the summaries show.
 struct RunView {
-    const JpgPoolPlan* pools;
+    const PoolPlan* pools;
     int poolCount;
     const ConsumerPlan* consumers;
     int consumerCount;

@@ -3,7 +3,6 @@
 #include "clock.h"
 #include "demo.h"
 
-#include <avpool/jpg.h>
 
 #include <cstdio>
 #include <sys/wait.h>
@@ -48,7 +47,8 @@ void printConsumerRow(const RunView& run, int i, const char* lag) {
     const ConsumerBoard& counters = run.board->consumers[i];
     char pace[16];
     paceText(consumer, pace, sizeof pace);
-    printf("%-8s jpg %-2d %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, run.pools[consumer.pool].channel,
+    const PoolPlan& pool = run.pools[consumer.pool];
+    printf("%-8s %s %-2d %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, kindName(pool.kind), pool.channel,
            pace, load(counters.read), load(counters.skipped), load(counters.overwritten), load(counters.overtaken),
            load(counters.errors), lag);
 }
@@ -69,7 +69,8 @@ void LiveSummary::showTable(double elapsedSeconds) {
     if (drawnLines_ > 0) printf("\033[%dA", drawnLines_);
     printf("\r\033[Kavpool demo: %.0f of %d s ", elapsedSeconds, run_.seconds);
     for (int p = 0; p < run_.poolCount; ++p)
-        printf("  jpg %d: %llu frames", run_.pools[p].channel, load(run_.board->pools[p].completed));
+        printf("  %s %d: %llu frames", kindName(run_.pools[p].kind), run_.pools[p].channel,
+               load(run_.board->pools[p].completed));
     printf("\n\033[K");
     printConsumerHeader(0);
     printf("\n");
@@ -89,25 +90,33 @@ void LiveSummary::showLines(double elapsedSeconds) {
         const ConsumerBoard& counters = run_.board->consumers[i];
         char lag[48];
         lagText(run_, i, lag, sizeof lag);
-        printf("[%3.0f s] %-6s jpg %d: read %llu, skipped %llu, overwritten %llu, overtaken %llu, errors %llu, "
-               "lag %s\n",
-               elapsedSeconds, consumer.name, run_.pools[consumer.pool].channel, load(counters.read),
-               load(counters.skipped), load(counters.overwritten), load(counters.overtaken), load(counters.errors),
-               lag);
+        const PoolPlan& pool = run_.pools[consumer.pool];
+        printf("[%3.0f s] %-6s %s %d: read %llu, ", elapsedSeconds, consumer.name, kindName(pool.kind), pool.channel,
+               load(counters.read));
+        if (pool.kind == PoolKind::Mp4) printf("gops %llu, jumps %llu, ", load(counters.gops), load(counters.jumps));
+        printf("skipped %llu, overwritten %llu, overtaken %llu, errors %llu, lag %s\n", load(counters.skipped),
+               load(counters.overwritten), load(counters.overtaken), load(counters.errors), lag);
     }
 }
 
 int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSignal) {
-    printf("\navpool demo: %.1f s, %d jpg pools, %d consumers\n\n", elapsedSeconds, run.poolCount,
-           run.consumerCount);
+    printf("\navpool demo: %.1f s, %d pools, %d consumers\n\n", elapsedSeconds, run.poolCount, run.consumerCount);
     printf("%-6s %-7s %5s %4s %9s %8s  %s\n", "pool", "key", "slots", "fps", "picture", "frames", "frame sizes");
     for (int p = 0; p < run.poolCount; ++p) {
-        const JpgPoolPlan& pool = run.pools[p];
+        const PoolPlan& pool = run.pools[p];
         char picture[24];
+        char slots[24];
         snprintf(picture, sizeof picture, "%dx%d", pool.width, pool.height);
-        printf("jpg %-2d 0x%-5x %5d %4d %9s %8llu  %d..%d\n", pool.channel, JPG_BASE_KEY + pool.channel,
-               pool.frameCount, pool.fps, picture, load(run.board->pools[p].completed), pool.minFrame,
-               pool.maxFrame);
+        if (pool.kind == PoolKind::Mp4)
+            snprintf(slots, sizeof slots, "%dx%d", pool.slots, pool.framesPerGop);
+        else
+            snprintf(slots, sizeof slots, "%d", pool.slots);
+        printf("%s %-2d 0x%-5x %5s %4d %9s %8llu  ", kindName(pool.kind), pool.channel, baseKey(pool.kind) + pool.channel,
+               slots, pool.fps, picture, load(run.board->pools[p].completed));
+        if (pool.kind == PoolKind::Mp4)
+            printf("I %d..%d, P %d..%d\n", pool.minKey, pool.maxKey, pool.minFrame, pool.maxFrame);
+        else
+            printf("%d..%d\n", pool.minFrame, pool.maxFrame);
     }
     printf("\n");
     constexpr int LAG_WIDTH = 9;
@@ -122,6 +131,16 @@ int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSig
         char outcome[40];
         printConsumerRow(run, i, lag);
         printf(" %8d  %s\n", static_cast<int>(child.pid), avpool::cli::childOutcome(child, outcome, sizeof outcome));
+    }
+
+    printf("\n");
+    for (int i = 0; i < run.consumerCount; ++i) {
+        if (run.pools[run.consumers[i].pool].kind != PoolKind::Mp4) continue;
+        const ConsumerBoard& counters = run.board->consumers[i];
+        printf("%s: %llu GOPs read; overtaken: %llu frames overwritten, %llu GOPs too old, %llu GOP ID jumps; "
+               "%llu jumps back to the working GOP\n",
+               run.consumers[i].name, load(counters.gops), load(counters.overwritten), load(counters.agedOut),
+               load(counters.gopJumps), load(counters.jumps));
     }
 
     int failures = 0;

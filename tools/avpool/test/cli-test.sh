@@ -1,7 +1,8 @@
 #!/bin/sh
 # Checks of the avpool tool as a user runs it: cli-test.sh CASE PATH-TO-AVPOOL.
 # Meant to run in a private IPC namespace (the demo creates pools under the
-# fixed keys of channels 0 and 1). Every wait has a deadline.
+# fixed keys of jpg channels 0 and 1 and mp4 channel 0). Every wait has a
+# deadline.
 
 case_name=$1
 AVPOOL=$2
@@ -83,14 +84,22 @@ expect_no_pool() {
 }
 
 # One consumer's row of the final table:
-# name jpg channel pace read skipped overwritten overtaken errors lag pid ended...
+# name kind channel pace read skipped overwritten overtaken errors lag pid ended...
 consumer_field() {
-    awk -v name="$2" -v field="$3" '$1 == name && $2 == "jpg" { value = $field } END { print value }' "$work/$1.out"
+    awk -v name="$2" -v field="$3" '$1 == name && ($2 == "jpg" || $2 == "mp4") { value = $field }
+        END { print value }' "$work/$1.out"
+}
+
+# A video consumer's closing line: "NAME: G GOPs read; overtaken: F frames
+# overwritten, A GOPs too old, J GOP ID jumps; B jumps back to the working GOP".
+# video_field OUT NAME PHRASE: the number in front of PHRASE in NAME's line.
+video_field() {
+    sed -n "s/^$2: \(.* \)*\([0-9][0-9]*\) $3[;,]* .*/\2/p" "$work/$1.out"
 }
 
 check_final_table() {
     out=$1
-    for name in live-0 slow-0 live-1 slow-1; do
+    for name in live-0 slow-0 live-1 slow-1 live-mp4 slow-mp4; do
         read=$(consumer_field "$out" "$name" 5)
         errors=$(consumer_field "$out" "$name" 9)
         ended="$(consumer_field "$out" "$name" 12) $(consumer_field "$out" "$name" 13)"
@@ -106,28 +115,47 @@ check_final_table() {
 
 case $case_name in
 demo)
-    run demo 30 demo --seconds 3
-    expect_rc demo 0 "demo --seconds 3"
+    run demo 30 demo --seconds 5
+    expect_rc demo 0 "demo --seconds 5"
     expect_line demo "result: ok"
     check_final_table demo
-    # The slow readers are overtaken within three seconds and say so.
-    for name in slow-0 slow-1; do
+    # The slow readers are overtaken within five seconds and say so (the slow
+    # video reader only once its GOP is more than 2 s old).
+    for name in slow-0 slow-1 slow-mp4; do
         skipped=$(consumer_field demo "$name" 6)
         overtaken=$(consumer_field demo "$name" 8)
         [ "$skipped" -gt 0 ] || fail "$name skipped no frame"
         [ "$overtaken" -gt 0 ] || fail "$name was never overtaken"
     done
     # The live readers keep up: at most a hiccup of a loaded machine.
-    for name in live-0 live-1; do
+    for name in live-0 live-1 live-mp4; do
         skipped=$(consumer_field demo "$name" 6)
         [ $((skipped * 10)) -lt "$(consumer_field demo "$name" 5)" ] || fail "$name skipped $skipped frames"
     done
+    # The video readers go GOP by GOP: the live one reads more than three GOPs
+    # in five seconds (30 frames each, every fifth cut short) without jumping;
+    # the slow one is told its GOP is too old or its frames were overwritten,
+    # and jumps back to the GOP being written.
+    gops=$(video_field demo live-mp4 "GOPs read")
+    [ -n "$gops" ] || fail "no closing line for live-mp4"
+    [ "$gops" -gt 3 ] || fail "live-mp4 read $gops GOPs"
+    [ "$(consumer_field demo live-mp4 5)" -ge $((gops * 18)) ] || fail "live-mp4 read too few frames for $gops GOPs"
+    [ "$(video_field demo live-mp4 "jumps back")" -le 1 ] || fail "live-mp4 jumped back more than once"
+    [ "$(video_field demo slow-mp4 "GOPs read")" -gt 0 ] || fail "slow-mp4 read no GOP"
+    [ "$(video_field demo slow-mp4 "jumps back")" -gt 0 ] || fail "slow-mp4 never jumped back to the working GOP"
+    [ $(($(video_field demo slow-mp4 "frames overwritten") + $(video_field demo slow-mp4 "GOPs too old") + $(video_field demo slow-mp4 "GOP ID jumps"))) \
+        -gt 0 ] || fail "slow-mp4 names no way it was overtaken"
     # Not a terminal: one summary line per consumer and second, no escapes.
-    [ "$(grep -c '^\[  1 s\] ' "$work/demo.out")" = 4 ] || fail "expected 4 summary lines for second 1"
+    [ "$(grep -c '^\[  1 s\] ' "$work/demo.out")" = 6 ] || fail "expected 6 summary lines for second 1"
+    grep -q '^\[  1 s\] live-mp4 mp4 0: read [0-9]*, gops [0-9]*, jumps ' "$work/demo.out" ||
+        fail "no video summary line for second 1"
     grep -q "$(printf '\033')" "$work/demo.out" && fail "terminal escapes in redirected output"
     grep -q '^jpg 0  0x4c00     12   25   640x480 ' "$work/demo.out" || fail "pool jpg 0 row missing"
+    grep -q '^mp4 0  0x4b00   8x30   30  1280x720 .*  I 30720\.\.61440, P 2048\.\.12288$' "$work/demo.out" ||
+        fail "pool mp4 0 row missing"
     expect_no_pool 0 0x4c00
     expect_no_pool 1 0x4c01
+    expect_no_pool 0 0x4b00 mp4
     ;;
 
 stat-missing)
@@ -245,6 +273,83 @@ live-pool)
     expect_line s1 "frameInfoOffset:  204"
     expect_line s1 "dataOffset:       588"
 
+    # The video pool: producer and both video consumers attached, a few GOPs
+    # written, every header value exact.
+    waited=0
+    while :; do
+        run m0 10 stat mp4 0
+        [ "$(rc_of m0)" = 0 ] && grep -qx 'attached: *3' "$work/m0.out" && grep -q '^\* GOP [3-7] ' "$work/m0.out" && break
+        [ "$waited" -ge 80 ] && fail "stat mp4 0 never showed 3 attachments and three GOPs written"
+        sleep 0.1
+        waited=$((waited + 1))
+    done
+    expect_line m0 "mp4 pool, channel 0"
+    expect_line m0 "key:              0x4b00 (19200)"
+    expect_line m0 "size:             667892"
+    expect_line m0 "creator pid:      $demo"
+    expect_line m0 "gopCount:         8"
+    expect_line m0 "framesPerGop:     30"
+    expect_line m0 "maxFrameSize:     61440"
+    expect_line m0 "realFPS:          30"
+    expect_line m0 "workingFPS:       30"
+    expect_line m0 "picture:          1280 x 720"
+    expect_line m0 "oneSafeTime:      1000"
+    expect_line m0 "framePrefixSize:  8"
+    expect_line m0 "safeTimeOffset:   52"
+    expect_line m0 "frameInfoOffset:  1012"
+    expect_line m0 "dataOffset:       12532"
+    expect_line m0 "RawDataLen:       655360"
+    expect_line m0 "lock group 0:     key 0x4b00 (19200)"
+    grep -qx ' *semaphore set [0-9]*, 240 semaphores' "$work/m0.out" || fail "no set of 240 semaphores in stat mp4"
+    grep -q '^lock group 1:' "$work/m0.out" && fail "stat mp4 shows a second lock group for 240 slots"
+    # Per GOP: one writer's GOP (*), the header's workingGop, with the highest
+    # gopID; gopID g sits in GOP g mod 8; safe times count whole GOPs ahead of
+    # the writer, 0 for the GOP just finished; in a written GOP, slot k of the
+    # GOP's own frames holds frame first + k, an I frame in slot 0 and P frames
+    # after it. The stat is a snapshot of a pool in motion, so a few tries.
+    now=$(date +%s)
+    tries=0
+    until awk -v now="$now" '
+        /^workingGop:/ { working = $2 }
+        /^[* ] GOP / {
+            star = substr($0, 1, 1) == "*"; $0 = substr($0, 2)
+            gop = $2; id = $4; safe = $6; split($9, t, ".")
+            gops++; k = 0
+            if (star) { stars++; starGop = gop }
+            if (id > newest) { newest = id; newestGop = gop }
+            expected = gop == (working + 7) % 8 ? 0 : ((gop - working + 8) % 8) * 1000
+            if (safe != expected) { print "GOP " gop " safe " safe ", expected " expected; bad = 1 }
+            if (id > 0 && id % 8 != gop) { print "gopID " id " in GOP " gop; bad = 1 }
+            if (id > 0 && (t[1] < now - 15 || t[1] > now + 1)) { print "GOP " gop " captured at " t[1]; bad = 1 }
+            written = id > 0
+            next
+        }
+        gops > 0 && /^  / {
+            for (i = 1; i + 3 <= NF; i += 4) {
+                slot = $i; frame = $(i + 1); size = $(i + 2)
+                lock = substr($(i + 3), 1, 1); mark = substr($(i + 3), 2, 1)
+                if (lock != 0 && lock != 1) { print "GOP " gop " slot " slot " lock " lock; bad = 1 }
+                if (!written || mark != "") continue
+                if (slot == 0) first = frame
+                if (frame != first + slot) { print "GOP " gop " slot " slot " holds frame " frame; bad = 1 }
+                if (slot == 0 && (size < 30720 || size > 61440)) { print "GOP " gop " I frame " size; bad = 1 }
+                if (slot > 0 && (size < 2048 || size > 12288)) { print "GOP " gop " slot " slot " " size; bad = 1 }
+                cells++
+            }
+        }
+        END {
+            if (gops != 8) { print gops " GOP lines"; bad = 1 }
+            if (stars != 1 || starGop != working || newestGop != working) {
+                print "newest GOP " newestGop ", marked " starGop ", working " working; bad = 1
+            }
+            if (cells < 60) { print "only " cells " frames of written GOPs"; bad = 1 }
+            exit bad
+        }' "$work/m0.out" >"$work/gops.err"; do
+        tries=$((tries + 1))
+        [ "$tries" -ge 5 ] && fail "GOP table of mp4 channel 0: $(cat "$work/gops.err")"
+        run m0 10 stat mp4 0
+    done
+
     # A second demo on the same channels must not take the pools away.
     run busy 10 demo --seconds 1
     expect_rc busy 1 "demo on busy channels"
@@ -273,7 +378,7 @@ interrupt)
         $EMULATOR "$AVPOOL" demo --seconds 60 >"$work/$out.out" 2>"$work/$out.err" &
         demo=$!
         background=$demo
-        until_file_has "$work/$out.out" '^\[  1 s\] slow-1' 15
+        until_file_has "$work/$out.out" '^\[  1 s\] slow-mp4' 15
         kill -"$sig" "$demo"
         wait_for "$demo" 15
         rc=$?
@@ -284,6 +389,7 @@ interrupt)
         check_final_table "$out"
         expect_no_pool 0 0x4c00
         expect_no_pool 1 0x4c01
+        expect_no_pool 0 0x4b00 mp4
     done
     ;;
 
@@ -293,7 +399,7 @@ terminal)
     timeout -k 2 30 script -qec "$EMULATOR $AVPOOL demo --seconds 3 2>/dev/null" /dev/null >"$work/tty.out" </dev/null
     echo $? >"$work/tty.rc"
     expect_rc tty 0 "demo on a terminal"
-    grep -q "$(printf '\033')\[6A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 6 lines)"
+    grep -q "$(printf '\033')\[8A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 8 lines)"
     grep -q '^\[  1 s\]' "$work/tty.out" && fail "line-per-second output on a terminal"
     tr -d '\r' <"$work/tty.out" | grep -qx "result: ok" || fail "no final result on the terminal"
     ;;
@@ -304,7 +410,7 @@ crash)
     $EMULATOR "$AVPOOL" demo --seconds 60 >"$work/crash.out" 2>"$work/crash.err" &
     demo=$!
     background=$demo
-    until_file_has "$work/crash.out" '^\[  1 s\] slow-1' 15
+    until_file_has "$work/crash.out" '^\[  1 s\] slow-mp4' 15
     kill -KILL "$demo"
     wait_for "$demo" 10
     background=""
@@ -322,6 +428,7 @@ crash)
     expect_rc again 0 "demo after a crashed one"
     check_final_table again
     expect_no_pool 0 0x4c00
+    expect_no_pool 0 0x4b00 mp4
     ;;
 
 *)
