@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 
 namespace avpool::cli {
@@ -18,7 +19,8 @@ namespace {
 
 constexpr int MAX_CHANNEL = 255;  // the kinds' base keys are 0x100 apart
 
-void printSegment(const SegmentView& view) {
+void printSegment(const char* kind, int channel, const SegmentView& view) {
+    printf("%s pool, channel %d\n", kind, channel);
     printf("key:              %s\n", keyText(view.key()).c_str());
     printf("segment id:       %d\n", view.id());
     printf("size:             %zu\n", view.size());
@@ -101,11 +103,26 @@ Header readHeader(const SegmentView& view, const char* kind, int channel) {
     return header;
 }
 
+struct Field {
+    const char* name;
+    int value;
+};
+
+// "name:" padded to one column, then the value; the picture as "w x h".
+void printFields(std::initializer_list<Field> fields) {
+    for (const Field& field : fields) printf("%s:%*s%d\n", field.name, 17 - static_cast<int>(strlen(field.name)), "",
+                                             field.value);
+}
+
+void printPicture(int width, int height) {
+    printf("picture:          %d x %d\n", width, height);
+}
+
 void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, int dataOffset, size_t size) {
-    printf("framePrefixSize:  %d\n", prefixSize);
-    printf("safeTimeOffset:   %d\n", safeTimeOffset);
-    printf("frameInfoOffset:  %d\n", frameInfoOffset);
-    printf("dataOffset:       %d\n", dataOffset);
+    printFields({{"framePrefixSize", prefixSize},
+                 {"safeTimeOffset", safeTimeOffset},
+                 {"frameInfoOffset", frameInfoOffset},
+                 {"dataOffset", dataOffset}});
     printf("RawDataLen:       %zu\n", size - static_cast<size_t>(dataOffset));
 }
 
@@ -119,14 +136,13 @@ int statJpg(int channel) {
     int n = header.frameCount;
     LockView locks(key, n);
 
-    printf("jpg pool, channel %d\n", channel);
-    printSegment(view);
-    printf("frameCount:       %d\n", header.frameCount);
-    printf("maxFrameSize:     %d\n", header.maxFrameSize);
-    printf("current:          %d\n", header.current);
-    printf("realFPS:          %d\n", header.realFPS);
-    printf("workingFPS:       %d\n", header.workingFPS);
-    printf("picture:          %d x %d\n", header.workingWidth, header.workingHeight);
+    printSegment("jpg", channel, view);
+    printFields({{"frameCount", header.frameCount},
+                 {"maxFrameSize", header.maxFrameSize},
+                 {"current", header.current},
+                 {"realFPS", header.realFPS},
+                 {"workingFPS", header.workingFPS}});
+    printPicture(header.workingWidth, header.workingHeight);
     printTableOffsets(header.framePrefixSize, header.safeTimeOffset, header.frameInfoOffset, header.dataOffset,
                       view.size());
     printLocks("locks: ", locks, n);
@@ -176,16 +192,15 @@ int statMp4(int channel) {
                   view, channel);
     GroupedLockView locks(MP4_BASE_KEY + channel * 16, n);
 
-    printf("mp4 pool, channel %d\n", channel);
-    printSegment(view);
-    printf("gopCount:         %d\n", header.gopCount);
-    printf("framesPerGop:     %d\n", header.framesPerGop);
-    printf("maxFrameSize:     %d\n", header.maxFrameSize);
-    printf("workingGop:       %d\n", header.workingGop);
-    printf("realFPS:          %d\n", header.realFPS);
-    printf("workingFPS:       %d\n", header.workingFPS);
-    printf("picture:          %d x %d\n", header.width, header.height);
-    printf("oneSafeTime:      %d\n", header.oneSafeTime);
+    printSegment("mp4", channel, view);
+    printFields({{"gopCount", header.gopCount},
+                 {"framesPerGop", header.framesPerGop},
+                 {"maxFrameSize", header.maxFrameSize},
+                 {"workingGop", header.workingGop},
+                 {"realFPS", header.realFPS},
+                 {"workingFPS", header.workingFPS}});
+    printPicture(header.width, header.height);
+    printFields({{"oneSafeTime", header.oneSafeTime}});
     printTableOffsets(header.framePrefixSize, header.safeTimeOffset, header.frameInfoOffset, header.dataOffset,
                       view.size());
     for (int g = 0; g < locks.groups(); ++g) {

@@ -65,6 +65,24 @@ wait_for() {
     wait "$1"
 }
 
+# until_stat PREFIX KIND CHANNEL SECONDS CHECK WHAT: runs avpool stat until it
+# succeeds and "CHECK FILE" accepts its output; fails saying WHAT was not seen.
+until_stat() {
+    waited=0
+    while :; do
+        run "$1" 10 stat "$2" "$3"
+        [ "$(rc_of "$1")" = 0 ] && "$5" "$work/$1.out" && break
+        [ "$waited" -ge $(($4 * 10)) ] && fail "stat $2 $3 never showed $6"
+        sleep 0.1
+        waited=$((waited + 1))
+    done
+}
+# Producer and both consumers attached, every jpg slot written.
+jpg_ring_full() { grep -qx 'attached: *3' "$1" && ! grep -q ' -$' "$1"; }
+# Producer and both consumers attached, the writer in GOP 3 or later.
+mp4_gops_written() { grep -qx 'attached: *3' "$1" && grep -q '^\* GOP [3-7] ' "$1"; }
+nobody_attached() { grep -qx 'attached: *0' "$1"; }
+
 # until_file_has FILE PATTERN SECONDS
 until_file_has() {
     waited=0
@@ -217,14 +235,7 @@ live-pool)
     # Both consumers of channel 0 attach after the producer: 3 attachments in
     # all. Wait for that and for the ring to have gone round once (no slot
     # left unwritten).
-    waited=0
-    while :; do
-        run s0 10 stat jpg 0
-        [ "$(rc_of s0)" = 0 ] && grep -qx 'attached: *3' "$work/s0.out" && ! grep -q ' -$' "$work/s0.out" && break
-        [ "$waited" -ge 40 ] && fail "stat jpg 0 never showed 3 attachments and a full ring"
-        sleep 0.1
-        waited=$((waited + 1))
-    done
+    until_stat s0 jpg 0 4 jpg_ring_full "3 attachments and a full ring"
     expect_line s0 "jpg pool, channel 0"
     expect_line s0 "key:              0x4c00 (19456)"
     expect_line s0 "size:             262940"
@@ -275,14 +286,7 @@ live-pool)
 
     # The video pool: producer and both video consumers attached, a few GOPs
     # written, every header value exact.
-    waited=0
-    while :; do
-        run m0 10 stat mp4 0
-        [ "$(rc_of m0)" = 0 ] && grep -qx 'attached: *3' "$work/m0.out" && grep -q '^\* GOP [3-7] ' "$work/m0.out" && break
-        [ "$waited" -ge 80 ] && fail "stat mp4 0 never showed 3 attachments and three GOPs written"
-        sleep 0.1
-        waited=$((waited + 1))
-    done
+    until_stat m0 mp4 0 8 mp4_gops_written "3 attachments and three GOPs written"
     expect_line m0 "mp4 pool, channel 0"
     expect_line m0 "key:              0x4b00 (19200)"
     expect_line m0 "size:             667892"
@@ -414,15 +418,9 @@ crash)
     kill -KILL "$demo"
     wait_for "$demo" 10
     background=""
-    waited=0
-    while :; do
-        run left 10 stat jpg 0
-        expect_rc left 0 "stat jpg 0 after a crash"
-        grep -qx 'attached: *0' "$work/left.out" && break
-        [ "$waited" -ge 50 ] && fail "consumers still attached 5 s after the producer died"
-        sleep 0.1
-        waited=$((waited + 1))
-    done
+    until_stat left jpg 0 5 nobody_attached "its consumers gone 5 s after the producer died"
+    expect_line left "creator pid:      $demo"
+    until_stat left mp4 0 5 nobody_attached "its consumers gone 5 s after the producer died"
     expect_line left "creator pid:      $demo"
     run again 30 demo --seconds 2
     expect_rc again 0 "demo after a crashed one"
