@@ -22,7 +22,7 @@ constexpr int DATA_SIZE = (4 + static_cast<int>(sizeof(JPGFrameInfo))) * FRAME_C
 // Creates the pool with working parameters; on failure the benchmark fails.
 bool openPool(JPGPutter& putter, int channel, benchmark::State& state) {
     try {
-        QuietStderr quiet;
+        QuietSetup quiet;
         putter.init(channel, FRAME_COUNT, MAX_FRAME_SIZE, DATA_SIZE);
         putter.reset(1280, 720, 30, 80);
     } catch (const std::exception& e) {

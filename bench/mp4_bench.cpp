@@ -35,7 +35,7 @@ MP4Putter* pool(int channel, benchmark::State& state) {
     MP4Putter& putter = putters[channel - COST_CHANNEL];
     if (!open[channel - COST_CHANNEL]) {
         try {
-            QuietStderr quiet;
+            QuietSetup quiet;
             putter.init(channel, GOP_COUNT, FRAMES_PER_GOP, MAX_FRAME_SIZE, DATA_SIZE);
             putter.reset(1920, 1080, 30);
             fflush(stdout);
@@ -122,7 +122,7 @@ class Mp4Consumer : public LatencyConsumer {
 public:
     explicit Mp4Consumer(int channel) {
         {
-            QuietStderr quiet;  // init prints the getter's addresses
+            QuietSetup quiet;  // init prints the getter's addresses
             getter_.init(channel);
         }
         getter_.toWorkingGop(safeTime_);

@@ -25,20 +25,34 @@ void AllocationCheck::report(benchmark::State& state, const char* name) const {
     if (allocations != 0) state.SkipWithError("memory allocated on the write path");
 }
 
-QuietStderr::QuietStderr() {
-    fflush(stderr);
-    saved_ = dup(STDERR_FILENO);
+namespace {
+int silence(int fd) {
+    int saved = dup(fd);
     int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (saved_ >= 0 && null >= 0) dup2(null, STDERR_FILENO);
+    if (saved >= 0 && null >= 0) dup2(null, fd);
     if (null >= 0) close(null);
+    return saved;
 }
 
-QuietStderr::~QuietStderr() {
+void restore(int fd, int saved) {
+    if (saved < 0) return;
+    dup2(saved, fd);
+    close(saved);
+}
+}  // namespace
+
+QuietSetup::QuietSetup() {
+    fflush(stdout);
     fflush(stderr);
-    if (saved_ >= 0) {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
+    savedOut_ = silence(STDOUT_FILENO);
+    savedErr_ = silence(STDERR_FILENO);
+}
+
+QuietSetup::~QuietSetup() {
+    fflush(stdout);
+    fflush(stderr);
+    restore(STDOUT_FILENO, savedOut_);
+    restore(STDERR_FILENO, savedErr_);
 }
 
 std::unique_ptr<unsigned char[]> makePayload(int length) {

@@ -28,17 +28,19 @@ private:
     unsigned long long start_;
 };
 
-// Silences standard error for its lifetime: a putter's init prints its geometry on
-// every run, which would otherwise be scattered between the result lines.
-class QuietStderr {
+// Silences standard output and error for its lifetime: pool set-up prints its
+// geometry on every run, which would otherwise land between (or inside, with
+// --benchmark_format=json) the results.
+class QuietSetup {
 public:
-    QuietStderr();
-    ~QuietStderr();
-    QuietStderr(const QuietStderr&) = delete;
-    QuietStderr& operator=(const QuietStderr&) = delete;
+    QuietSetup();
+    ~QuietSetup();
+    QuietSetup(const QuietSetup&) = delete;
+    QuietSetup& operator=(const QuietSetup&) = delete;
 
 private:
-    int saved_;
+    int savedOut_;
+    int savedErr_;
 };
 
 // A payload buffer of `length` bytes (at least 8, for a stamp) with varied content.
