@@ -5,6 +5,13 @@
 
 namespace avpool::detail {
 
+// Where both searches start: three entries ahead of the writer, the oldest one a
+// reader may still use. The entry after the writer's is closed and about to be
+// overwritten, and the one after that is the next to be closed.
+inline int oldestUsable(int writer, int n) {
+    return (writer + 3) % n;
+}
+
 // Oldest-first scan: from start, step through the ring of n entries until an
 // entry is accepted, the step lands on the writer's entry (writer() is read anew
 // at every step, it moves while we search), or n steps are done. Returns the

@@ -32,20 +32,6 @@ void forceRemoveSegment(key_t key, size_t size) {
     if (id != -1) shmctl(id, IPC_RMID, nullptr);
 }
 
-void detachSegment(int& id, void*& address, void* detached) {
-    if (address != detached) {
-        shmdt(address);
-        address = detached;
-    }
-    id = -1;
-}
-
-void removeSegment(int& id, void*& address, void* detached) {
-    int owned = id;
-    detachSegment(id, address, detached);
-    if (owned != -1) shmctl(owned, IPC_RMID, nullptr);
-}
-
 int createSemSet(key_t key, int count) {
     return semget(key, count, CREATE_EXCLUSIVE);
 }

@@ -11,6 +11,8 @@
 
 #include <cstddef>
 #include <sys/ipc.h>
+#include <sys/shm.h>
+#include <type_traits>
 
 namespace avpool::detail {
 
@@ -59,9 +61,24 @@ void* openPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, Raise
 
 // Removes whatever segment is under key; size 0 only finds an existing one.
 void forceRemoveSegment(key_t key, size_t size);
-// Putter release: detach, then remove. Getter release: detach only.
-void removeSegment(int& id, void*& address, void* detached);
-void detachSegment(int& id, void*& address, void* detached);
+// Getter release: detach only, leaving address at the kind's "not attached"
+// value (null, or (void*)-1 for the kinds that test for it) and the id at -1.
+template <class T>
+void detachSegment(int& id, T*& address, typename std::common_type<T*>::type detached = nullptr) {
+    if (address != detached) {
+        shmdt(address);
+        address = detached;
+    }
+    id = -1;
+}
+
+// Putter release: detach, then remove the segment it owns.
+template <class T>
+void removeSegment(int& id, T*& address, typename std::common_type<T*>::type detached = nullptr) {
+    int owned = id;
+    detachSegment(id, address, detached);
+    if (owned != -1) shmctl(owned, IPC_RMID, nullptr);
+}
 
 int createSemSet(key_t key, int count);  // exclusive; -1 on failure
 template <class ForceRelease>

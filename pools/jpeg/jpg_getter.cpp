@@ -116,12 +116,11 @@ unsigned long long JPGGetter::toNext(int& safeTime) {
     return settle(safeTime);
 }
 
-// Starts three ahead of the writer: the two slots it overwrites next are left out.
 template <class Qualifies>
 unsigned long long JPGGetter::scanOldest(int& safeTime, Qualifies qualifies) {
     requireAttached();
     current_ = avpool::detail::scanOldest(
-        (liveCurrent(pool_) + 3) % frameCount_, frameCount_,
+        oldestUsable(liveCurrent(pool_), frameCount_), frameCount_,
         [&](int slot) { return qualifies(frameInfo_[slot]) && intact(slot); }, [&] { return liveCurrent(pool_); });
     return settle(safeTime);
 }
@@ -142,7 +141,7 @@ template <class Matches>
 unsigned long long JPGGetter::scanExact(int& safeTime, int second, Matches matches) {
     requireAttached();
     int writer = liveCurrent(pool_);
-    current_ = (writer + 3) % frameCount_;
+    current_ = oldestUsable(writer, frameCount_);
     if (frameInfo_[current_].tv_sec > second) return avpool::NOT_FOUND;
     bool found = avpool::detail::scanExact(current_, (writer + 1) % frameCount_, frameCount_,
                                            [&](int slot) { return matches(frameInfo_[slot]) && intact(slot); });
@@ -171,7 +170,5 @@ void JPGGetter::waitReady() {
 
 void JPGGetter::release() {
     semId_ = -1;
-    void* address = pool_;
-    detachSegment(shmId_, address, nullptr);
-    pool_ = nullptr;
+    detachSegment(shmId_, pool_);
 }

@@ -151,9 +151,7 @@ void JPGPutter::openLock(int slot) {
 
 void JPGPutter::release() {
     removeSemSet(semId_, frameCount_);
-    void* address = pool_;
-    removeSegment(shmId_, address, nullptr);
-    pool_ = nullptr;
+    removeSegment(shmId_, pool_);
 }
 
 void JPGPutter::forceReleaseShm(int channel, int /*size*/) {

@@ -79,13 +79,11 @@ unsigned long long MP4Getter::toNextGop(int& safeTime) {
     return enterGop(safeTime);
 }
 
-// Starts three GOPs ahead of the writer: the GOP after its own is closed and about
-// to be overwritten, and the one after that is the next to be closed.
 template <class Qualifies>
 unsigned long long MP4Getter::scanOldest(int& safeTime, Qualifies qualifies) {
     requireAttached();
     workingGop_ = avpool::detail::scanOldest(
-        (liveWorkingGop(pool_) + 3) % gopCount_, gopCount_,
+        oldestUsable(liveWorkingGop(pool_), gopCount_), gopCount_,
         [&](int gop) { return qualifies(first(gop)) && gopValid(gop); }, [&] { return liveWorkingGop(pool_); });
     return enterGop(safeTime);
 }
@@ -103,7 +101,7 @@ template <class Matches>
 unsigned long long MP4Getter::scanExact(int& safeTime, int sec, Matches matches) {
     requireAttached();
     int writer = liveWorkingGop(pool_);
-    workingGop_ = (writer + 3) % gopCount_;
+    workingGop_ = oldestUsable(writer, gopCount_);
     if (sec < first(workingGop_).tv_sec) return avpool::NOT_FOUND;
     // The stop GOP is taken modulo the slot count, not the GOP count: with the
     // writer on the last GOP it never occurs and only the step count ends the scan.
@@ -183,7 +181,5 @@ void MP4Getter::getSemPosition(int slot, int& group, int& index) {
 
 void MP4Getter::release() {
     forgetSemGroups(sems_);
-    void* address = pool_;
-    detachSegment(shmId_, address, nullptr);
-    pool_ = nullptr;
+    detachSegment(shmId_, pool_);
 }

@@ -181,9 +181,7 @@ void MP4Putter::getSemPosition(int slot, int& group, int& index) {
 
 void MP4Putter::release() {
     removeSemGroups(sems_);
-    void* address = pool_;
-    removeSegment(shmId_, address, nullptr);
-    pool_ = nullptr;
+    removeSegment(shmId_, pool_);
 }
 
 void MP4Putter::forceReleaseShm(int channel) {
