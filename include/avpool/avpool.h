@@ -3,4 +3,5 @@
 
 #include <avpool/common.h>
 #include <avpool/jpg.h>
+#include <avpool/infos.h>
 #include <avpool/mp4.h>

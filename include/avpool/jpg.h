@@ -176,6 +176,18 @@ public:
     void waitReady();
     void release();
 
+    // Copies the newest picture of a media profile, found through the
+    // information area, into buffer. Returns the bytes copied, or 0 when the
+    // buffer is smaller than the pool's largest frame, the profile is not
+    // streaming JPEG (state 2, infoParam3 1) or its pool cannot be read.
+    // Errors of the information area itself are thrown as InfosGetterError.
+    static int snapshot(unsigned char* buffer, unsigned int bufferSize, int profileID);
+    // Kept for callers built against the older interface: does nothing, returns 0.
+    static int snapshot(unsigned char* buffer, unsigned int bufferSize, int profileID, int);
+    // The scale index (0 to 10) at which the device reports this picture size,
+    // or -1.
+    static int getScaleByWidthAndHeight(int width, int height);
+
     JPGFrame frame{};
 
 private:
@@ -199,3 +211,11 @@ private:
     int frameCount_ = 0;
     int maxFrameSize_ = 0;
 };
+
+// The device's capability query: the picture size of a profile at a scale index,
+// and two further values. The library's own definition is weak, so a device
+// library that defines it wins at link time. It answers from a small table of
+// common sizes (any profile) and returns 0, or non-zero with sizes 0 for a scale
+// it does not know.
+AVPOOL_API int get_real_capability_by_profile_n_scale(int& width, int& height, int& a, int& b, int profile,
+                                                      int scale);

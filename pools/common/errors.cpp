@@ -4,9 +4,9 @@
 
 namespace avpool::detail {
 
-void systemFailure(const char* text, Raise raise) {
+void systemFailure(const char* text, Raise raise, const char* suffix) {
     perror(text);
-    raise(std::string(text) + ".");
+    raise(std::string(text) + suffix);
     __builtin_unreachable();
 }
 

@@ -8,8 +8,9 @@ namespace avpool::detail {
 
 using Raise = void (*)(const std::string& message);
 
-// A failed system call: perror with the text, then throw the text with a final point.
-[[noreturn]] void systemFailure(const char* text, Raise raise);
+// A failed system call: perror with the text, then throw the text with a final
+// point (the pools) or as it is (suffix "": the information area's encoder side).
+[[noreturn]] void systemFailure(const char* text, Raise raise, const char* suffix = ".");
 
 // Use before a successful init: "programming error\n" on stderr, then throw.
 [[noreturn]] void programmingError(Raise raise);

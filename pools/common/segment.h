@@ -27,13 +27,14 @@ enum class AttachFailure { Null, MinusOne };
 // Runs create(); when it fails (usually a leftover of a crashed run under the
 // key), runs forceRelease() and create() once more. A second failure is fatal.
 template <class Create, class ForceRelease>
-int createWithRetry(Create create, ForceRelease forceRelease, const char* failText, Raise raise) {
+int createWithRetry(Create create, ForceRelease forceRelease, const char* failText, Raise raise,
+                    const char* suffix = ".") {
     int id = create();
     if (id == -1) {
         forceRelease();
         id = create();
     }
-    if (id == -1) systemFailure(failText, raise);
+    if (id == -1) systemFailure(failText, raise, suffix);
     return id;
 }
 

@@ -1,0 +1,234 @@
+// The information area: one 6552-byte segment under key 1168 in which the encoder
+// publishes its media profiles and the connection budget, and where servers take
+// and return weighted connection slots ("slats") and list the active users.
+//
+// A C program may include this header: it then sees only the three active-user
+// functions at the end.
+#pragma once
+
+#ifdef __cplusplus
+
+#include <avpool/common.h>
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr int INFOS_KEY = 0x490;  // 1168, used by every process of the system
+constexpr int INFOS_AREA_SIZE = 6552;
+constexpr int MAX_MEDIA_POOL = 5;
+constexpr int MAX_USER_SLATS = 10;
+constexpr int FREE_SLAT_ID = 32767;
+constexpr int USER_SLAT_SIZE = 108;
+
+/*
+ * Segment (6552 bytes):
+ *
+ *   0      12                         1092             1132                                6552
+ *   +------+--------------------------+----------------+-----------------------------------+
+ *   | 3    | UserSlat x 10            | slatWeight     | MediaProfileInfo x 5              |
+ *   | ints | 108 bytes each           | int32 x 10     | 1084 bytes each                   |
+ *   +------+--------------------------+----------------+-----------------------------------+
+ *
+ *   MediaProfileInfo:  0      44                                                        1084
+ *                      +------+---------------------------------------------------------+
+ *                      | 11   | SDPBlock: word, header text, SPS, size, PPS, size,      |
+ *                      | ints | VOL, size (written by the encoder in place)             |
+ *                      +------+---------------------------------------------------------+
+ */
+struct UserSlat {
+    int32_t slatID;  // its own index when in use, 32767 when free
+    int32_t userType;
+    char userName[32];
+    char userInfo[64];
+    int32_t loginTime;  // seconds since 1970 when allocated
+};
+static_assert(sizeof(UserSlat) == USER_SLAT_SIZE, "UserSlat layout");
+static_assert(offsetof(UserSlat, slatID) == 0, "UserSlat layout");
+static_assert(offsetof(UserSlat, userType) == 4, "UserSlat layout");
+static_assert(offsetof(UserSlat, userName) == 8, "UserSlat layout");
+static_assert(offsetof(UserSlat, userInfo) == 40, "UserSlat layout");
+static_assert(offsetof(UserSlat, loginTime) == 104, "UserSlat layout");
+
+struct SDPBlock {
+    int32_t sdpBlockWord;
+    char sdpHeader[256];
+    unsigned char sps[256];
+    int32_t spsSize;
+    unsigned char pps[256];
+    int32_t ppsSize;
+    unsigned char vol[256];
+    int32_t volSize;
+};
+static_assert(sizeof(SDPBlock) == 1040, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, sdpBlockWord) == 0, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, sdpHeader) == 4, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, sps) == 260, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, spsSize) == 516, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, pps) == 520, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, ppsSize) == 776, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, vol) == 780, "SDPBlock layout");
+static_assert(offsetof(SDPBlock, volSize) == 1036, "SDPBlock layout");
+
+struct MediaProfileInfo {
+    int32_t state;
+    int32_t channel;  // the media pool channel of this profile
+    int32_t infoParam3;
+    int32_t width;
+    int32_t height;
+    int32_t videoParam3;
+    int32_t audioParam1;
+    int32_t audioParam2;
+    int32_t audioParam3;
+    int32_t audioFrameDuration;
+    int32_t sharedMemSize;
+    SDPBlock sdp;
+};
+static_assert(sizeof(MediaProfileInfo) == 1084, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, state) == 0, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, channel) == 4, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, infoParam3) == 8, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, width) == 12, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, height) == 16, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, videoParam3) == 20, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, audioParam1) == 24, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, audioParam2) == 28, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, audioParam3) == 32, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, audioFrameDuration) == 36, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, sharedMemSize) == 40, "MediaProfileInfo layout");
+static_assert(offsetof(MediaProfileInfo, sdp) == 44, "MediaProfileInfo layout");
+
+struct InfoArea {
+    int32_t sizeofPools;
+    int32_t maxConn;
+    int32_t currentTotalConnections;
+    UserSlat slats[MAX_USER_SLATS];
+    int32_t slatWeight[MAX_USER_SLATS];
+    MediaProfileInfo profiles[MAX_MEDIA_POOL];
+};
+static_assert(sizeof(InfoArea) == INFOS_AREA_SIZE, "InfoArea layout");
+static_assert(offsetof(InfoArea, sizeofPools) == 0, "InfoArea layout");
+static_assert(offsetof(InfoArea, maxConn) == 4, "InfoArea layout");
+static_assert(offsetof(InfoArea, currentTotalConnections) == 8, "InfoArea layout");
+static_assert(offsetof(InfoArea, slats) == 12, "InfoArea layout");
+static_assert(offsetof(InfoArea, slatWeight) == 1092, "InfoArea layout");
+static_assert(offsetof(InfoArea, profiles) == 1132, "InfoArea layout");
+
+class AVPOOL_API InfosPutterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+class AVPOOL_API InfosGetterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+// The encoder's side: creates and clears the area and publishes into it.
+// Beside the segment it creates a one-semaphore set under the same key that
+// serialises the budget and slat operations of all servers.
+class AVPOOL_API InfosPutter {
+public:
+    InfosPutter();
+    virtual ~InfosPutter();
+    InfosPutter(const InfosPutter&) = delete;
+    InfosPutter& operator=(const InfosPutter&) = delete;
+
+    void init(int key);
+    void release();
+
+    void putSizeofPools(int n);
+    void putMaxConn(int n);
+    void putInfo(int profileID, int state, int channel, int param3);
+    void putState(int profileID, int state);
+    void putVideoInfo(int profileID, int width, int height, int param3);
+    void putAudioInfo(int profileID, int a1, int a2, int a3, int frameDuration);
+    void putSharedMemSize(int profileID, int size);
+    int getConn();
+    // The profile's SDPBlock, for the encoder to write the SDP header text, SPS,
+    // PPS, VOL and their sizes in place.
+    unsigned char* GetSDPHeader(int profileID);
+
+private:
+    InfoArea* area(const char* notAttachedText);
+
+    int shmid_ = -1;
+    InfoArea* shmAddr_;
+    int lockId_ = -1;
+};
+
+// Removes the information area under key (creating it first if absent).
+AVPOOL_API int forceReleaseShm(int key);
+
+// A server's side: reads the published parameters, takes and returns slats.
+class AVPOOL_API InfosGetter {
+public:
+    InfosGetter();
+    virtual ~InfosGetter();
+    InfosGetter(const InfosGetter&) = delete;
+    InfosGetter& operator=(const InfosGetter&) = delete;
+
+    void init(int key);
+    // Returns slat first when this object took it with autoReturn, then detaches.
+    void release(int slat);
+
+    // Connection budget.
+    bool probeConn(int weight);
+    int takeConn(const char* userName, const char* userInfo, int userType, int weight, bool autoReturn);
+    void retConn(int slat);
+    void resetAllConnections();
+    int getMaxConnections();
+    int getCurrentTotalConnections();
+
+    // Stream parameters.
+    int getSizeofPools();
+    void getInfo(int profileID, int& state, int& channel, int& param3);
+    int getState(int profileID);
+    void getVideoInfo(int profileID, int& width, int& height, int& param3);
+    void getAudioInfo(int profileID, int& a1, int& a2, int& a3);
+    int getUseSSLWeight(int profileID);
+    int getAudioFrameDuration(int profileID);
+    int getSharedMemSize(int profileID);
+    int getSharedMemSizebyChannel(int channel);
+    char* getSDPHeader(int profileID);
+    unsigned char* getSPS(int profileID);
+    int getSPSSize(int profileID);
+    unsigned char* getPPS(int profileID);
+    int getPPSSize(int profileID);
+    unsigned char* getVOL(int profileID);
+    int getVOLSize(int profileID);
+
+    // User slats.
+    int allocUserSlat(const char* userName, const char* userInfo, int weight, int userType);
+    int deleteUserSlat(int slat);
+    // Packs the slats in use, 108 bytes each, into buffer; returns how many.
+    int getUserList(char* buffer, int size);
+    int resetUserSlat(const char* userName, const char* userInfo, int slat);
+
+private:
+    bool attached() const;
+    MediaProfileInfo& publishedProfile(int profileID);
+    MediaProfileInfo& anyProfile(int profileID, const char* text);
+
+    int shmid_ = -1;
+    InfoArea* shmAddr_;
+    bool autoReturn_ = false;
+    int slatID_ = -1;
+    int lockId_ = -1;
+};
+
+extern "C" {
+#endif  // __cplusplus
+
+#ifndef AVPOOL_API
+#define AVPOOL_API __attribute__((visibility("default")))
+#endif
+
+// Active users: slats of weight 1 and type 4 that outlive the process that added
+// them. Failures are reported by the result and one line on standard error.
+AVPOOL_API int Add_Active_User(char* userInfo, char* userName);
+AVPOOL_API int Delete_Active_User(int slat);
+AVPOOL_API int Get_Active_User_Table(char* buffer, int size);
+
+#ifdef __cplusplus
+}
+#endif

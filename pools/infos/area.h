@@ -1,0 +1,32 @@
+// What the encoder's and the servers' classes share about the area: the
+// "not attached" address and where a profile's record lies.
+#pragma once
+
+#include <avpool/infos.h>
+
+#include <cstdint>
+
+namespace avpool::detail {
+
+// Both classes mark "not attached" with the all-ones address, not null.
+inline InfoArea* notAttached() {
+    return reinterpret_cast<InfoArea*>(~uintptr_t{0});
+}
+
+inline bool isAttached(const InfoArea* area) {
+    return area != nullptr && area != notAttached();
+}
+
+// Profile IDs are only partly bounded by the callers' checks (some accessors
+// take them on trust, and a negative ID passes a signed bound). The record is
+// addressed by the layout's arithmetic, so ID -1 lands on the slat table as it
+// always has; an ID whose record would lie outside the segment gets null.
+inline MediaProfileInfo* profileRecord(InfoArea* area, int profileID) {
+    constexpr int64_t first = offsetof(InfoArea, profiles);
+    constexpr int64_t size = sizeof(MediaProfileInfo);
+    int64_t offset = first + size * profileID;
+    if (offset < 0 || offset + size > INFOS_AREA_SIZE) return nullptr;
+    return reinterpret_cast<MediaProfileInfo*>(reinterpret_cast<unsigned char*>(area) + offset);
+}
+
+}  // namespace avpool::detail

@@ -1,0 +1,284 @@
+#include <avpool/infos.h>
+
+#include "../common/errors.h"
+#include "../common/process_lock.h"
+#include "../common/segment.h"
+#include "area.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <sys/shm.h>
+
+using namespace avpool::detail;
+
+namespace {
+constexpr Raise raise = raiseAs<InfosGetterError>;
+constexpr const char* PROGRAMMING_ERROR = "programming error";
+
+// Writes text to stderr as it stands (with or without a newline), then throws it
+// without the newline.
+[[noreturn]] void fail(const char* text) {
+    fwrite(text, 1, strlen(text), stderr);
+    std::string message(text);
+    if (!message.empty() && message.back() == '\n') message.pop_back();
+    raise(message);
+    __builtin_unreachable();
+}
+
+bool slatInUse(const InfoArea* area, int i) {
+    return area->slats[i].slatID != FREE_SLAT_ID && area->slatWeight[i] != 0;
+}
+
+// The two texts are copied as strncpy does: at most 31 and 63 bytes, the rest of
+// those bytes padded with NULs; the last byte of each field stays 0.
+void writeNames(UserSlat& slat, const char* userName, const char* userInfo) {
+    if (userName != nullptr) strncpy(slat.userName, userName, sizeof slat.userName - 1);
+    if (userInfo != nullptr) strncpy(slat.userInfo, userInfo, sizeof slat.userInfo - 1);
+}
+
+// The slat operations proper; the public methods hold the lock around them.
+int allocSlat(InfoArea* area, const char* userName, const char* userInfo, int weight, int userType) {
+    for (int i = 0; i < area->maxConn && i < MAX_USER_SLATS; ++i) {
+        if (area->slats[i].slatID != FREE_SLAT_ID || area->slatWeight[i] != 0) continue;
+        UserSlat& slat = area->slats[i];
+        slat.slatID = i;
+        writeNames(slat, userName, userInfo);
+        slat.userType = userType;
+        slat.loginTime = static_cast<int32_t>(time(nullptr));
+        area->slatWeight[i] = weight;
+        return i;
+    }
+    return -1;
+}
+
+int deleteSlat(InfoArea* area, int i) {
+    if (i < 0 || i >= area->maxConn || i >= MAX_USER_SLATS) return 0;
+    int weight = area->slatWeight[i];
+    UserSlat& slat = area->slats[i];
+    slat.slatID = FREE_SLAT_ID;
+    memset(slat.userName, 0, sizeof slat.userName);
+    memset(slat.userInfo, 0, sizeof slat.userInfo);
+    area->slatWeight[i] = 0;
+    return weight;
+}
+
+void takeBack(InfoArea* area, int weight) {
+    area->currentTotalConnections -= weight;
+    if (area->currentTotalConnections < 0) area->currentTotalConnections = 0;
+}
+}  // namespace
+
+InfosGetter::InfosGetter() : shmAddr_(notAttached()) {}
+
+InfosGetter::~InfosGetter() {
+    release(slatID_);
+}
+
+void InfosGetter::init(int key) {
+    if (attached()) release(-1);
+    shmAddr_ = static_cast<InfoArea*>(openPoolSegment(shmid_, key, INFOS_AREA_SIZE, AttachFailure::MinusOne, raise));
+    // An area made by an encoder that creates no lock is used unlocked.
+    lockId_ = findProcessLock(key);
+}
+
+bool InfosGetter::attached() const {
+    return isAttached(shmAddr_);
+}
+
+void InfosGetter::release(int slat) {
+    if (autoReturn_) {
+        retConn(slat);
+        autoReturn_ = false;
+    }
+    detachSegment(shmid_, shmAddr_, notAttached());
+    lockId_ = -1;
+}
+
+// A request that would exactly fill the budget does not fit here, though
+// takeConn accepts it.
+bool InfosGetter::probeConn(int weight) {
+    if (!attached()) {
+        fputs("programming error\n", stderr);
+        return false;
+    }
+    return shmAddr_->currentTotalConnections + weight < shmAddr_->maxConn;
+}
+
+int InfosGetter::takeConn(const char* userName, const char* userInfo, int userType, int weight, bool autoReturn) {
+    if (!attached()) raise(PROGRAMMING_ERROR);
+    ProcessLockGuard lock(lockId_);
+    if (shmAddr_->currentTotalConnections + weight > shmAddr_->maxConn) raise("no more slat.");
+    slatID_ = allocSlat(shmAddr_, userName, userInfo, weight, userType);
+    if (slatID_ < 0) raise("slat alloc fail.");
+    shmAddr_->currentTotalConnections += weight;
+    autoReturn_ = autoReturn;
+    return slatID_;
+}
+
+void InfosGetter::retConn(int slat) {
+    if (slat < 0) return;
+    if (!attached()) {
+        fputs("programming error\n", stderr);
+        return;
+    }
+    ProcessLockGuard lock(lockId_);
+    takeBack(shmAddr_, deleteSlat(shmAddr_, slat));
+}
+
+void InfosGetter::resetAllConnections() {
+    if (!attached()) fail("programming error\n");
+    ProcessLockGuard lock(lockId_);
+    for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS; ++i)
+        shmAddr_->currentTotalConnections -= deleteSlat(shmAddr_, i);
+    takeBack(shmAddr_, 0);
+}
+
+int InfosGetter::getMaxConnections() {
+    if (!attached()) raise(PROGRAMMING_ERROR);
+    return shmAddr_->maxConn;
+}
+
+int InfosGetter::getCurrentTotalConnections() {
+    if (!attached()) raise(PROGRAMMING_ERROR);
+    return shmAddr_->currentTotalConnections;
+}
+
+int InfosGetter::getSizeofPools() {
+    if (!attached()) fail("programming error\n");
+    return shmAddr_->sizeofPools;
+}
+
+// Bounded by the number of profiles the encoder published, a signed test.
+MediaProfileInfo& InfosGetter::publishedProfile(int profileID) {
+    if (!attached() || profileID >= shmAddr_->sizeofPools) fail("programming error\n");
+    MediaProfileInfo* record = profileRecord(shmAddr_, profileID);
+    if (record == nullptr) fail("programming error\n");
+    return *record;
+}
+
+// The other accessors take the ID on trust; only one whose record is outside the
+// segment is refused, with the accessor's own text.
+MediaProfileInfo& InfosGetter::anyProfile(int profileID, const char* text) {
+    MediaProfileInfo* record = attached() ? profileRecord(shmAddr_, profileID) : nullptr;
+    if (record == nullptr) fail(text);
+    return *record;
+}
+
+void InfosGetter::getInfo(int profileID, int& state, int& channel, int& param3) {
+    const MediaProfileInfo& profile = publishedProfile(profileID);
+    state = profile.state;
+    channel = profile.channel;
+    param3 = profile.infoParam3;
+}
+
+int InfosGetter::getState(int profileID) {
+    return publishedProfile(profileID).state;
+}
+
+void InfosGetter::getVideoInfo(int profileID, int& width, int& height, int& param3) {
+    const MediaProfileInfo& profile = publishedProfile(profileID);
+    width = profile.width;
+    height = profile.height;
+    param3 = profile.videoParam3;
+}
+
+void InfosGetter::getAudioInfo(int profileID, int& a1, int& a2, int& a3) {
+    const MediaProfileInfo& profile = publishedProfile(profileID);
+    a1 = profile.audioParam1;
+    a2 = profile.audioParam2;
+    a3 = profile.audioParam3;
+}
+
+// Up to 640 x 480 pixels a client counts 3 units, above that 4. The product is
+// the 32-bit one the encoder's firmware computes, wrapping included.
+int InfosGetter::getUseSSLWeight(int profileID) {
+    int width, height, param3;
+    getVideoInfo(profileID, width, height, param3);
+    int32_t pixels = static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height));
+    return pixels < 307201 ? 3 : 4;
+}
+
+int InfosGetter::getAudioFrameDuration(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getVOLSize programming error").audioFrameDuration;
+}
+
+int InfosGetter::getSharedMemSize(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getSharedMemSize programming error").sharedMemSize;
+}
+
+// All five records are looked at whatever sizeofPools says; unused ones have
+// channel 0, so a query for channel 0 can match one of them.
+int InfosGetter::getSharedMemSizebyChannel(int channel) {
+    if (!attached()) fail("InfosPutter::getProfileIDby programming error");
+    for (const MediaProfileInfo& profile : shmAddr_->profiles)
+        if (profile.channel == channel) return profile.sharedMemSize;
+    return -1;
+}
+
+// The text after the block's first word: 4 bytes on from the encoder's pointer.
+char* InfosGetter::getSDPHeader(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getH264SDPHeader programming error").sdp.sdpHeader;
+}
+
+unsigned char* InfosGetter::getSPS(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getH264SPS programming error").sdp.sps;
+}
+
+int InfosGetter::getSPSSize(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getH264SPSSize programming error").sdp.spsSize;
+}
+
+unsigned char* InfosGetter::getPPS(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getH264PPS programming error").sdp.pps;
+}
+
+int InfosGetter::getPPSSize(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getH264PPSSize programming error").sdp.ppsSize;
+}
+
+unsigned char* InfosGetter::getVOL(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getVOL programming error").sdp.vol;
+}
+
+int InfosGetter::getVOLSize(int profileID) {
+    return anyProfile(profileID, "InfosPutter::getVOLSize programming error").sdp.volSize;
+}
+
+// The slat operations report by their results only; on an unattached getter
+// they give their "nothing done" result.
+int InfosGetter::allocUserSlat(const char* userName, const char* userInfo, int weight, int userType) {
+    if (!attached()) return -1;
+    ProcessLockGuard lock(lockId_);
+    return allocSlat(shmAddr_, userName, userInfo, weight, userType);
+}
+
+int InfosGetter::deleteUserSlat(int slat) {
+    if (!attached()) return 0;
+    ProcessLockGuard lock(lockId_);
+    return deleteSlat(shmAddr_, slat);
+}
+
+int InfosGetter::getUserList(char* buffer, int size) {
+    if (!attached() || buffer == nullptr) return 0;
+    ProcessLockGuard lock(lockId_);
+    int count = 0;
+    for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS && size >= USER_SLAT_SIZE; ++i) {
+        if (!slatInUse(shmAddr_, i)) continue;
+        memcpy(buffer, &shmAddr_->slats[i], USER_SLAT_SIZE);
+        buffer += USER_SLAT_SIZE;
+        size -= USER_SLAT_SIZE;
+        ++count;
+    }
+    return count;
+}
+
+// 0 also when the slat is free and nothing was done: only an index out of range
+// is reported.
+int InfosGetter::resetUserSlat(const char* userName, const char* userInfo, int slat) {
+    if (!attached()) return 1;
+    if (slat < 0 || slat >= shmAddr_->maxConn || slat >= MAX_USER_SLATS) return 1;
+    ProcessLockGuard lock(lockId_);
+    if (slatInUse(shmAddr_, slat)) writeNames(shmAddr_->slats[slat], userName, userInfo);
+    return 0;
+}
