@@ -17,6 +17,15 @@ inline bool isAttached(const InfoArea* area) {
     return area != nullptr && area != notAttached();
 }
 
+// Weights are not validated, so sums of them are taken as the 32-bit machine
+// arithmetic the area has always used, wrapping instead of overflowing.
+inline int32_t wrappingAdd(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+inline int32_t wrappingSub(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+}
+
 // Profile IDs are only partly bounded by the callers' checks (some accessors
 // take them on trust, and a negative ID passes a signed bound). The record is
 // addressed by the layout's arithmetic, so ID -1 lands on the slat table as it

@@ -63,8 +63,14 @@ int deleteSlat(InfoArea* area, int i) {
     return weight;
 }
 
+// Whether weight more units fit, compared without overflow.
+bool fits(const InfoArea* area, int weight, bool strict) {
+    int64_t wanted = int64_t{area->currentTotalConnections} + weight;
+    return strict ? wanted < area->maxConn : wanted <= area->maxConn;
+}
+
 void takeBack(InfoArea* area, int weight) {
-    area->currentTotalConnections -= weight;
+    area->currentTotalConnections = wrappingSub(area->currentTotalConnections, weight);
     if (area->currentTotalConnections < 0) area->currentTotalConnections = 0;
 }
 }  // namespace
@@ -102,16 +108,16 @@ bool InfosGetter::probeConn(int weight) {
         fputs("programming error\n", stderr);
         return false;
     }
-    return shmAddr_->currentTotalConnections + weight < shmAddr_->maxConn;
+    return fits(shmAddr_, weight, true);
 }
 
 int InfosGetter::takeConn(const char* userName, const char* userInfo, int userType, int weight, bool autoReturn) {
     if (!attached()) raise(PROGRAMMING_ERROR);
     ProcessLockGuard lock(lockId_);
-    if (shmAddr_->currentTotalConnections + weight > shmAddr_->maxConn) raise("no more slat.");
+    if (!fits(shmAddr_, weight, false)) raise("no more slat.");
     slatID_ = allocSlat(shmAddr_, userName, userInfo, weight, userType);
     if (slatID_ < 0) raise("slat alloc fail.");
-    shmAddr_->currentTotalConnections += weight;
+    shmAddr_->currentTotalConnections = wrappingAdd(shmAddr_->currentTotalConnections, weight);
     autoReturn_ = autoReturn;
     return slatID_;
 }
@@ -129,8 +135,10 @@ void InfosGetter::retConn(int slat) {
 void InfosGetter::resetAllConnections() {
     if (!attached()) fail("programming error\n");
     ProcessLockGuard lock(lockId_);
-    for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS; ++i)
-        shmAddr_->currentTotalConnections -= deleteSlat(shmAddr_, i);
+    for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS; ++i) {
+        int32_t& total = shmAddr_->currentTotalConnections;
+        total = wrappingSub(total, deleteSlat(shmAddr_, i));
+    }
     takeBack(shmAddr_, 0);
 }
 
