@@ -3,4 +3,6 @@
 
 #include <avpool/common.h>
 #include <avpool/jpg.h>
+#include <avpool/lum.h>
+#include <avpool/md.h>
 #include <avpool/mp4.h>
