@@ -38,11 +38,15 @@ constexpr int32_t FILL_WORD = -858993460;  // 0xCCCCCCCC
 
 using Arrays = std::vector<std::vector<unsigned char>>;
 
-struct LumKind {
-    using Putter = LUMPutter;
-    using Getter = LUMGetter;
-    using PutterError = LUMPutterError;
-    using GetterError = LUMGetterError;
+template <class PutterType, class GetterType, class PutterErrorType, class GetterErrorType>
+struct KindClasses {
+    using Putter = PutterType;
+    using Getter = GetterType;
+    using PutterError = PutterErrorType;
+    using GetterError = GetterErrorType;
+};
+
+struct LumKind : KindClasses<LUMPutter, LUMGetter, LUMPutterError, LUMGetterError> {
     static constexpr key_t BASE_KEY = 19712;
     static constexpr int SLOTS = 6;
     static constexpr size_t SIZE = 61624;
@@ -59,11 +63,7 @@ struct LumKind {
     }
 };
 
-struct MdKind {
-    using Putter = MDPutter;
-    using Getter = MDGetter;
-    using PutterError = MDPutterError;
-    using GetterError = MDGetterError;
+struct MdKind : KindClasses<MDPutter, MDGetter, MDPutterError, MDGetterError> {
     static constexpr key_t BASE_KEY = 19968;
     static constexpr int SLOTS = 5;
     static constexpr size_t SIZE = 123040;

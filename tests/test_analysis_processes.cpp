@@ -4,6 +4,7 @@
 #include "analysis_fixture.h"
 
 #include <csignal>
+#include <memory>
 
 #include <unistd.h>
 
@@ -36,42 +37,37 @@ protected:
         unsigned long long id = reader.toNext(safe);
         return "at " + std::to_string(id) + " " + std::to_string(safe);
     }
+    // After frame 1, a child reader blocked on slot 2 until frame 2 or a signal.
+    std::unique_ptr<ForkedChild> readerWaitingOnSlotTwo() {
+        this->start(3, 2, 10);
+        this->put(1, 6);
+        auto child = std::make_unique<ForkedChild>([&](ChildLink& link) {
+            link.reportSignal(SIGUSR1);
+            typename Kind::Getter reader;
+            reader.init(this->CHANNEL);
+            link.say(toClosedSlot(reader));
+            link.say(waitAndCheck(reader, 2));
+            return 0;
+        });
+        expectLine(*child, "at 0 100");
+        EXPECT_TRUE(eventually([&] { return lockWaiters(this->KEY, 2) == 1; }));
+        return child;
+    }
 };
 TYPED_TEST_SUITE(AnalysisProcesses, AnalysisKinds, AnalysisKindNames);
 
 TYPED_TEST(AnalysisProcesses, readerBlockedOnTheClosedNextSlotIsReleasedByTheWrite) {
-    this->start(3, 2, 10);
-    this->put(1, 6);
-    ForkedChild child([&](ChildLink& link) {
-        typename TypeParam::Getter reader;
-        reader.init(this->CHANNEL);
-        link.say(this->toClosedSlot(reader));
-        link.say(this->waitAndCheck(reader, 2));
-        return 0;
-    });
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "at 0 100"));
-    ASSERT_TRUE(eventually([&] { return lockWaiters(this->KEY, 2) == 1; }));
-    EXPECT_TRUE(child.running());
+    auto child = this->readerWaitingOnSlotTwo();
+    EXPECT_TRUE(child->running());
     this->put(2, 6);
-    expectLastLine(child, "got 2");
+    expectLastLine(*child, "got 2");
 }
 
 TYPED_TEST(AnalysisProcesses, aSignalEndsTheWaitWithSemopFailed) {
-    this->start(3, 2, 10);
-    this->put(1, 6);
-    ForkedChild child([&](ChildLink& link) {
-        link.reportSignal(SIGUSR1);
-        typename TypeParam::Getter reader;
-        reader.init(this->CHANNEL);
-        link.say(this->toClosedSlot(reader));
-        link.say(this->waitAndCheck(reader, 2));
-        return 0;
-    });
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "at 0 100"));
-    ASSERT_TRUE(eventually([&] { return lockWaiters(this->KEY, 2) == 1; }));
-    child.signal(SIGUSR1);
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
-    expectLastLine(child, "error semop failed.");
+    auto child = this->readerWaitingOnSlotTwo();
+    child->signal(SIGUSR1);
+    ASSERT_NO_FATAL_FAILURE(expectLine(*child, "signal"));
+    expectLastLine(*child, "error semop failed.");
     EXPECT_EQ(lockWaiters(this->KEY, 2), 0);
 }
 

@@ -19,10 +19,22 @@ namespace avpool::detail {
 
 enum class SafeTimeForm { Frame, Fragment };
 
-// Specialised per record type with: Header, PutterError, GetterError, BASE_KEY,
-// SLOTS, SIZE, FORM and copyPayload(Record&, first, second, length).
+// Specialised per record type: derived from KindTraits below, it adds
+// copyPayload(Record&, first, second, length).
 template <class Record>
 struct AnalysisKind;
+
+template <class HeaderType, class PutterErrorType, class GetterErrorType, key_t baseKey, int slots, size_t size,
+          SafeTimeForm form>
+struct KindTraits {
+    using Header = HeaderType;
+    using PutterError = PutterErrorType;
+    using GetterError = GetterErrorType;
+    static constexpr key_t BASE_KEY = baseKey;
+    static constexpr int SLOTS = slots;
+    static constexpr size_t SIZE = size;
+    static constexpr SafeTimeForm FORM = form;
+};
 
 // i + 1, or 0 past the last slot (nothing is checked below).
 inline int nextRecord(int i, int slots) {

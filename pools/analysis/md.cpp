@@ -5,16 +5,12 @@
 #include <algorithm>
 #include <cstring>
 
-template <>
-struct avpool::detail::AnalysisKind<MDFrameInfo> {
-    using Header = MDPoolHeader;
-    using PutterError = MDPutterError;
-    using GetterError = MDGetterError;
-    static constexpr key_t BASE_KEY = MD_BASE_KEY;
-    static constexpr int SLOTS = MD_FRAME_COUNT;
-    static constexpr size_t SIZE = MD_POOL_SIZE;
-    static constexpr SafeTimeForm FORM = SafeTimeForm::Fragment;
+using namespace avpool::detail;
 
+template <>
+struct avpool::detail::AnalysisKind<MDFrameInfo>
+    : KindTraits<MDPoolHeader, MDPutterError, MDGetterError, MD_BASE_KEY, MD_FRAME_COUNT, MD_POOL_SIZE,
+                 SafeTimeForm::Fragment> {
     // Four bytes an element, into each array.
     static void copyPayload(MDFrameInfo& record, const void* first, const void* second, int length) {
         copyInto(record.firstArray, sizeof record.firstArray, first, length, sizeof record.firstArray[0]);
@@ -39,7 +35,7 @@ int32_t* vibrationWord(void* pool, int index) {
 }  // namespace
 
 int nextMDFrame(int i) {
-    return avpool::detail::nextRecord(i, MD_FRAME_COUNT);
+    return nextRecord(i, MD_FRAME_COUNT);
 }
 
 MDPutter::MDPutter() = default;
