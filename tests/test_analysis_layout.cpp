@@ -278,7 +278,8 @@ TEST_F(MdPool, vibrationIsClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
     EXPECT_EQ(safeTimes(), (std::vector<int>{77, 0, 200, 400, 100}));
     EXPECT_EQ(reader.getVibration(1), 77);
     int safe = -1;
-    reader.toNext(safe);  // slot 0
+    reader.toWorking(safe);
+    for (int step = 0; step < 4; ++step) reader.toNext(safe);  // slots 2, 3, 4, 0
     EXPECT_EQ(safe, 77);
     put(2, 4);
     EXPECT_EQ(safeTimes(), (std::vector<int>{600, 800, 0, 200, 400}));
