@@ -4,4 +4,6 @@
 #include <avpool/common.h>
 #include <avpool/jpg.h>
 #include <avpool/infos.h>
+#include <avpool/lum.h>
+#include <avpool/md.h>
 #include <avpool/mp4.h>

@@ -1,0 +1,95 @@
+// Luminance pool: per channel a ring of 6 small brightness pictures of 16-bit
+// samples under key 19712 + channel, one semaphore set of 6 under the same key.
+#pragma once
+
+#include <avpool/analysis.h>
+#include <avpool/common.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/time.h>
+
+constexpr int LUM_BASE_KEY = 0x4D00;  // 19712
+constexpr int LUM_FRAME_COUNT = 6;
+constexpr int LUM_MAX_SAMPLES = 5120;  // 10240 bytes a slot, e.g. 80 x 64
+constexpr int LUM_POOL_SIZE = 61624;
+
+/*
+ * Segment (61624 bytes), filled with 0xCC at creation:
+ *
+ *   0         4     8      12      16            40               40+10264         61624
+ *   +---------+-----+------+-------+-------------+----------------+-- .. --+-------+
+ *   | current | fps | width| height| safe times  | LUMFrameInfo 0 |  1 .. 4 |   5   |
+ *   |         |     |      |       | int32 x 6   | 24 + 10240     |         |       |
+ *   +---------+-----+------+-------+-------------+----------------+-- .. --+-------+
+ *
+ *   LUMFrameInfo:  [frameID:8][lockIndex][frameLength][tv_sec][tv_usec][samples:10240]
+ *   A frame writes 2 x frameLength sample bytes; the rest keeps older contents.
+ */
+struct LUMPoolHeader {
+    int32_t current;
+    int32_t workingFPS;
+    int32_t workingWidth;
+    int32_t workingHeight;
+    int32_t safeTime[LUM_FRAME_COUNT];  // ms, slot 0 first
+};
+static_assert(sizeof(LUMPoolHeader) == 40, "LUMPoolHeader layout");
+static_assert(offsetof(LUMPoolHeader, current) == 0, "LUMPoolHeader layout");
+static_assert(offsetof(LUMPoolHeader, workingFPS) == 4, "LUMPoolHeader layout");
+static_assert(offsetof(LUMPoolHeader, workingWidth) == 8, "LUMPoolHeader layout");
+static_assert(offsetof(LUMPoolHeader, workingHeight) == 12, "LUMPoolHeader layout");
+static_assert(offsetof(LUMPoolHeader, safeTime) == 16, "LUMPoolHeader layout");
+
+struct LUMFrameInfo {
+    avpool::Word64 frameID;  // 0: never written
+    int32_t lockIndex;
+    int32_t frameLength;  // samples, width x height
+    int32_t tv_sec;
+    int32_t tv_usec;
+    uint16_t samples[LUM_MAX_SAMPLES];
+};
+static_assert(sizeof(LUMFrameInfo) == 10264, "LUMFrameInfo layout");
+static_assert(offsetof(LUMFrameInfo, frameID) == 0, "LUMFrameInfo layout");
+static_assert(offsetof(LUMFrameInfo, lockIndex) == 8, "LUMFrameInfo layout");
+static_assert(offsetof(LUMFrameInfo, frameLength) == 12, "LUMFrameInfo layout");
+static_assert(offsetof(LUMFrameInfo, tv_sec) == 16, "LUMFrameInfo layout");
+static_assert(offsetof(LUMFrameInfo, tv_usec) == 20, "LUMFrameInfo layout");
+static_assert(offsetof(LUMFrameInfo, samples) == 24, "LUMFrameInfo layout");
+static_assert(sizeof(LUMPoolHeader) + LUM_FRAME_COUNT * sizeof(LUMFrameInfo) == LUM_POOL_SIZE, "LUM segment");
+
+extern template class AVPOOL_API avpool::AnalysisPutter<LUMFrameInfo>;
+extern template class AVPOOL_API avpool::AnalysisGetter<LUMFrameInfo>;
+
+class AVPOOL_API LUMPutterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+class AVPOOL_API LUMGetterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+// The slot after i in the ring of 6.
+AVPOOL_API int nextLUMFrame(int i);
+
+class AVPOOL_API LUMPutter : public avpool::AnalysisPutter<LUMFrameInfo> {
+public:
+    LUMPutter();
+    ~LUMPutter() override;
+
+    // length is the number of samples and must equal width x height of the
+    // last reset; 2 x length bytes are taken from samples.
+    void putFrame(void* samples, int length, const timeval& captureTime);
+};
+
+class AVPOOL_API LUMGetter : public avpool::AnalysisGetter<LUMFrameInfo> {
+public:
+    LUMGetter();
+    ~LUMGetter() override;
+
+    // Fills tv_sec, tv_usec, frameLength and points samples into the slot.
+    void getFrame();
+
+    unsigned short* samples = nullptr;
+};

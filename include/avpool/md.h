@@ -1,0 +1,109 @@
+// Motion-detection pool: per channel a ring of 5 records of two equally sized
+// arrays of 32-bit values under key 19968 + channel, one semaphore set of 5 under
+// the same key, and one vibration level in the header.
+#pragma once
+
+#include <avpool/analysis.h>
+#include <avpool/common.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/time.h>
+
+constexpr int MD_BASE_KEY = 0x4E00;  // 19968
+constexpr int MD_FRAME_COUNT = 5;
+constexpr int MD_MAX_ELEMENTS = 3072;  // 12288 bytes an array, e.g. 64 x 48
+constexpr int MD_POOL_SIZE = 123040;
+
+/*
+ * Segment (123040 bytes), filled with 0xCC at creation:
+ *
+ *   0         4     8      12      16          20            40              40+24600        123040
+ *   +---------+-----+------+-------+-----------+-------------+---------------+-- .. --+------+
+ *   | current | fps | width| height| vibration | safe times  | MDFrameInfo 0 | 1 .. 3  |  4   |
+ *   |         |     |      |       | 0..100    | int32 x 5   | 24 + 2 x 12288|         |      |
+ *   +---------+-----+------+-------+-----------+-------------+---------------+-- .. --+------+
+ *
+ *   MDFrameInfo:  [frameID:8][lockIndex][frameLength][tv_sec][tv_usec][first:12288][second:12288]
+ *   A frame writes 4 x frameLength bytes into each array; the rest keeps older contents.
+ *   fps, width, height and vibration keep the fill pattern until reset and putVibration.
+ */
+struct MDPoolHeader {
+    int32_t current;
+    int32_t workingFPS;
+    int32_t workingWidth;
+    int32_t workingHeight;
+    int32_t vibration;
+    int32_t safeTime[MD_FRAME_COUNT];  // ms, slot 0 first
+};
+static_assert(sizeof(MDPoolHeader) == 40, "MDPoolHeader layout");
+static_assert(offsetof(MDPoolHeader, current) == 0, "MDPoolHeader layout");
+static_assert(offsetof(MDPoolHeader, workingFPS) == 4, "MDPoolHeader layout");
+static_assert(offsetof(MDPoolHeader, workingWidth) == 8, "MDPoolHeader layout");
+static_assert(offsetof(MDPoolHeader, workingHeight) == 12, "MDPoolHeader layout");
+static_assert(offsetof(MDPoolHeader, vibration) == 16, "MDPoolHeader layout");
+static_assert(offsetof(MDPoolHeader, safeTime) == 20, "MDPoolHeader layout");
+
+struct MDFrameInfo {
+    avpool::Word64 frameID;  // 0: never written
+    int32_t lockIndex;
+    int32_t frameLength;  // elements per array, width x height
+    int32_t tv_sec;
+    int32_t tv_usec;
+    int32_t firstArray[MD_MAX_ELEMENTS];
+    int32_t secondArray[MD_MAX_ELEMENTS];
+};
+static_assert(sizeof(MDFrameInfo) == 24600, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, frameID) == 0, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, lockIndex) == 8, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, frameLength) == 12, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, tv_sec) == 16, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, tv_usec) == 20, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, firstArray) == 24, "MDFrameInfo layout");
+static_assert(offsetof(MDFrameInfo, secondArray) == 12312, "MDFrameInfo layout");
+static_assert(sizeof(MDPoolHeader) + MD_FRAME_COUNT * sizeof(MDFrameInfo) == MD_POOL_SIZE, "MD segment");
+
+extern template class AVPOOL_API avpool::AnalysisPutter<MDFrameInfo>;
+extern template class AVPOOL_API avpool::AnalysisGetter<MDFrameInfo>;
+
+class AVPOOL_API MDPutterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+class AVPOOL_API MDGetterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+// The slot after i in the ring of 5.
+AVPOOL_API int nextMDFrame(int i);
+
+class AVPOOL_API MDPutter : public avpool::AnalysisPutter<MDFrameInfo> {
+public:
+    MDPutter();
+    ~MDPutter() override;
+
+    // level is clamped to 0..100 and stored in the header word 16 + 4 x index.
+    // Only 0 is the vibration field: 1 to 5 land on the safe times of slots 0
+    // to 4 (callers pass 0); any other index writes nothing.
+    void putVibration(int index, int level);
+    // length elements per array, equal to width x height of the last reset;
+    // 4 x length bytes are taken from each of first and second.
+    void putFrame(void* first, void* second, int length, const timeval& captureTime);
+};
+
+class AVPOOL_API MDGetter : public avpool::AnalysisGetter<MDFrameInfo> {
+public:
+    MDGetter();
+    ~MDGetter() override;
+
+    // The header word 16 + 4 x index, for index 0 to 5 as putVibration writes
+    // them; "programming error." without an attached pool or for another index.
+    int getVibration(int index);
+    // Fills tv_sec, tv_usec, frameLength and points both arrays into the slot.
+    void getFrame();
+
+    int* firstArray = nullptr;
+    int* secondArray = nullptr;
+};
