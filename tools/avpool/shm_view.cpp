@@ -25,6 +25,10 @@ std::string keyText(int key) {
     return hexKey(key) + " (" + std::to_string(key) + ")";
 }
 
+std::string poolName(const char* kind, int channel) {
+    return std::string(kind) + " pool on channel " + std::to_string(channel);
+}
+
 bool findSegment(int key, pid_t& creator) {
     int id = shmget(key, 0, 0400);
     shmid_ds status;
