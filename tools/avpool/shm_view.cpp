@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -35,6 +36,12 @@ bool findSegment(int key, pid_t& creator) {
     if (id == -1 || shmctl(id, IPC_STAT, &status) == -1) return false;
     creator = status.shm_cpid;
     return true;
+}
+
+pid_t runningCreator(int key) {
+    pid_t creator = 0;
+    if (!findSegment(key, creator) || creator <= 0) return 0;
+    return kill(creator, 0) == 0 || errno == EPERM ? creator : 0;
 }
 
 SegmentView::SegmentView(int key, size_t headerSize, const std::string& what) : key_(key) {

@@ -97,4 +97,8 @@ std::string keyText(int key);
 // created it.
 bool findSegment(int key, pid_t& creator);
 
+// The pid that created the segment under key if that process still runs,
+// else 0 (no segment, or one left by a process that died).
+pid_t runningCreator(int key);
+
 }  // namespace avpool::cli
