@@ -76,12 +76,17 @@ private:
 // Integer in [min, max] from the whole of text; what names it in the error.
 int parseInt(const std::string& text, const char* what, int min, int max);
 
-// "a, b, c": the names of a table's entries, for messages.
+// The entry of a table (a struct with a name) that the word names; otherwise
+// a usage error "<what> 'word' (known: a, b, c)", what being e.g.
+// "stat: unknown pool kind".
 template <class Entry, size_t N>
-std::string nameList(const Entry (&entries)[N]) {
+const Entry& findNamed(const Entry (&entries)[N], const std::string& word, const std::string& what) {
     std::string names;
-    for (const Entry& entry : entries) names += (names.empty() ? "" : ", ") + std::string(entry.name);
-    return names;
+    for (const Entry& entry : entries) {
+        if (word == entry.name) return entry;
+        names += (names.empty() ? "" : ", ") + std::string(entry.name);
+    }
+    throw UsageError(what + " '" + word + "' (known: " + names + ")");
 }
 
 // The verb's usage line and --help text.

@@ -221,13 +221,9 @@ const StatKind kinds[] = {
 
 int runStat(const ParsedArgs& args) {
     args.expectPositional(2, "a pool kind and a channel");
-    const std::string& kindName = args.positional()[0];
-    for (const StatKind& kind : kinds) {
-        if (kindName != kind.name) continue;
-        int channel = parseInt(args.positional()[1], "stat: channel", 0, MAX_CHANNEL);
-        return kind.print(channel);
-    }
-    throw UsageError("stat: unknown pool kind '" + kindName + "' (known: " + nameList(kinds) + ")");
+    const StatKind& kind = findNamed(kinds, args.positional()[0], "stat: unknown pool kind");
+    int channel = parseInt(args.positional()[1], "stat: channel", 0, MAX_CHANNEL);
+    return kind.print(channel);
 }
 
 }  // namespace

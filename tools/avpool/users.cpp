@@ -77,10 +77,7 @@ const UsersAction actions[] = {
 
 int runUsers(const ParsedArgs& args) {
     if (args.positional().empty()) args.expectPositional(1, "an action");
-    const std::string& name = args.positional()[0];
-    for (const UsersAction& action : actions)
-        if (name == action.name) return action.run(args);
-    throw UsageError("users: unknown action '" + name + "' (known: " + nameList(actions) + ")");
+    return findNamed(actions, args.positional()[0], "users: unknown action").run(args);
 }
 
 }  // namespace
