@@ -2,6 +2,7 @@
 // drives dispatch and --help, option parsing, and how a failure ends the tool.
 #pragma once
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,6 +26,12 @@ private:
 
 struct UsageError : CliError {
     explicit UsageError(const std::string& message) : CliError(message, EXIT_USAGE) {}
+};
+
+// Ends the tool with exit code 1 and no line of its own, for a failure the
+// library has already reported on stderr.
+struct AlreadyReported : CliError {
+    AlreadyReported() : CliError("") {}
 };
 
 struct Option {
@@ -68,6 +75,19 @@ private:
 
 // Integer in [min, max] from the whole of text; what names it in the error.
 int parseInt(const std::string& text, const char* what, int min, int max);
+
+// The entry of a table (a struct with a name) that the word names; otherwise
+// a usage error "<what> 'word' (known: a, b, c)", what being e.g.
+// "stat: unknown pool kind".
+template <class Entry, size_t N>
+const Entry& findNamed(const Entry (&entries)[N], const std::string& word, const std::string& what) {
+    std::string names;
+    for (const Entry& entry : entries) {
+        if (word == entry.name) return entry;
+        names += (names.empty() ? "" : ", ") + std::string(entry.name);
+    }
+    throw UsageError(what + " '" + word + "' (known: " + names + ")");
+}
 
 // The verb's usage line and --help text.
 std::string verbUsage(const Verb& verb);

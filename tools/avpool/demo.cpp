@@ -39,6 +39,17 @@ int maxFrameSize(const PoolPlan& plan) {
     return plan.kind == PoolKind::Mp4 ? plan.maxKey : plan.maxFrame;
 }
 
+// Per slot a frame record and a safe time, then the ring.
+int dataSize(const PoolPlan& plan) {
+    if (plan.kind == PoolKind::Mp4)
+        return static_cast<int>(sizeof(MP4FrameInfo) + 4) * plan.slots * plan.framesPerGop + plan.ringBytes;
+    return static_cast<int>(sizeof(JPGFrameInfo) + 4) * plan.slots + plan.ringBytes;
+}
+
+int segmentSize(const PoolPlan& plan) {
+    return dataSize(plan) + (plan.kind == PoolKind::Mp4 ? MP4_HEADER_SIZE : JPG_HEADER_SIZE);
+}
+
 namespace {
 
 using avpool::cli::Child;
@@ -133,9 +144,8 @@ private:
 void refuseLivePools(const PoolPlan* plans) {
     for (int p = 0; p < POOL_COUNT; ++p) {
         int channel = plans[p].channel;
-        pid_t creator = 0;
-        if (!avpool::cli::findSegment(baseKey(plans[p].kind) + channel, creator)) continue;
-        if (creator > 0 && (kill(creator, 0) == 0 || errno == EPERM))
+        pid_t creator = avpool::cli::runningCreator(baseKey(plans[p].kind) + channel);
+        if (creator != 0)
             throw CliError(std::string("demo: the ") + kindName(plans[p].kind) + " pool on channel " +
                            std::to_string(channel) + " belongs to running pid " + std::to_string(creator) +
                            "; choose other channels with --channel");
@@ -154,8 +164,7 @@ public:
 class JpgWriter : public PoolWriter {
 public:
     explicit JpgWriter(const PoolPlan& plan) {
-        int dataSize = static_cast<int>(sizeof(JPGFrameInfo) + 4) * plan.slots + plan.ringBytes;
-        putter_.init(plan.channel, plan.slots, plan.maxFrame, dataSize);
+        putter_.init(plan.channel, plan.slots, plan.maxFrame, dataSize(plan));
         putter_.reset(plan.width, plan.height, plan.fps, plan.quality);
     }
     bool put(unsigned char* data, int length, bool, const timeval& captured) override {
@@ -170,9 +179,7 @@ private:
 class Mp4Writer : public PoolWriter {
 public:
     explicit Mp4Writer(const PoolPlan& plan) {
-        int slots = plan.slots * plan.framesPerGop;
-        int dataSize = static_cast<int>(sizeof(MP4FrameInfo) + 4) * slots + plan.ringBytes;
-        putter_.init(plan.channel, plan.slots, plan.framesPerGop, maxFrameSize(plan), dataSize);
+        putter_.init(plan.channel, plan.slots, plan.framesPerGop, maxFrameSize(plan), dataSize(plan));
         putter_.reset(plan.width, plan.height, plan.fps);
     }
     bool put(unsigned char* data, int length, bool key, const timeval& captured) override {
@@ -317,12 +324,18 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
     // The consumers are forked before the pools exist, so that each holds only
     // its own attachment, and wait until the board says the pools are ready.
     // Declared before the pools: on any way out, the pools are removed first.
+    // The information area comes before the pools, as on a device; its
+    // profiles say streaming once the pools exist.
     ConsumerTeam team(board, plans);
+    ProfilePublisher profiles(plans, POOL_COUNT);
     std::unique_ptr<ProducedPool[]> pools(new ProducedPool[POOL_COUNT]);
     for (int p = 0; p < POOL_COUNT; ++p) createPool(pools[p], plans[p]);
+    profiles.streaming();
+    board.published.store(profiles.published() ? 1 : 0, std::memory_order_relaxed);
     board.ready.store(1, std::memory_order_release);
 
-    RunView run{plans, POOL_COUNT, consumerPlans, CONSUMER_COUNT, &board, team.children(), seconds};
+    RunView run{plans, POOL_COUNT, consumerPlans, CONSUMER_COUNT, &board, team.children(), seconds,
+                &profiles.connections()};
     LiveSummary summary(run);
     long long start = monotonicNs();
     long long end = start + seconds * NS_PER_S;
@@ -334,6 +347,7 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
     try {
         while (!interrupted && now < end) {
             putDueFrames(pools.get(), board, now);
+            profiles.sample();
             team.reap();
             if (now >= nextReport) {
                 if (!quiet) summary.show(static_cast<double>(now - start) / NS_PER_S);
@@ -361,6 +375,7 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
     // fails, which it takes as the end. Whatever is left is then terminated.
     for (int p = 0; p < POOL_COUNT; ++p) pools[p].writer->release();
     team.finish();
+    profiles.finish();
 
     int failures = printFinalReport(run, elapsed, interrupted);
     if (!producerError.empty()) throw CliError(producerError);

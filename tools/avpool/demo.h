@@ -6,8 +6,12 @@
 
 #include "children.h"
 
+#include <avpool/infos.h>
+
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <sys/types.h>
 
 namespace avpool::demo {
 
@@ -36,6 +40,10 @@ struct PoolPlan {
 
 // The pool's maxFrameSize: the longest frame it is given.
 int maxFrameSize(const PoolPlan& plan);
+// The size its putter is given for the tables and the data ring, and the size
+// of the segment that makes.
+int dataSize(const PoolPlan& plan);
+int segmentSize(const PoolPlan& plan);
 
 // How a consumer gets back into step once the writer has overtaken it.
 enum class Catchup {
@@ -84,6 +92,7 @@ struct ConsumerBoard {
 
 struct Board {
     std::atomic<int> ready{0};  // the pools exist
+    std::atomic<int> published{0};  // set before ready: the profiles are in the information area
     std::atomic<int> stop{0};
     PoolBoard pools[MAX_POOLS];
     ConsumerBoard consumers[MAX_CONSUMERS];
@@ -101,6 +110,39 @@ struct ConsumerJob {
 // result is the process's exit code.
 int runConsumer(void* job);
 
+// The demo's profiles in the information area, one per pool, published as an
+// encoder does; consumers take a connection slat each while they run.
+struct Connections {
+    bool published = false;
+    pid_t owner = 0;  // when not published: the running process whose area it is
+    int maxConn = 0;
+    int peak = 0;   // units taken at most, sampled while the demo ran
+    int atEnd = 0;  // units still taken once every consumer had ended
+};
+
+class ProfilePublisher {
+public:
+    // Creates the area and publishes the profiles with their pools not yet
+    // streaming, unless the area belongs to another running process.
+    ProfilePublisher(const PoolPlan* plans, int count);
+
+    bool published() const { return connections_.published; }
+    void streaming();  // the pools exist and are being written
+    void sample();     // notes the units taken now
+    // Takes the final count (every consumer must have ended) and removes the area.
+    const Connections& finish();
+    const Connections& connections() const { return connections_; }
+
+private:
+    std::unique_ptr<InfosPutter> area_;  // none when not published
+    int count_;
+    Connections connections_;
+};
+
+// Weight of a consumer's connection slat, and its userType.
+constexpr int CONSUMER_WEIGHT = 1;
+constexpr int CONSUMER_USER_TYPE = 1;
+
 // Everything the summaries show.
 struct RunView {
     const PoolPlan* pools;
@@ -110,6 +152,7 @@ struct RunView {
     const Board* board;
     const avpool::cli::Child* children;
     int seconds;  // planned length of the run
+    const Connections* connections;
 };
 
 // The summary while the demo runs, about once a second: on a terminal a table
@@ -129,7 +172,8 @@ private:
 };
 
 // The closing table and verdict; returns the number of failures found (damaged
-// frames, consumers that read nothing or did not end cleanly).
+// frames, consumers that read nothing or did not end cleanly, connection units
+// still taken at the end).
 int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSignal);
 
 }  // namespace avpool::demo

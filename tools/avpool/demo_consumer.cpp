@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 namespace avpool::demo {
 
@@ -24,11 +25,18 @@ unsigned long long prefixOf(const unsigned char* bytes, int prefixSize) {
 ConsumerCore::ConsumerCore(const ConsumerJob& job)
     : plan_(*job.plan), pool_(*job.pool), board_(*job.board), counters_(*job.counters) {}
 
-bool ConsumerCore::waitForPools() const {
+bool ConsumerCore::waitForPools() {
     while (board_.ready.load(std::memory_order_acquire) == 0) {
         if (stopping()) return false;
         avpool::cli::sleepMs(5);
     }
+    if (board_.published.load(std::memory_order_relaxed) == 0) return true;
+    // As a server takes a slat for a client: named after the consumer, the
+    // pool and the process in userInfo, returned automatically.
+    char info[sizeof(UserSlat::userInfo)];
+    snprintf(info, sizeof info, "%s %d, pid %d", kindName(pool_.kind), pool_.channel, static_cast<int>(getpid()));
+    infos_.init(INFOS_KEY);
+    infos_.takeConn(plan_.name, info, CONSUMER_USER_TYPE, CONSUMER_WEIGHT, true);
     return true;
 }
 

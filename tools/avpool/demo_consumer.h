@@ -24,8 +24,10 @@ public:
     explicit ConsumerCore(const ConsumerJob& job);
 
     bool stopping() const { return board_.stop.load(std::memory_order_acquire) != 0; }
-    // Waits until the pools exist; false when asked to stop first.
-    bool waitForPools() const;
+    // Waits until the pools exist; false when asked to stop first. Then takes
+    // this consumer's connection slat, given back when the core goes, if the
+    // demo published its profiles.
+    bool waitForPools();
     // The plan's time on each frame, cut short by a stop request.
     void pause() const;
     // Whether the producer has begun putting a frame later than id.
@@ -65,6 +67,7 @@ private:
     ConsumerBoard& counters_;
     unsigned long long lastId_ = 0;
     char why_[ERROR_TEXT] = {};
+    InfosGetter infos_;
 };
 
 // The kinds' consumers; each runs until the board says stop or its pool goes.

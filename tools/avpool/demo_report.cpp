@@ -143,8 +143,21 @@ int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSig
                load(counters.gopJumps), load(counters.jumps));
     }
 
+    const Connections& connections = *run.connections;
+    if (connections.published)
+        printf("connections: peak %d of %d units, %d at the end\n", connections.peak, connections.maxConn,
+               connections.atEnd);
+    else
+        printf("connections: not counted, the information area belongs to running pid %d\n",
+               static_cast<int>(connections.owner));
+
     int failures = 0;
     printf("\n");
+    if (connections.published && connections.atEnd != 0) {
+        printf("FAILED: %d connection unit%s still taken at the end\n", connections.atEnd,
+               connections.atEnd == 1 ? "" : "s");
+        ++failures;
+    }
     for (int i = 0; i < run.consumerCount; ++i) {
         const char* name = run.consumers[i].name;
         const ConsumerBoard& counters = run.board->consumers[i];

@@ -17,7 +17,10 @@ namespace {
 
 const Verb* const verbs[] = {
     &demoVerb,
+    &infosVerb,
+    &snapshotVerb,
     &statVerb,
+    &usersVerb,
 };
 
 const Verb* findVerb(const char* name) {
@@ -73,7 +76,7 @@ int main(int argc, char** argv) {
         if (verb == nullptr) throw UsageError(std::string("no verb '") + word + "'; see 'avpool --help'");
         return runVerb(*verb, argc - 2, argv + 2);
     } catch (const CliError& error) {
-        fprintf(stderr, "avpool: %s\n", error.what());
+        if (error.what()[0] != '\0') fprintf(stderr, "avpool: %s\n", error.what());
         return error.exitCode();
     } catch (const std::exception& error) {
         fprintf(stderr, "avpool: %s\n", error.what());

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -25,12 +26,22 @@ std::string keyText(int key) {
     return hexKey(key) + " (" + std::to_string(key) + ")";
 }
 
+std::string poolName(const char* kind, int channel) {
+    return std::string(kind) + " pool on channel " + std::to_string(channel);
+}
+
 bool findSegment(int key, pid_t& creator) {
     int id = shmget(key, 0, 0400);
     shmid_ds status;
     if (id == -1 || shmctl(id, IPC_STAT, &status) == -1) return false;
     creator = status.shm_cpid;
     return true;
+}
+
+pid_t runningCreator(int key) {
+    pid_t creator = 0;
+    if (!findSegment(key, creator) || creator <= 0) return 0;
+    return kill(creator, 0) == 0 || errno == EPERM ? creator : 0;
 }
 
 SegmentView::SegmentView(int key, size_t headerSize, const std::string& what) : key_(key) {

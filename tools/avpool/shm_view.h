@@ -2,6 +2,8 @@
 // Nothing here writes to a segment or changes a semaphore.
 #pragma once
 
+#include "cli.h"
+
 #include <cstddef>
 #include <string>
 #include <sys/types.h>
@@ -39,6 +41,19 @@ private:
     unsigned long attached_ = 0;
     const unsigned char* base_ = nullptr;
 };
+
+// "jpg pool on channel 2": how messages name a pool.
+std::string poolName(const char* kind, int channel);
+
+// The header at the start of a pool's segment; a segment too small to hold
+// it ends the tool.
+template <class Header>
+Header readHeader(const SegmentView& view, const char* kind, int channel) {
+    Header header;
+    if (!view.read(0, &header, sizeof header))
+        throw CliError(poolName(kind, channel) + " is smaller than its header");
+    return header;
+}
 
 // A pool's semaphore set opened read-only; id() is -1 when there is none.
 class LockView {
@@ -81,5 +96,9 @@ std::string keyText(int key);
 // Whether a segment exists under key; if so, creator receives the pid that
 // created it.
 bool findSegment(int key, pid_t& creator);
+
+// The pid that created the segment under key if that process still runs,
+// else 0 (no segment, or one left by a process that died).
+pid_t runningCreator(int key);
 
 }  // namespace avpool::cli

@@ -2,6 +2,7 @@
 // values of an existing pool, attached read-only. Each pool kind has one
 // printer in the table at the end of this file.
 
+#include "fields.h"
 #include "shm_view.h"
 #include "verbs.h"
 
@@ -10,7 +11,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 
 namespace avpool::cli {
@@ -94,26 +94,6 @@ const char* bytesText(Bytes state) {
     return "overwritten";
 }
 
-template <class Header>
-Header readHeader(const SegmentView& view, const char* kind, int channel) {
-    Header header;
-    if (!view.read(0, &header, sizeof header))
-        throw CliError(std::string(kind) + " pool on channel " + std::to_string(channel) +
-                       " is smaller than its header");
-    return header;
-}
-
-struct Field {
-    const char* name;
-    int value;
-};
-
-// "name:" padded to one column, then the value; the picture as "w x h".
-void printFields(std::initializer_list<Field> fields) {
-    for (const Field& field : fields) printf("%s:%*s%d\n", field.name, 17 - static_cast<int>(strlen(field.name)), "",
-                                             field.value);
-}
-
 void printPicture(int width, int height) {
     printf("picture:          %d x %d\n", width, height);
 }
@@ -128,7 +108,7 @@ void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, 
 
 int statJpg(int channel) {
     int key = JPG_BASE_KEY + channel;
-    SegmentView view(key, JPG_HEADER_SIZE, "jpg pool on channel " + std::to_string(channel));
+    SegmentView view(key, JPG_HEADER_SIZE, poolName("jpg", channel));
     JPGPoolHeader header = readHeader<JPGPoolHeader>(view, "jpg", channel);
     checkGeometry({"jpg", header.frameCount, JPG_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(JPGFrameInfo), header.dataOffset},
@@ -181,7 +161,7 @@ void printMp4Cell(const SegmentView& view, const MP4PoolHeader& header, const Gr
 
 int statMp4(int channel) {
     int key = MP4_BASE_KEY + channel;
-    SegmentView view(key, MP4_HEADER_SIZE, "mp4 pool on channel " + std::to_string(channel));
+    SegmentView view(key, MP4_HEADER_SIZE, poolName("mp4", channel));
     MP4PoolHeader header = readHeader<MP4PoolHeader>(view, "mp4", channel);
     int frames = header.framesPerGop;
     bool sane = header.gopCount > 0 && frames > 0 && header.gopCount <= MP4_MAX_FRAME_COUNT &&
@@ -241,15 +221,9 @@ const StatKind kinds[] = {
 
 int runStat(const ParsedArgs& args) {
     args.expectPositional(2, "a pool kind and a channel");
-    const std::string& kindName = args.positional()[0];
-    for (const StatKind& kind : kinds) {
-        if (kindName != kind.name) continue;
-        int channel = parseInt(args.positional()[1], "stat: channel", 0, MAX_CHANNEL);
-        return kind.print(channel);
-    }
-    std::string known;
-    for (const StatKind& kind : kinds) known += (known.empty() ? "" : ", ") + std::string(kind.name);
-    throw UsageError("stat: unknown pool kind '" + kindName + "' (known: " + known + ")");
+    const StatKind& kind = findNamed(kinds, args.positional()[0], "stat: unknown pool kind");
+    int channel = parseInt(args.positional()[1], "stat: channel", 0, MAX_CHANNEL);
+    return kind.print(channel);
 }
 
 }  // namespace

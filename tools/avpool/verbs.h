@@ -6,6 +6,9 @@
 namespace avpool::cli {
 
 extern const Verb demoVerb;
+extern const Verb infosVerb;
+extern const Verb snapshotVerb;
 extern const Verb statVerb;
+extern const Verb usersVerb;
 
 }  // namespace avpool::cli

@@ -65,23 +65,85 @@ wait_for() {
     wait "$1"
 }
 
-# until_stat PREFIX KIND CHANNEL SECONDS CHECK WHAT: runs avpool stat until it
+# until_shown PREFIX SECONDS CHECK WHAT ARGS...: runs avpool ARGS until it
 # succeeds and "CHECK FILE" accepts its output; fails saying WHAT was not seen.
-until_stat() {
+until_shown() {
+    prefix=$1 seconds=$2 check=$3 what=$4
+    shift 4
     waited=0
     while :; do
-        run "$1" 10 stat "$2" "$3"
-        [ "$(rc_of "$1")" = 0 ] && "$5" "$work/$1.out" && break
-        [ "$waited" -ge $(($4 * 10)) ] && fail "stat $2 $3 never showed $6"
+        run "$prefix" 10 "$@"
+        [ "$(rc_of "$prefix")" = 0 ] && "$check" "$work/$prefix.out" && break
+        [ "$waited" -ge $((seconds * 10)) ] && fail "$* never showed $what"
         sleep 0.1
         waited=$((waited + 1))
     done
 }
+
+# until_stat PREFIX KIND CHANNEL SECONDS CHECK WHAT
+until_stat() { until_shown "$1" "$4" "$5" "$6" stat "$2" "$3"; }
 # Producer and both consumers attached, every jpg slot written.
 jpg_ring_full() { grep -qx 'attached: *3' "$1" && ! grep -q ' -$' "$1"; }
 # Producer and both consumers attached, the writer in GOP 3 or later.
 mp4_gops_written() { grep -qx 'attached: *3' "$1" && grep -q '^\* GOP [3-7] ' "$1"; }
 nobody_attached() { grep -qx 'attached: *0' "$1"; }
+# Every demo consumer holds its connection slat.
+six_users() { grep -qx 'users: 6' "$1"; }
+
+# start_demo OUT: a demo of 40 s in the background, once all its consumers have
+# taken their slats; $demo is its pid.
+start_demo() {
+    $EMULATOR "$AVPOOL" demo --seconds 40 --quiet >"$work/$1.out" 2>"$work/$1.err" &
+    demo=$!
+    background=$demo
+    until_shown started 15 six_users "six users" infos
+}
+
+# stop_demo OUT: ends the demo with SIGINT; it reports and removes everything.
+stop_demo() {
+    kill -INT "$demo"
+    wait_for "$demo" 15
+    rc=$?
+    background=""
+    [ "$rc" = 130 ] || fail "demo ended by SIGINT exited $rc"
+}
+
+# expect_no_area PREFIX ARGS...: avpool ARGS finds no information area.
+expect_no_area() {
+    prefix=$1
+    shift
+    run "$prefix" 10 "$@"
+    expect_rc "$prefix" 1 "$*"
+    expect_error_line "$prefix" "avpool: no information area (key 0x490)"
+    [ -s "$work/$prefix.out" ] && fail "avpool $* printed on stdout without an area"
+    return 0
+}
+
+# stamp_of FILE: "NUMBER LENGTH" of a demo frame, after checking its stamp: the
+# magic, its length against the file's, and the FNV-1a sum of its payload.
+stamp_of() {
+    od -An -v -t u1 "$1" | awk '
+        function xor8(a, b,   r, bit) {
+            r = 0
+            for (bit = 1; bit < 256; bit *= 2)
+                if ((a % (2 * bit) >= bit) != (b % (2 * bit) >= bit)) r += bit
+            return r
+        }
+        function word(i) { return byte[i] + byte[i + 1] * 256 + byte[i + 2] * 65536 + byte[i + 3] * 16777216 }
+        { for (i = 1; i <= NF; i++) byte[n++] = $i }
+        END {
+            if (n < 20 || word(0) != 826562113) { print "no stamp"; exit 1 }
+            if (word(12) != n) { print "stamp says " word(12) " bytes, file has " n; exit 1 }
+            h = 2166136261
+            for (i = 20; i < n; i++) {
+                low = h % 256
+                h = h - low + xor8(low, byte[i])
+                h = ((h % 256) * 16777216 + h * 403) % 4294967296
+            }
+            if (h != word(16)) { print "payload sum " h ", stamp says " word(16); exit 1 }
+            print word(4) + word(8) * 4294967296, n
+        }'
+}
 
 # until_file_has FILE PATTERN SECONDS
 until_file_has() {
@@ -171,9 +233,12 @@ demo)
     grep -q '^jpg 0  0x4c00     12   25   640x480 ' "$work/demo.out" || fail "pool jpg 0 row missing"
     grep -q '^mp4 0  0x4b00   8x30   30  1280x720 .*  I 30720\.\.61440, P 2048\.\.12288$' "$work/demo.out" ||
         fail "pool mp4 0 row missing"
+    # Each consumer held one unit while it ran and gave it back.
+    expect_line demo "connections: peak 6 of 10 units, 0 at the end"
     expect_no_pool 0 0x4c00
     expect_no_pool 1 0x4c01
     expect_no_pool 0 0x4b00 mp4
+    expect_no_area area infos
     ;;
 
 stat-missing)
@@ -215,10 +280,42 @@ usage)
     run u 10 demo --quiet=yes
     expect_error_line u "avpool: demo: option --quiet takes no value"
 
+    run u 10 infos extra
+    expect_rc u 2 "infos extra"
+    expect_error_line u "avpool: infos: expected no arguments besides options; usage: avpool infos [--key K]"
+    run u 10 infos --key 0
+    expect_rc u 2 "infos --key 0"
+    expect_error_line u "avpool: infos: --key must be between 1 and 2147483647, not 0"
+    run u 10 users
+    expect_rc u 2 "users"
+    expect_error_line u "avpool: users: expected an action; usage: avpool users add NAME INFO | del SLAT | list"
+    run u 10 users kick 3
+    expect_rc u 2 "users kick 3"
+    expect_error_line u "avpool: users: unknown action 'kick' (known: add, del, list)"
+    run u 10 users add alice
+    expect_rc u 2 "users add alice"
+    expect_error_line u "avpool: users: expected add NAME INFO; usage: avpool users add NAME INFO | del SLAT | list"
+    run u 10 users add abcdefghijklmnopqrstuvwxyz123456 x
+    expect_rc u 2 "users add with a 32-byte name"
+    expect_error_line u "avpool: users add: NAME must be at most 31 bytes, not 32"
+    run u 10 users del 10
+    expect_rc u 2 "users del 10"
+    expect_error_line u "avpool: users del: SLAT must be between 0 and 9, not 10"
+    run u 10 users list all
+    expect_rc u 2 "users list all"
+    run u 10 snapshot 5 "$work/x.jpg"
+    expect_rc u 2 "snapshot 5"
+    expect_error_line u "avpool: snapshot: profile must be between 0 and 4, not 5"
+    run u 10 snapshot 0
+    expect_rc u 2 "snapshot 0"
+    expect_error_line u "avpool: snapshot: expected a profile and a file; usage: avpool snapshot PROFILE FILE"
+
     run h 10 --help
     expect_rc h 0 "--help"
-    grep -q '^  demo ' "$work/h.out" && grep -q '^  stat ' "$work/h.out" || fail "--help does not list the verbs"
-    for verb in demo stat; do
+    for verb in demo infos snapshot stat users; do
+        grep -q "^  $verb " "$work/h.out" || fail "--help does not list $verb"
+    done
+    for verb in demo infos snapshot stat users; do
         run h 10 "$verb" --help
         expect_rc h 0 "$verb --help"
         grep -q "^usage: avpool $verb" "$work/h.out" || fail "$verb --help has no usage line"
@@ -364,6 +461,11 @@ live-pool)
     run beside 30 demo --seconds 1 --channel 2 --quiet
     expect_rc beside 0 "demo --channel 2 beside a running demo"
     grep -q '^jpg 3  0x4c03 ' "$work/beside.out" || fail "demo --channel 2 did not use channels 2 and 3"
+    # The information area has one key for all: the first demo keeps it.
+    expect_line beside "connections: not counted, the information area belongs to running pid $demo"
+    run area 10 infos
+    expect_rc area 0 "infos after a second demo"
+    expect_line area "currentTotalConnections: 6"
 
     wait_for "$demo" 20
     rc=$?
@@ -391,10 +493,214 @@ interrupt)
         [ "$rc" = $((128 + number)) ] || fail "demo ended by SIG$sig exited $rc"
         grep -qx "result: interrupted by signal $number" "$work/$out.out" || fail "no interrupted result after SIG$sig"
         check_final_table "$out"
+        expect_line "$out" "connections: peak 6 of 10 units, 0 at the end"
         expect_no_pool 0 0x4c00
         expect_no_pool 1 0x4c01
         expect_no_pool 0 0x4b00 mp4
+        expect_no_area area infos
     done
+    ;;
+
+infos-missing)
+    # Without an information area every verb on it says so in one line.
+    expect_no_area i infos
+    run i 10 infos --key 4242
+    expect_rc i 1 "infos --key 4242"
+    expect_error_line i "avpool: no information area (key 0x1092)"
+    expect_no_area u users list
+    expect_no_area u users add alice "front door"
+    expect_no_area u users del 0
+    expect_no_area s snapshot 0 "$work/none.jpg"
+    [ -e "$work/none.jpg" ] && fail "snapshot without an area created its file"
+    ;;
+
+infos)
+    # A live demo's area: the area's counts, each profile in full, and one
+    # user per consumer.
+    start_demo live
+    run i 10 infos --key 1169
+    expect_rc i 1 "infos --key 1169"
+    expect_error_line i "avpool: no information area (key 0x491)"
+    run i 10 infos
+    expect_rc i 0 "infos"
+    [ -s "$work/i.err" ] && fail "infos wrote to stderr"
+    expect_line i "information area, key 0x490 (1168)"
+    expect_line i "sizeofPools:      3"
+    expect_line i "maxConn:          10"
+    expect_line i "currentTotalConnections: 6"
+    expect_line i "budget:           6 of 10 units taken"
+    # profile_block N: the lines of profile N up to the next blank line.
+    profile_block() { sed -n "/^profile $1\$/,/^\$/p" "$work/i.out" | sed '/^$/d'; }
+    profile_block 0 >"$work/p0.txt"
+    cat >"$work/p0.expected" <<'END'
+profile 0
+state:            2
+channel:          0
+infoParam3:       1
+width:            640
+height:           480
+videoParam3:      25
+audioParam1:      0
+audioParam2:      0
+audioParam3:      0
+audioFrameDuration: 0
+sharedMemSize:    262940
+sslWeight:        3
+sdpHeader:        m=video 0 RTP/AVP 26
+                  a=rtpmap:26 JPEG/90000
+                  a=framerate:25
+spsSize:          0
+sps:              -
+ppsSize:          0
+pps:              -
+volSize:          0
+vol:              -
+END
+    cmp -s "$work/p0.txt" "$work/p0.expected" || fail "profile 0: $(diff "$work/p0.expected" "$work/p0.txt")"
+    profile_block 1 >"$work/p1.txt"
+    for line in "channel:          1" "infoParam3:       1" "width:            320" "height:           240" \
+        "videoParam3:      10" "sharedMemSize:    98892" "sslWeight:        3" "                  a=framerate:10"; do
+        grep -qxF "$line" "$work/p1.txt" || fail "no line '$line' for profile 1"
+    done
+    # The video profile: its pool's channel, no JPEG mark, a 1280 x 720 client
+    # weighs 4; the VOL's bytes are the config of its SDP header.
+    profile_block 2 >"$work/p2.txt"
+    for line in "state:            2" "channel:          0" "infoParam3:       0" "width:            1280" \
+        "height:           720" "videoParam3:      30" "sharedMemSize:    667892" "sslWeight:        4" \
+        "sdpHeader:        m=video 0 RTP/AVP 96" "                  a=rtpmap:96 MP4V-ES/90000" \
+        "spsSize:          0" "ppsSize:          0"; do
+        grep -qxF "$line" "$work/p2.txt" || fail "no line '$line' for profile 2"
+    done
+    config=$(sed -n 's/^ *a=fmtp:96 profile-level-id=3;config=\([0-9A-F]*\)$/\1/p' "$work/p2.txt" | tr A-F a-f)
+    vol=$(sed -n 's/^vol: *//p' "$work/p2.txt")
+    size=$(sed -n 's/^volSize: *//p' "$work/p2.txt")
+    [ -n "$config" ] && [ "$vol" = "$config" ] || fail "vol '$vol' is not the SDP config '$config'"
+    [ "${#vol}" = $((size * 2)) ] || fail "vol has ${#vol} hex digits for volSize $size"
+    case $vol in 000001b003*) ;; *) fail "vol does not open a simple-profile level 3 sequence: $vol" ;; esac
+    grep -q '^profile 3$' "$work/i.out" && fail "infos shows an unpublished profile"
+    # Users: one per consumer in slats 0 to 5 (in the order they came), each
+    # of type 1 and weight 1, named after itself and its pool, with the pid of
+    # a running consumer; listed in slat order.
+    expect_line i "users: 6"
+    for entry in live-0:jpg:0 slow-0:jpg:0 live-1:jpg:1 slow-1:jpg:1 live-mp4:mp4:0 slow-mp4:mp4:0; do
+        name=${entry%%:*} pool=${entry#*:}
+        kind=${pool%:*} channel=${pool#*:}
+        row=$(grep -E "^ +[0-5] +1 +1  [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}  $name +$kind $channel, pid [0-9]+\$" \
+            "$work/i.out") || fail "no user row for $name"
+        kill -0 "${row##* }" 2>/dev/null || fail "user $name names pid ${row##* }, which does not run"
+    done
+    slats=$(sed -n '/^users: /,$p' "$work/i.out" | awk '$1 ~ /^[0-9]+$/ { printf "%s ", $1 }')
+    [ "$slats" = "0 1 2 3 4 5 " ] || fail "users listed in slats '$slats'"
+    stop_demo live
+    expect_line live "connections: peak 6 of 10 units, 0 at the end"
+    expect_no_area i infos
+    ;;
+
+users)
+    # The active-user table against a live area, then a user left behind
+    # when the demo ends.
+    start_demo live
+    export TZ=UTC0
+    run l 10 users list
+    expect_rc l 0 "users list"
+    [ "$(wc -l <"$work/l.out")" = 6 ] || fail "users list shows $(wc -l <"$work/l.out") lines for six consumers"
+    grep -qE '^ +[0-5] +1 +1  [0-9-]+ [0-9:]+  slow-mp4 +mp4 0, pid [0-9]+$' "$work/l.out" || fail "no line for slow-mp4"
+    before=$(date +%s)
+    run a 10 users add alice "front door"
+    after=$(date +%s)
+    expect_rc a 0 "users add alice"
+    [ "$(cat "$work/a.out")" = 6 ] || fail "users add printed '$(cat "$work/a.out")', not slat 6"
+    # The name is the slat's userName, the info its userInfo; type 4, weight 1.
+    run l 10 users list
+    [ "$(wc -l <"$work/l.out")" = 7 ] || fail "users list shows $(wc -l <"$work/l.out") lines after an add"
+    row=$(grep -E '^ +6 +4 +1  [0-9-]+ [0-9:]+  alice +front door$' "$work/l.out") || fail "no line for alice"
+    login=$(echo "$row" | awk '{ print $4 " " $5 }')
+    seconds=$(date -u -d "$login" +%s)
+    [ "$seconds" -ge "$before" ] && [ "$seconds" -le "$after" ] || fail "alice logged in at $login, not between $before and $after"
+    # Local time: two hours east shows the same login two hours later.
+    TZ=XYZ-2
+    run l2 10 users list
+    TZ=UTC0
+    grep -qF "$(date -u -d "@$((seconds + 7200))" '+%Y-%m-%d %H:%M:%S')  alice" "$work/l2.out" ||
+        fail "login time not shown in local time"
+    run i 10 infos
+    expect_line i "currentTotalConnections: 7"
+    expect_line i "users: 7"
+    # Up to the budget of 10 units, then refused with the library's own line.
+    for name in bob carol dave; do
+        run a 10 users add "$name" "door $name"
+        expect_rc a 0 "users add $name"
+    done
+    [ "$(cat "$work/a.out")" = 9 ] || fail "the fourth active user got slat $(cat "$work/a.out")"
+    run a 10 users add eve "back door"
+    expect_rc a 1 "users add beyond the budget"
+    expect_error_line a "Add_Active_User failed: no more slat."
+    [ -s "$work/a.out" ] && fail "a refused add printed a slat"
+    for slat in 7 8 9 6; do
+        run d 10 users del "$slat"
+        expect_rc d 0 "users del $slat"
+        [ -s "$work/d.out" ] || [ -s "$work/d.err" ] && fail "users del $slat printed something"
+    done
+    run d 10 users del 7
+    expect_rc d 1 "users del of a free slat"
+    expect_error_line d "avpool: users del: slat 7 is not in use"
+    run l 10 users list
+    [ "$(wc -l <"$work/l.out")" = 6 ] || fail "users list shows $(wc -l <"$work/l.out") lines after the deletes"
+    grep -q alice "$work/l.out" && fail "alice still listed"
+    run i 10 infos
+    expect_line i "currentTotalConnections: 6"
+    # A user still there when the demo ends: its unit is still taken.
+    run a 10 users add zed "left over"
+    [ "$(cat "$work/a.out")" = 6 ] || fail "slat 6 was not free again"
+    stop_demo live
+    # The demo samples the units taken as it produces: it saw alice at least.
+    grep -qxE "connections: peak (7|8|9|10) of 10 units, 1 at the end" "$work/live.out" ||
+        fail "no connections line with a peak of 7 to 10 and 1 unit at the end"
+    expect_line live "FAILED: 1 connection unit still taken at the end"
+    expect_line live "result: interrupted by signal 2, with failures"
+    expect_no_area l users list
+    ;;
+
+snapshot)
+    # The newest picture of each JPEG profile, byte for byte a frame the
+    # producer stamped, and one the pool still holds or just replaced.
+    start_demo live
+    for entry in 0:0:12:2048:65536 1:1:8:512:16384; do
+        profile=${entry%%:*} rest=${entry#*:}
+        channel=${rest%%:*} rest=${rest#*:}
+        slots=${rest%%:*} rest=${rest#*:}
+        min=${rest%%:*} max=${rest#*:}
+        file="$work/p$profile.jpg"
+        run s 10 snapshot "$profile" "$file"
+        expect_rc s 0 "snapshot $profile"
+        run st 10 stat jpg "$channel"
+        stamp_of "$file" >"$work/stamp.txt" || fail "picture of profile $profile: $(cat "$work/stamp.txt")"
+        read -r number length <"$work/stamp.txt"
+        expect_line s "$length bytes of profile $profile (jpg pool on channel $channel) written to $file"
+        [ "$length" -ge "$min" ] && [ "$length" -le "$max" ] || fail "profile $profile picture of $length bytes"
+        # The pool's newest frame at most two seconds on; if the slot still
+        # holds the picture, with the same length.
+        awk -v number="$number" -v length_="$length" -v slots="$slots" -v rate="$((max == 65536 ? 25 : 10))" '
+            /^[* ] +[0-9]+ +[0-9]+ +[0-9]+\.[0-9]+ / {
+                if (substr($0, 1, 1) == "*") { $0 = substr($0, 2); newest = $2 }
+                if ($2 == number && $4 != length_) { print "slot holds it with " $4 " bytes"; bad = 1 }
+            }
+            END {
+                if (newest < number || newest > number + 2 * rate) { print "newest frame " newest ", picture " number; bad = 1 }
+                exit bad
+            }' "$work/st.out" >"$work/check.txt" || fail "profile $profile: $(cat "$work/check.txt")"
+    done
+    run s 10 snapshot 2 "$work/p2.jpg"
+    expect_rc s 1 "snapshot of the video profile"
+    expect_error_line s "avpool: snapshot: profile 2 is not a streaming JPEG profile (state 2, infoParam3 0)"
+    run s 10 snapshot 3 "$work/p3.jpg"
+    expect_rc s 1 "snapshot of an unpublished profile"
+    expect_error_line s "avpool: snapshot: profile 3 is not published (sizeofPools 3)"
+    run s 10 snapshot 0 "$work/no/such/dir.jpg"
+    expect_rc s 1 "snapshot into a missing directory"
+    expect_error_line s "avpool: snapshot: cannot write $work/no/such/dir.jpg: No such file or directory"
+    stop_demo live
+    expect_no_area s snapshot 0 "$work/late.jpg"
     ;;
 
 terminal)
@@ -422,11 +728,23 @@ crash)
     expect_line left "creator pid:      $demo"
     until_stat left mp4 0 5 nobody_attached "its consumers gone 5 s after the producer died"
     expect_line left "creator pid:      $demo"
+    # Consumers killed with it never gave their slats back; the pictures left
+    # in the pool can still be taken.
+    run stale 10 infos
+    expect_rc stale 0 "infos after a crash"
+    expect_line stale "currentTotalConnections: 6"
+    expect_line stale "users: 6"
+    run snap 10 snapshot 0 "$work/stale.jpg"
+    expect_rc snap 0 "snapshot 0 of a crashed demo"
+    stamp_of "$work/stale.jpg" >"$work/stamp.txt" || fail "picture left by the crash: $(cat "$work/stamp.txt")"
+    # The next demo makes the area afresh.
     run again 30 demo --seconds 2
     expect_rc again 0 "demo after a crashed one"
     check_final_table again
+    expect_line again "connections: peak 6 of 10 units, 0 at the end"
     expect_no_pool 0 0x4c00
     expect_no_pool 0 0x4b00 mp4
+    expect_no_area area infos
     ;;
 
 *)
