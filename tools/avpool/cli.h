@@ -54,6 +54,8 @@ public:
     bool has(const char* option) const;
     // The option's value as an integer in [min, max], or fallback when absent.
     int intOption(const char* option, int fallback, int min, int max) const;
+    // The option's value as given, or fallback when absent.
+    std::string stringOption(const char* option, const std::string& fallback) const;
     const std::vector<std::string>& positional() const { return positional_; }
     // Exactly this many positional arguments, named in the message otherwise.
     void expectPositional(size_t count, const char* names) const;
@@ -68,6 +70,18 @@ private:
 
 // Integer in [min, max] from the whole of text; what names it in the error.
 int parseInt(const std::string& text, const char* what, int min, int max);
+
+// The row of a kinds table whose name is name (every row has a `name`
+// member); otherwise a usage error of the verb that lists the known names.
+template <class Kind, size_t N>
+const Kind& findKind(const Kind (&kinds)[N], const std::string& name, const char* verb) {
+    std::string known;
+    for (const Kind& kind : kinds) {
+        if (name == kind.name) return kind;
+        known += (known.empty() ? "" : ", ") + std::string(kind.name);
+    }
+    throw UsageError(std::string(verb) + ": unknown pool kind '" + name + "' (known: " + known + ")");
+}
 
 // The verb's usage line and --help text.
 std::string verbUsage(const Verb& verb);

@@ -2,6 +2,7 @@
 // values of an existing pool, attached read-only. Each pool kind has one
 // printer in the table at the end of this file.
 
+#include "pool_kinds.h"
 #include "shm_view.h"
 #include "verbs.h"
 
@@ -16,8 +17,6 @@
 namespace avpool::cli {
 
 namespace {
-
-constexpr int MAX_CHANNEL = 255;  // the kinds' base keys are 0x100 apart
 
 void printSegment(const char* kind, int channel, const SegmentView& view) {
     printf("%s pool, channel %d\n", kind, channel);
@@ -241,15 +240,8 @@ const StatKind kinds[] = {
 
 int runStat(const ParsedArgs& args) {
     args.expectPositional(2, "a pool kind and a channel");
-    const std::string& kindName = args.positional()[0];
-    for (const StatKind& kind : kinds) {
-        if (kindName != kind.name) continue;
-        int channel = parseInt(args.positional()[1], "stat: channel", 0, MAX_CHANNEL);
-        return kind.print(channel);
-    }
-    std::string known;
-    for (const StatKind& kind : kinds) known += (known.empty() ? "" : ", ") + std::string(kind.name);
-    throw UsageError("stat: unknown pool kind '" + kindName + "' (known: " + known + ")");
+    const StatKind& kind = findKind(kinds, args.positional()[0], "stat");
+    return kind.print(parseInt(args.positional()[1], "stat: channel", 0, MAX_CHANNEL));
 }
 
 }  // namespace
