@@ -7,5 +7,10 @@ namespace avpool::cli {
 
 extern const Verb demoVerb;
 extern const Verb statVerb;
+extern const Verb lsVerb;
+extern const Verb watchVerb;
+extern const Verb cleanVerb;
+extern const Verb putVerb;
+extern const Verb getVerb;
 
 }  // namespace avpool::cli
