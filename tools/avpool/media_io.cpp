@@ -13,7 +13,7 @@ namespace avpool::cli {
 
 std::vector<unsigned char> readWholeFile(const std::string& path) {
     FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr) throw CliError("cannot read " + path + ": " + strerror(errno));
+    if (file == nullptr) throw CliError("put: cannot read " + path + ": " + strerror(errno));
     std::vector<unsigned char> bytes;
     unsigned char block[65536];
     size_t got;
@@ -21,7 +21,7 @@ std::vector<unsigned char> readWholeFile(const std::string& path) {
     bool failed = ferror(file) != 0;
     int error = errno;
     fclose(file);
-    if (failed) throw CliError("cannot read " + path + ": " + strerror(error));
+    if (failed) throw CliError("put: cannot read " + path + ": " + strerror(error));
     return bytes;
 }
 
@@ -30,7 +30,7 @@ Output::Output(const std::string& path) : fd_(STDOUT_FILENO), owned_(false), nam
     signal(SIGPIPE, SIG_IGN);
     if (path.empty() || path == "-") return;
     fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd_ == -1) throw CliError("cannot write " + path + ": " + strerror(errno));
+    if (fd_ == -1) throw CliError("get: cannot write " + path + ": " + strerror(errno));
     owned_ = true;
     name_ = path;
 }
@@ -44,7 +44,7 @@ bool Output::write(const unsigned char* data, size_t size) {
         ssize_t done = ::write(fd_, data, size);
         if (done < 0 && errno == EINTR) continue;
         if (done < 0 && errno == EPIPE) return false;
-        if (done < 0) throw CliError("cannot write " + name_ + ": " + strerror(errno));
+        if (done < 0) throw CliError("get: cannot write " + name_ + ": " + strerror(errno));
         data += done;
         size -= static_cast<size_t>(done);
     }
