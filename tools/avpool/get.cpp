@@ -73,6 +73,19 @@ void reportGap(unsigned long long expected, unsigned long long got) {
         fprintf(stderr, "avpool: get: overtaken: frames %llu to %llu missed\n", expected, got - 1);
 }
 
+// A pool checked by requirePool, attached read-only, with its header: the
+// geometry and creator the waits need beside the getter.
+template <class Header>
+struct OpenPool {
+    OpenPool(const GetJob& job, const char* kind, int key)
+        : view((requirePool(job, kind, key), key), sizeof(Header),
+               std::string(kind) + " pool on channel " + std::to_string(job.channel)) {
+        view.read(0, &header, sizeof header);
+    }
+    SegmentView view;
+    Header header{};
+};
+
 int maxAge(const GetJob& job) {
     return (job.since > 0 ? job.since : 0) + AGE_MARGIN_SECONDS;
 }
@@ -101,11 +114,9 @@ bool awaitFirst(First first, const Locks& locks, pid_t creator) {
 
 int getJpg(const GetJob& job) {
     int key = JPG_BASE_KEY + job.channel;
-    requirePool(job, "jpg", key);
-    SegmentView view(key, JPG_HEADER_SIZE, "jpg pool on channel " + std::to_string(job.channel));
-    JPGPoolHeader header;
-    view.read(0, &header, sizeof header);
-    int n = header.frameCount;
+    OpenPool<JPGPoolHeader> pool(job, "jpg", key);
+    const SegmentView& view = pool.view;
+    int n = pool.header.frameCount;
     LockView locks(key, n);
     JPGGetter getter;
     initGetter<JPGGetter, JPGGetterError>(getter, "jpg", job.channel);
@@ -147,13 +158,10 @@ int getJpg(const GetJob& job) {
 }
 
 int getMp4(const GetJob& job) {
-    int key = MP4_BASE_KEY + job.channel;
-    requirePool(job, "mp4", key);
-    SegmentView view(key, MP4_HEADER_SIZE, "mp4 pool on channel " + std::to_string(job.channel));
-    MP4PoolHeader header;
-    view.read(0, &header, sizeof header);
-    int gops = header.gopCount;
-    int frames = header.framesPerGop;
+    OpenPool<MP4PoolHeader> pool(job, "mp4", MP4_BASE_KEY + job.channel);
+    const SegmentView& view = pool.view;
+    int gops = pool.header.gopCount;
+    int frames = pool.header.framesPerGop;
     GroupedLockView locks(MP4_BASE_KEY + job.channel * 16, gops * frames);
     MP4Getter getter;
     initGetter<MP4Getter, MP4GetterError>(getter, "mp4", job.channel);
