@@ -4,12 +4,13 @@
 #
 #   scripts/install-deps.sh [native] [cross] [all]    (default: all)
 #
-# native: compiler, CMake and the test/benchmark libraries for the build machine.
+# native: compiler, CMake, the test/benchmark libraries and ffmpeg for the build machine.
 # cross:  the arm-linux-gnueabihf compiler, qemu-arm to run its programs, and the
 #         GoogleTest sources, which scripts/armhf-build.sh compiles for the device.
 set -eu
 
-native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev"
+# ffmpeg makes the media the media tests put through the pools (they skip without it).
+native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg"
 cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
 
 wanted=""

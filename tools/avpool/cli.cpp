@@ -62,12 +62,16 @@ bool ParsedArgs::has(const char* option) const {
     return false;
 }
 
-int ParsedArgs::intOption(const char* option, int fallback, int min, int max) const {
-    const std::string* value = nullptr;
+std::string ParsedArgs::stringOption(const char* option, const std::string& fallback) const {
+    const std::string* value = &fallback;
     for (const auto& entry : given_)
         if (entry.first == option) value = &entry.second;  // the last one given wins
-    if (value == nullptr) return fallback;
-    return parseInt(*value, (std::string(verb_->name) + ": " + option).c_str(), min, max);
+    return *value;
+}
+
+int ParsedArgs::intOption(const char* option, int fallback, int min, int max) const {
+    if (!has(option)) return fallback;
+    return parseInt(stringOption(option, ""), (std::string(verb_->name) + ": " + option).c_str(), min, max);
 }
 
 void ParsedArgs::expectPositional(size_t count, const char* names) const {

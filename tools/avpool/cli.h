@@ -61,6 +61,8 @@ public:
     bool has(const char* option) const;
     // The option's value as an integer in [min, max], or fallback when absent.
     int intOption(const char* option, int fallback, int min, int max) const;
+    // The option's value as given, or fallback when absent.
+    std::string stringOption(const char* option, const std::string& fallback) const;
     const std::vector<std::string>& positional() const { return positional_; }
     // Exactly this many positional arguments, named in the message otherwise.
     void expectPositional(size_t count, const char* names) const;
@@ -87,6 +89,12 @@ const Entry& findNamed(const Entry (&entries)[N], const std::string& word, const
         names += (names.empty() ? "" : ", ") + std::string(entry.name);
     }
     throw UsageError(what + " '" + word + "' (known: " + names + ")");
+}
+
+// The row of a kinds table that name names; otherwise the verb's usage error.
+template <class Kind, size_t N>
+const Kind& findKind(const Kind (&kinds)[N], const std::string& name, const char* verb) {
+    return findNamed(kinds, name, std::string(verb) + ": unknown pool kind");
 }
 
 // The verb's usage line and --help text.

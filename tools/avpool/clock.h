@@ -27,4 +27,10 @@ inline void sleepMs(int ms) {
     nanosleep(&delay, nullptr);
 }
 
+// Sleeps until the monotonic clock reads when (ns); a signal ends it early.
+inline void sleepUntilNs(long long when) {
+    timespec until{static_cast<time_t>(when / NS_PER_S), static_cast<long>(when % NS_PER_S)};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+}
+
 }  // namespace avpool::cli

@@ -7,6 +7,7 @@
 #include "clock.h"
 #include "demo.h"
 #include "frame_stamp.h"
+#include "interrupt.h"
 #include "shm_view.h"
 #include "verbs.h"
 
@@ -54,6 +55,9 @@ namespace {
 
 using avpool::cli::Child;
 using avpool::cli::CliError;
+using avpool::cli::catchInterrupts;
+using avpool::cli::interrupted;
+using avpool::cli::sleepUntilNs;
 using avpool::cli::monotonicNs;
 using avpool::cli::NS_PER_S;
 
@@ -97,26 +101,6 @@ constexpr int MAX_SECONDS = 24 * 3600;
 constexpr int MAX_FIRST_CHANNEL = 255 - MAX_CHANNEL_OFFSET;
 constexpr long long STOP_GRACE_NS = 2 * NS_PER_S;  // producing on while consumers finish
 constexpr int END_GRACE_MS = 1000;                 // per step once the pools are gone
-
-volatile sig_atomic_t interrupted = 0;
-
-void onInterrupt(int sig) {
-    interrupted = sig;
-}
-
-void catchInterrupts() {
-    struct sigaction action {};
-    action.sa_handler = onInterrupt;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGHUP, &action, nullptr);
-}
-
-void sleepUntilNs(long long when) {
-    timespec until{static_cast<time_t>(when / NS_PER_S), static_cast<long>(when % NS_PER_S)};
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);  // a signal ends it early
-}
 
 // The board lives in anonymous shared memory mapped before the fork, so the
 // parent sees the children's counters.

@@ -1,4 +1,5 @@
-// avpool: look into the media pools of a device and run a self-checking demo.
+// avpool: look into the media pools of a device, feed them from media files
+// and read them out, and run a self-checking demo.
 // The first word picks a verb from the table below; each verb parses its own
 // options and has its own --help.
 
@@ -21,6 +22,11 @@ const Verb* const verbs[] = {
     &snapshotVerb,
     &statVerb,
     &usersVerb,
+    &lsVerb,
+    &watchVerb,
+    &cleanVerb,
+    &putVerb,
+    &getVerb,
 };
 
 const Verb* findVerb(const char* name) {

@@ -12,15 +12,11 @@
 
 namespace avpool::cli {
 
-namespace {
-
 std::string hexKey(int key) {
     char text[16];
     snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(key));
     return text;
 }
-
-}  // namespace
 
 std::string keyText(int key) {
     return hexKey(key) + " (" + std::to_string(key) + ")";

@@ -90,6 +90,9 @@ private:
     std::vector<int> counts_;
 };
 
+// "0x4c02"
+std::string hexKey(int key);
+
 // "0x4c02 (19458)"
 std::string keyText(int key);
 

@@ -3,6 +3,7 @@
 // printer in the table at the end of this file.
 
 #include "fields.h"
+#include "pool_kinds.h"
 #include "shm_view.h"
 #include "verbs.h"
 
@@ -16,8 +17,6 @@
 namespace avpool::cli {
 
 namespace {
-
-constexpr int MAX_CHANNEL = 255;  // the kinds' base keys are 0x100 apart
 
 void printSegment(const char* kind, int channel, const SegmentView& view) {
     printf("%s pool, channel %d\n", kind, channel);

@@ -10,5 +10,10 @@ extern const Verb infosVerb;
 extern const Verb snapshotVerb;
 extern const Verb statVerb;
 extern const Verb usersVerb;
+extern const Verb lsVerb;
+extern const Verb watchVerb;
+extern const Verb cleanVerb;
+extern const Verb putVerb;
+extern const Verb getVerb;
 
 }  // namespace avpool::cli

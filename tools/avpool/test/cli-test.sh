@@ -8,6 +8,7 @@ case_name=$1
 AVPOOL=$2
 # A cross-built tool runs through the emulator named here (words split).
 EMULATOR=${AVPOOL_EMULATOR:-}
+MEDIA_SCRIPT=$(dirname "$0")/../../../tests/media/make-media.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-cli.XXXXXX") || exit 1
 background=""
 
@@ -191,6 +192,52 @@ check_final_table() {
         kill -0 "$pid" 2>/dev/null && fail "consumer $name (pid $pid) outlived the demo"
     done
     return 0
+}
+
+# media DIR: generates the test media, or skips the case (exit 77) without ffmpeg.
+media() {
+    sh "$MEDIA_SCRIPT" "$1" >"$work/media.log" 2>&1
+    status=$?
+    [ "$status" = 77 ] && { echo "SKIP [$case_name]: $(cat "$work/media.log")"; exit 77; }
+    [ "$status" = 0 ] || fail "make-media.sh failed"
+}
+
+# probe FILE FORMAT: "frames,width,height" as ffprobe decodes them.
+probe() {
+    ffprobe -v error -f "$2" -count_frames -select_streams v:0 \
+        -show_entries stream=nb_read_frames,width,height -of csv=p=0 "$1" |
+        awk -F, '{ print $3 "," $1 "," $2 }'
+}
+
+# until_ls PREFIX SECONDS PATTERN: runs avpool ls until a line matches PATTERN.
+until_ls() {
+    waited=0
+    while :; do
+        run "$1" 10 ls
+        grep -qE -- "$3" "$work/$1.out" && break
+        [ "$waited" -ge $(($2 * 10)) ] && fail "avpool ls never showed '$3'"
+        sleep 0.1
+        waited=$((waited + 1))
+    done
+}
+
+# roundtrip KIND FILE FORMAT FRAMES: puts FILE into channel 3, reads it back
+# from the start and expects the same bytes and what ffprobe decodes.
+roundtrip() {
+    $EMULATOR "$AVPOOL" put "$1" 3 "$2" --linger 3000 >"$work/put.out" 2>"$work/put.err" &
+    producer=$!
+    background="$background $producer"
+    until_ls ls 10 "^$1 +3 "
+    run get 30 get "$1" 3 --since 60 --count "$4" -o "$work/out.$3"
+    expect_rc get 0 "get $1 3"
+    [ -s "$work/get.err" ] && fail "get $1 wrote to stderr"
+    cmp "$2" "$work/out.$3" || fail "$1 stream read back differs from the file put"
+    [ "$(probe "$work/out.$3" "$3")" = "$4,320,240" ] ||
+        fail "ffprobe decodes $(probe "$work/out.$3" "$3") (frames,width,height), expected $4,320,240"
+    wait_for "$producer" 20
+    [ $? = 0 ] || fail "put $1 did not end with 0"
+    run gone 10 stat "$1" 3
+    expect_rc gone 1 "stat $1 3 after put ended"
 }
 
 case $case_name in
@@ -745,6 +792,85 @@ crash)
     expect_no_pool 0 0x4c00
     expect_no_pool 0 0x4b00 mp4
     expect_no_area area infos
+    ;;
+
+media-mp4)
+    media "$work/m"
+    roundtrip mp4 "$work/m/camera.h264" h264 50
+    ;;
+
+media-jpg)
+    media "$work/m"
+    roundtrip jpg "$work/m/camera.mjpeg" mjpeg 25
+    ;;
+
+media-stale)
+    # A killed producer leaves its pool; ls marks it stale, clean removes
+    # segment and semaphores, a live pool stays.
+    media "$work/m"
+    $EMULATOR "$AVPOOL" put mp4 5 "$work/m/camera.h264" --loop >/dev/null 2>&1 &
+    victim=$!
+    $EMULATOR "$AVPOOL" put jpg 6 "$work/m/camera.mjpeg" --loop >/dev/null 2>&1 &
+    keeper=$!
+    background="$victim $keeper"
+    until_ls ls 10 "^jpg +6 .* live "
+    until_ls ls 10 "^mp4 +5 .* live "
+    kill -KILL "$victim"
+    wait "$victim" 2>/dev/null
+    until_ls ls 10 "^mp4 +5 .* stale "
+    grep -qE "^jpg +6 .* live " "$work/ls.out" || fail "the live jpg pool is not listed live"
+    run json 10 ls --json
+    grep -q '"kind": "mp4", "channel": 5, "key": 19205, .*"stale": true' "$work/json.out" ||
+        fail "ls --json does not mark mp4 5 stale"
+    run get 10 get mp4 5
+    expect_rc get 1 "get on a stale pool"
+    grep -q "^avpool: get: the mp4 pool on channel 5 is stale: its creator [0-9]* is gone$" "$work/get.err" ||
+        fail "get on a stale pool did not say so"
+    run clean 10 clean
+    expect_rc clean 0 clean
+    grep -qx "removed mp4 5: segment 0x4b05 (creator [0-9]* is gone), semaphore set 0x4b50" "$work/clean.out" ||
+        fail "clean did not report the mp4 pool"
+    [ "$(wc -l <"$work/clean.out")" = 1 ] || fail "clean removed more than the stale pool"
+    ipcs -m | grep -q '0x00004b05' && fail "segment 0x4b05 left after clean"
+    ipcs -s | grep -q '0x00004b50' && fail "semaphore set 0x4b50 left after clean"
+    ipcs -m | grep -q '0x00004c06' || fail "clean removed the live jpg pool"
+    kill -TERM "$keeper"
+    wait_for "$keeper" 10
+    [ $? = 0 ] || fail "put jpg did not end cleanly on SIGTERM"
+    [ -z "$(ipcs -m | grep '0x0000')$(ipcs -s | grep '0x0000')" ] || fail "IPC objects left: $(ipcs)"
+    run clean2 10 clean
+    expect_line clean2 "nothing to clean"
+    ;;
+
+media-errors)
+    media "$work/m"
+    run e 10 put mp4 0 "$work/m/camera.mjpeg"
+    expect_rc e 1 "put mp4 of an MJPEG file"
+    expect_error_line e "avpool: put: $work/m/camera.mjpeg: not an H.264 Annex B stream: it does not begin with a start code"
+    run e 10 put jpg 0 "$work/m/camera.h264"
+    expect_error_line e "avpool: put: $work/m/camera.h264: not an MJPEG stream: it does not begin with a JPEG picture"
+    run e 10 put jpg 0 "$work/none.mjpeg"
+    expect_error_line e "avpool: put: cannot read $work/none.mjpeg: No such file or directory"
+    head -c 5000 "$work/m/camera.mjpeg" >"$work/cut.mjpeg"
+    run e 10 put jpg 0 "$work/cut.mjpeg"
+    expect_rc e 1 "put of a truncated MJPEG file"
+    grep -qx "avpool: put: $work/cut.mjpeg: JPEG picture at byte 0 is truncated at byte [0-9]*" "$work/e.err" ||
+        fail "truncated MJPEG not reported: $(cat "$work/e.err")"
+    run e 10 get mp4 4
+    expect_error_line e "avpool: get: no mp4 pool on channel 4 (key 0x4b04)"
+    run e 10 get mov 4
+    expect_rc e 2 "get mov 4"
+    expect_error_line e "avpool: get: unknown pool kind 'mov' (known: jpg, mp4)"
+    for verb in ls watch clean put get; do
+        run h 10 "$verb" --help
+        expect_rc h 0 "$verb --help"
+        grep -q "^usage: avpool $verb" "$work/h.out" || fail "$verb --help has no usage line"
+    done
+    run w 10 watch --count 2 --interval 1
+    expect_rc w 0 "watch --count 2"
+    [ "$(grep -c '^avpool watch ' "$work/w.out")" = 2 ] || fail "watch --count 2 did not print two blocks"
+    grep -q "$(printf '\033')" "$work/w.out" && fail "watch wrote terminal escapes into a file"
+    [ -z "$(ipcs -m | grep '0x0000')$(ipcs -s | grep '0x0000')" ] || fail "IPC objects left: $(ipcs)"
     ;;
 
 *)

@@ -1,0 +1,213 @@
+#include "pool_kinds.h"
+#include "cli.h"
+
+
+#include <avpool/infos.h>
+#include <avpool/jpg.h>
+#include <avpool/mp4.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+
+namespace avpool::cli {
+
+namespace {
+
+// Copies a record out of the segment; false when it lies outside.
+template <class T>
+bool at(const SegmentView& view, size_t offset, T& out) {
+    return view.read(offset, &out, sizeof out);
+}
+
+long long captureUs(int32_t sec, int32_t usec) {
+    return static_cast<long long>(sec) * 1000000 + usec;
+}
+
+std::string pictureParams(int width, int height, int fps) {
+    char text[64];
+    snprintf(text, sizeof text, "%dx%d %d fps", width, height, fps);
+    return text;
+}
+
+std::string pictureJson(int width, int height, int fps) {
+    char text[96];
+    snprintf(text, sizeof text, "\"width\": %d, \"height\": %d, \"fps\": %d", width, height, fps);
+    return text;
+}
+
+// Notes one slot: the newest running number wins, and elements above since
+// add their length.
+void countSlot(PoolState& state, unsigned long long id, long long us, long long length, unsigned long long since) {
+    if (id == 0) return;
+    if (id > state.newest) {
+        state.newest = id;
+        state.newestUs = us;
+    }
+    if (id > since && length > 0) state.bytesSince += static_cast<unsigned long long>(length);
+}
+
+void readJpg(const SegmentView& view, unsigned long long since, PoolState& state) {
+    JPGPoolHeader header;
+    if (!at(view, 0, header) || header.frameCount < 1 || header.frameCount > JPG_MAX_FRAME_COUNT) return;
+    state.slots = header.frameCount;
+    state.lockSets = 1;
+    for (int i = 0; i < header.frameCount; ++i) {
+        JPGFrameInfo info;
+        if (!at(view, header.frameInfoOffset + sizeof info * i, info)) return;
+        countSlot(state, info.frameID.get(), captureUs(info.tv_sec, info.tv_usec), info.frameLength, since);
+    }
+    state.params = pictureParams(header.workingWidth, header.workingHeight, header.workingFPS);
+    state.paramsJson = pictureJson(header.workingWidth, header.workingHeight, header.workingFPS);
+}
+
+void readMp4(const SegmentView& view, unsigned long long since, PoolState& state) {
+    MP4PoolHeader header;
+    if (!at(view, 0, header) || header.gopCount < 1 || header.framesPerGop < 1 ||
+        header.gopCount > MP4_MAX_FRAME_COUNT || header.framesPerGop > MP4_MAX_FRAME_COUNT ||
+        header.gopCount * header.framesPerGop > MP4_MAX_FRAME_COUNT)
+        return;
+    int n = header.gopCount * header.framesPerGop;
+    state.slots = n;
+    state.lockSets = (n + GroupedLockView::GROUP_SIZE - 1) / GroupedLockView::GROUP_SIZE;
+    for (int i = 0; i < n; ++i) {
+        MP4FrameInfo info;
+        if (!at(view, header.frameInfoOffset + sizeof info * i, info)) return;
+        countSlot(state, info.frameID.get(), captureUs(info.tv_sec, info.tv_usec), info.frameLength, since);
+    }
+    state.params = pictureParams(header.width, header.height, header.workingFPS) + ", " +
+                   std::to_string(header.gopCount) + " GOPs of " + std::to_string(header.framesPerGop);
+    state.paramsJson = pictureJson(header.width, header.height, header.workingFPS) +
+                       ", \"gops\": " + std::to_string(header.gopCount) +
+                       ", \"framesPerGop\": " + std::to_string(header.framesPerGop);
+}
+
+// The audio pools share one layout: current, format, channels, rate and 200
+// safe times, then 200 slots from offset 816 whose size is the kind's;
+// fragmentID at 8, length at 16, capture time at 32 in each slot.
+constexpr int AUDIO_SLOTS = 200;
+constexpr size_t AUDIO_SLOTS_OFFSET = 816;
+
+template <size_t SlotSize>
+void readAudio(const SegmentView& view, unsigned long long since, PoolState& state) {
+    int32_t format[4];
+    if (!at(view, 0, format)) return;
+    state.slots = AUDIO_SLOTS;
+    state.lockSets = 1;
+    for (int i = 0; i < AUDIO_SLOTS; ++i) {
+        size_t slot = AUDIO_SLOTS_OFFSET + SlotSize * i;
+        avpool::Word64 id;
+        int32_t length = 0;
+        int32_t time[2];
+        if (!at(view, slot + 8, id) || !at(view, slot + 16, length) || !at(view, slot + 32, time)) return;
+        countSlot(state, id.get(), captureUs(time[0], time[1]), length, since);
+    }
+    char text[96];
+    snprintf(text, sizeof text, "format %d, %d ch, %d Hz", format[1], format[2], format[3]);
+    state.params = text;
+    snprintf(text, sizeof text, "\"format\": %d, \"channels\": %d, \"rate\": %d", format[1], format[2], format[3]);
+    state.paramsJson = text;
+}
+
+// The analysis pools: current, fps, width, height in a 40-byte header, then
+// the slots with frameID at 0, frameLength (elements) at 12, capture time at 16.
+template <int Slots, size_t SlotSize, int BytesPerElement>
+void readAnalysis(const SegmentView& view, unsigned long long since, PoolState& state) {
+    int32_t header[4];
+    if (!at(view, 0, header)) return;
+    state.slots = Slots;
+    state.lockSets = 1;
+    for (int i = 0; i < Slots; ++i) {
+        size_t slot = 40 + SlotSize * i;
+        avpool::Word64 id;
+        int32_t fields[3];  // frameLength, tv_sec, tv_usec
+        if (!at(view, slot, id) || !at(view, slot + 12, fields)) return;
+        countSlot(state, id.get(), captureUs(fields[1], fields[2]),
+                  static_cast<long long>(fields[0]) * BytesPerElement, since);
+    }
+    state.params = pictureParams(header[2], header[3], header[1]);
+    state.paramsJson = pictureJson(header[2], header[3], header[1]);
+}
+
+void readInfos(const SegmentView& view, unsigned long long, PoolState& state) {
+    int32_t head[3];
+    if (!at(view, 0, head)) return;
+    char text[96];
+    snprintf(text, sizeof text, "%d profiles, connections %d of %d", head[0], head[2], head[1]);
+    state.params = text;
+    snprintf(text, sizeof text, "\"profiles\": %d, \"connections\": %d, \"maxConnections\": %d", head[0], head[2],
+             head[1]);
+    state.paramsJson = text;
+}
+
+const std::vector<PoolKindInfo> kinds = {
+    {"jpg", JPG_BASE_KEY, true, LockKeys::Single, readJpg},
+    {"mp4", MP4_BASE_KEY, true, LockKeys::Grouped, readMp4},
+    {"pcm", 0x4A00, false, LockKeys::Grouped, readAudio<2096>},
+    {"aac", 0x4F00, true, LockKeys::Grouped, readAudio<560>},
+    {"amr", 0x5000, true, LockKeys::Grouped, readAudio<1080>},
+    {"opus", 0x5A00, false, LockKeys::Grouped, readAudio<560>},
+    {"lum", 0x4D00, true, LockKeys::Single, readAnalysis<6, 10264, 2>},
+    {"md", 0x4E00, true, LockKeys::Single, readAnalysis<5, 24600, 8>},
+    {"infos", INFOS_KEY, false, LockKeys::None, readInfos},
+};
+
+const FoundPool* earlierByKey(const std::vector<FoundPool>* earlier, int key) {
+    if (earlier == nullptr) return nullptr;
+    for (const FoundPool& pool : *earlier)
+        if (pool.key == key) return &pool;
+    return nullptr;
+}
+
+void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* earlier,
+           std::vector<FoundPool>& found) {
+    int key = kind.baseKey + channel;
+    pid_t creator = 0;
+    if (!findSegment(key, creator)) return;
+    try {
+        SegmentView view(key, 0, std::string(kind.name) + " pool");
+        FoundPool pool{&kind, channel, key, view.id(), view.size(), view.attached(), view.creator(),
+                       processAlive(view.creator()), {}};
+        const FoundPool* before = earlierByKey(earlier, key);
+        kind.read(view, before != nullptr && before->id == view.id() ? before->state.newest : 0, pool.state);
+        found.push_back(pool);
+    } catch (const CliError&) {
+        // Removed between the lookup and the attach: it is gone, so not listed.
+    }
+}
+
+}  // namespace
+
+const std::vector<PoolKindInfo>& poolKinds() {
+    return kinds;
+}
+
+bool processAlive(pid_t pid) {
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
+std::vector<FoundPool> findPools(const std::vector<FoundPool>* earlier) {
+    std::vector<FoundPool> found;
+    for (const PoolKindInfo& kind : kinds)
+        for (int channel = 0; channel <= (kind.perChannel ? MAX_CHANNEL : 0); ++channel)
+            probe(kind, channel, earlier, found);
+    return found;
+}
+
+std::vector<int> lockKeys(const FoundPool& pool) {
+    std::vector<int> keys;
+    const PoolKindInfo& kind = *pool.kind;
+    int sets = pool.state.lockSets > 0 ? pool.state.lockSets : 1;
+    if (kind.locks == LockKeys::Single) keys.push_back(pool.key);
+    if (kind.locks == LockKeys::Grouped)
+        for (int g = 0; g < sets; ++g) keys.push_back(kind.baseKey + (kind.perChannel ? pool.channel * 16 : 0) + g);
+    return keys;
+}
+
+std::string poolName(const FoundPool& pool) {
+    if (!pool.kind->perChannel) return pool.kind->name;
+    return std::string(pool.kind->name) + " " + std::to_string(pool.channel);
+}
+
+}  // namespace avpool::cli

@@ -1,0 +1,71 @@
+// Every kind of shared segment the device may hold, as the surveying verbs
+// (ls, watch, clean) see it: where its keys lie, how its locks are keyed, and
+// how to read the newest element and the working parameters from its header.
+// A kind joins by adding one row to the table in pool_kinds.cpp.
+#pragma once
+
+#include "shm_view.h"
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace avpool::cli {
+
+constexpr int MAX_CHANNEL = 255;  // the kinds' base keys are 0x100 apart
+
+enum class LockKeys {
+    None,     // no semaphores (the information area)
+    Single,   // one set under the segment's key
+    Grouped,  // sets under base + channel * 16 + g
+};
+
+// What a header tells about a pool at one moment.
+struct PoolState {
+    int slots = 0;                      // elements the ring holds
+    int lockSets = 0;                   // semaphore sets it uses
+    unsigned long long newest = 0;      // running number of the newest element, 0 before the first
+    long long newestUs = 0;             // its capture time
+    unsigned long long bytesSince = 0;  // payload bytes of the elements numbered above `since`
+    std::string params;                 // working parameters, e.g. "640x480 25 fps"
+    std::string paramsJson;             // the same as JSON members, without braces
+};
+
+struct PoolKindInfo {
+    const char* name;  // "jpg"; "infos" for the information area
+    int baseKey;
+    bool perChannel;   // key = baseKey + channel; otherwise baseKey alone
+    LockKeys locks;
+    // Reads the state from an attached segment; elements numbered above since
+    // count into bytesSince.
+    void (*read)(const SegmentView& view, unsigned long long since, PoolState& state);
+};
+
+const std::vector<PoolKindInfo>& poolKinds();
+
+struct FoundPool {
+    const PoolKindInfo* kind;
+    int channel;  // 0 for the fixed-key kinds
+    int key;
+    int id;
+    size_t size;
+    unsigned long attached;
+    pid_t creator;
+    bool creatorAlive;
+    PoolState state;
+};
+
+// Every segment present under a kind's keys, attached read-only one at a time.
+// since (may be null) gives, per found pool in the order of an earlier call,
+// the number below which bytes are not counted; it is matched by key.
+std::vector<FoundPool> findPools(const std::vector<FoundPool>* earlier = nullptr);
+
+// The semaphore-set keys of a found pool.
+std::vector<int> lockKeys(const FoundPool& pool);
+
+// "jpg 0", "pcm", "infos"
+std::string poolName(const FoundPool& pool);
+
+bool processAlive(pid_t pid);
+
+}  // namespace avpool::cli

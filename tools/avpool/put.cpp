@@ -1,0 +1,271 @@
+// avpool put KIND CHANNEL FILE: a producer fed from a media file. The file is
+// split into the kind's elements (pictures, access units), the pool is sized
+// for them, and the elements are put at the stream's rate, stamped with the
+// time they are put. At the end of the file (or on SIGINT/SIGTERM) it lingers
+// so consumers can drain, then removes its pool.
+
+#include "clock.h"
+#include "interrupt.h"
+#include "media/h264_stream.h"
+#include "media/jpeg_stream.h"
+#include "media_io.h"
+#include "pool_kinds.h"
+#include "verbs.h"
+
+#include <avpool/infos.h>
+#include <avpool/jpg.h>
+#include <avpool/mp4.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+namespace avpool::cli {
+
+namespace {
+
+constexpr int DEFAULT_FPS = 25;
+constexpr int MAX_FPS = 1000;
+constexpr int MAX_BYTES = 1 << 30;
+constexpr int JPG_DEFAULT_SLOTS = JPG_MAX_FRAME_COUNT;
+constexpr int MP4_DEFAULT_GOPS = 8;
+constexpr int MP4_MIN_GOPS = 3;
+constexpr int RECORD_OVERHEAD = 8 + 3;  // frame-ID prefix and padding in the data ring
+constexpr int SLOT_RECORDS = 52;        // safe time and frame info per slot
+
+struct PutJob {
+    int channel;
+    std::string path;
+    std::vector<unsigned char> bytes;
+    const ParsedArgs* args;
+    bool loop;
+    int lingerMs;
+};
+
+// Elements of the file in order, each with what the pool's put call needs.
+struct Element {
+    size_t offset;
+    size_t length;
+    bool key;  // mp4: starts a GOP
+};
+
+[[noreturn]] void badFile(const PutJob& job, const std::exception& error) {
+    throw CliError("put: " + job.path + ": " + error.what());
+}
+
+// A live producer must not lose its pool: creating one under its key would
+// remove the segment it writes.
+void refuseLivePool(int key, const char* kind, int channel) {
+    pid_t creator = 0;
+    if (findSegment(key, creator) && processAlive(creator))
+        throw CliError(std::string("put: the ") + kind + " pool on channel " + std::to_string(channel) +
+                       " is in use by process " + std::to_string(creator));
+}
+
+// Puts the elements at fps, from the start again with --loop, until the end or
+// an interrupt; then lingers.
+template <class PutOne>
+void pace(const PutJob& job, const std::vector<Element>& elements, int fps, PutOne putOne) {
+    catchInterrupts();
+    long long period = NS_PER_S / fps;
+    long long due = monotonicNs();
+    do {
+        for (const Element& element : elements) {
+            sleepUntilNs(due);
+            if (interrupted) return;
+            timeval now;
+            gettimeofday(&now, nullptr);
+            putOne(element, now);
+            due += period;
+        }
+    } while (job.loop && !interrupted);
+    sleepUntilNs(monotonicNs() + static_cast<long long>(job.lingerMs) * 1000000);
+}
+
+// The put calls take a non-const pointer but only copy from it.
+void* elementData(const PutJob& job, const Element& element) {
+    return const_cast<unsigned char*>(job.bytes.data() + element.offset);
+}
+
+int largest(const std::vector<Element>& elements) {
+    size_t most = 0;
+    for (const Element& element : elements) most = std::max(most, element.length);
+    return static_cast<int>(most);
+}
+
+int putJpg(const PutJob& job) {
+    std::vector<media::JpegPicture> pictures;
+    try {
+        pictures = media::splitMjpeg(job.bytes.data(), job.bytes.size());
+    } catch (const media::FormatError& error) {
+        badFile(job, error);
+    }
+    std::vector<Element> elements;
+    for (const media::JpegPicture& picture : pictures) elements.push_back({picture.offset, picture.length, true});
+    const ParsedArgs& args = *job.args;
+    int fps = args.intOption("--fps", DEFAULT_FPS, 1, MAX_FPS);
+    int slots = args.intOption("--slots", JPG_DEFAULT_SLOTS, 1, JPG_MAX_FRAME_COUNT);
+    int maxFrame = args.intOption("--max-frame", largest(elements), 1, MAX_BYTES);
+    int dataSize = args.intOption("--data-size", slots * (SLOT_RECORDS + maxFrame + RECORD_OVERHEAD), 1, MAX_BYTES);
+
+    refuseLivePool(JPG_BASE_KEY + job.channel, "jpg", job.channel);
+    JPGPutter putter;
+    try {
+        QuietOutput quiet;
+        putter.init(job.channel, slots, maxFrame, dataSize);
+    } catch (const JPGPutterError& error) {
+        throw CliError("put: cannot create the jpg pool on channel " + std::to_string(job.channel) + ": " +
+                       error.what());
+    }
+    putter.reset(pictures[0].width, pictures[0].height, fps, 0);
+    size_t next = 0;
+    pace(job, elements, fps, [&](const Element& element, const timeval& now) {
+        const media::JpegPicture& picture = pictures[next++ % pictures.size()];
+        putter.reset(picture.width, picture.height, 0, -1);
+        putter.putFrame(elementData(job, element), static_cast<int>(element.length), now);
+    });
+    return 0;
+}
+
+// Publishes the stream's parameters to the profiles of the information area
+// that name this channel (among the profiles the encoder announced): picture
+// size, the frame rate as the profile's third video value, and SPS and PPS
+// without start codes. Without an information area there is nobody to tell.
+void publishStream(int channel, const media::H264Stream& stream, int fps) {
+    int id = shmget(INFOS_KEY, INFOS_AREA_SIZE, 0600);
+    if (id == -1) return;
+    void* address = shmat(id, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) return;
+    InfoArea* area = static_cast<InfoArea*>(address);
+    int profiles = std::min(area->sizeofPools, MAX_MEDIA_POOL);
+    for (int p = 0; p < profiles; ++p) {
+        MediaProfileInfo& profile = area->profiles[p];
+        if (profile.channel != channel) continue;
+        profile.width = stream.picture.width;
+        profile.height = stream.picture.height;
+        profile.videoParam3 = fps;
+        // The size last, so a reader never takes more bytes than were written.
+        if (stream.sps.size() <= sizeof profile.sdp.sps) {
+            profile.sdp.spsSize = 0;
+            memcpy(profile.sdp.sps, stream.sps.data(), stream.sps.size());
+            profile.sdp.spsSize = static_cast<int32_t>(stream.sps.size());
+        }
+        if (stream.pps.size() <= sizeof profile.sdp.pps) {
+            profile.sdp.ppsSize = 0;
+            memcpy(profile.sdp.pps, stream.pps.data(), stream.pps.size());
+            profile.sdp.ppsSize = static_cast<int32_t>(stream.pps.size());
+        }
+    }
+    shmdt(address);
+}
+
+int putMp4(const PutJob& job) {
+    media::H264Stream stream;
+    try {
+        stream = media::splitH264(job.bytes.data(), job.bytes.size());
+    } catch (const media::FormatError& error) {
+        badFile(job, error);
+    }
+    // A GOP begins at an IDR picture; pictures before the first have nothing
+    // to refer to and are left out.
+    std::vector<Element> elements;
+    int longestGop = 0;
+    size_t gopBytes = 0;
+    size_t mostGopBytes = 0;
+    for (const media::AccessUnit& unit : stream.units) {
+        if (elements.empty() && !unit.idr) continue;
+        if (unit.idr) gopBytes = 0;
+        gopBytes += unit.length + RECORD_OVERHEAD;
+        mostGopBytes = std::max(mostGopBytes, gopBytes);
+        elements.push_back({unit.offset, unit.length, unit.idr});
+    }
+    if (elements.empty()) throw CliError("put: " + job.path + " has no IDR picture to start a GOP with");
+    for (size_t i = 0, run = 0; i < elements.size(); ++i) {
+        run = elements[i].key ? 1 : run + 1;
+        longestGop = std::max(longestGop, static_cast<int>(run));
+    }
+    const ParsedArgs& args = *job.args;
+    int fps = args.intOption("--fps", stream.picture.fps > 0 ? stream.picture.fps : DEFAULT_FPS, 1, MAX_FPS);
+    int framesPerGop = args.intOption("--gop-frames", longestGop, 1, MP4_MAX_FRAME_COUNT / MP4_MIN_GOPS);
+    int gops = args.intOption("--slots", std::max(MP4_MIN_GOPS, std::min(MP4_DEFAULT_GOPS, MP4_MAX_FRAME_COUNT / framesPerGop)),
+                              MP4_MIN_GOPS, MP4_MAX_FRAME_COUNT);
+    if (gops * framesPerGop > MP4_MAX_FRAME_COUNT)
+        throw UsageError("put: " + std::to_string(gops) + " GOPs of " + std::to_string(framesPerGop) +
+                         " frames exceed the pool's " + std::to_string(MP4_MAX_FRAME_COUNT) + " frame slots");
+    int maxFrame = args.intOption("--max-frame", largest(elements), 1, MAX_BYTES);
+    long long ring = static_cast<long long>(gops) * static_cast<long long>(mostGopBytes);
+    int dataSize = args.intOption("--data-size", static_cast<int>(std::min<long long>(ring, MAX_BYTES)), 1, MAX_BYTES);
+
+    refuseLivePool(MP4_BASE_KEY + job.channel, "mp4", job.channel);
+    MP4Putter putter;
+    try {
+        QuietOutput quiet;
+        putter.init(job.channel, gops, framesPerGop, maxFrame, dataSize + gops * framesPerGop * SLOT_RECORDS);
+    } catch (const MP4PutterError& error) {
+        throw CliError("put: cannot create the mp4 pool on channel " + std::to_string(job.channel) + ": " +
+                       error.what());
+    }
+    putter.reset(stream.picture.width, stream.picture.height, fps);
+    publishStream(job.channel, stream, fps);
+    pace(job, elements, fps, [&](const Element& element, const timeval& now) {
+        void* data = elementData(job, element);
+        if (element.key)
+            putter.putIFrame(data, static_cast<int>(element.length), now);
+        else
+            putter.putPFrame(data, static_cast<int>(element.length), now);
+    });
+    return 0;
+}
+
+struct PutKind {
+    const char* name;
+    int (*put)(const PutJob& job);
+};
+
+const PutKind kinds[] = {
+    {"jpg", putJpg},
+    {"mp4", putMp4},
+};
+
+int runPut(const ParsedArgs& args) {
+    args.expectPositional(3, "a pool kind, a channel and a file");
+    const PutKind& kind = findKind(kinds, args.positional()[0], "put");
+    PutJob job{parseInt(args.positional()[1], "put: channel", 0, MAX_CHANNEL), args.positional()[2], {}, &args,
+               args.has("--loop"), args.intOption("--linger", 1000, 0, 3600 * 1000)};
+    job.bytes = readWholeFile(job.path);
+    return kind.put(job);
+}
+
+}  // namespace
+
+const Verb putVerb = {
+    "put",
+    "KIND CHANNEL FILE [--loop] [options]",
+    "produce a pool's elements from a media file",
+    "Creates the pool of the given kind and channel and puts the elements of\n"
+    "FILE into it at the stream's rate, stamped with the time each is put; at\n"
+    "the end of the file (or on SIGINT/SIGTERM) it waits --linger milliseconds\n"
+    "for consumers to drain and removes the pool.\n"
+    "\n"
+    "jpg: FILE is an MJPEG stream (JPEG pictures one after the other); each\n"
+    "picture is one frame, its size taken from its frame header. Default rate 25.\n"
+    "mp4: FILE is an H.264 Annex B stream; each access unit is one frame, IDR\n"
+    "pictures start GOPs. Picture size and rate come from the SPS (rate 25 when\n"
+    "it has none). When the information area exists, the profiles it announces\n"
+    "for this channel get the picture size, the rate (as the third video value)\n"
+    "and the SPS and PPS without start codes.\n"
+    "\n"
+    "The pool is sized from the file unless told otherwise. Refuses to replace a\n"
+    "pool whose creator still runs.\n",
+    {{"--loop", nullptr, "start the file again at its end, until interrupted"},
+     {"--fps", "N", "elements per second (default: from the stream, else 25)"},
+     {"--linger", "MS", "milliseconds to keep the pool after the end (default 1000)"},
+     {"--slots", "N", "jpg: frames in the ring (default 30); mp4: GOPs in the ring (default 8)"},
+     {"--gop-frames", "N", "mp4: frame slots per GOP (default: the file's longest GOP)"},
+     {"--max-frame", "BYTES", "largest element accepted (default: the file's largest)"},
+     {"--data-size", "BYTES", "length of the data ring (default: room for every slot)"}},
+    runPut,
+};
+
+}  // namespace avpool::cli
