@@ -11,8 +11,10 @@ using Raise = void (*)(const std::string& message);
 // A failed system call: perror with the text, then throw the text with a final point.
 [[noreturn]] void systemFailure(const char* text, Raise raise);
 
-// Use before a successful init: "programming error\n" on stderr, then throw.
-[[noreturn]] void programmingError(Raise raise);
+// Use before a successful init: "programming error\n" on stderr, then throw. The
+// audio kinds write the line without its newline.
+enum class Newline { Yes, No };
+[[noreturn]] void programmingError(Raise raise, Newline newline = Newline::Yes);
 
 // Each public class turns a message into its own error type through this.
 template <class Error>
