@@ -4,3 +4,7 @@
 #include <avpool/common.h>
 #include <avpool/jpg.h>
 #include <avpool/mp4.h>
+#include <avpool/pcm.h>
+#include <avpool/aac.h>
+#include <avpool/amr.h>
+#include <avpool/opus.h>
