@@ -30,7 +30,7 @@ static_assert(offsetof(AACFragmentInfo, data) == 48, "AACFragmentInfo layout");
 static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(AACFragmentInfo) == AAC_SEGMENT_SIZE, "AAC segment");
 
 // The fragment under an AACGetter's cursor; data points into the segment.
-struct AACFragment {
+struct AVPOOL_API AACFragment {
     int format;
     int channels;
     int rate;

@@ -71,7 +71,7 @@ static_assert(offsetof(AudioFragmentHead, tv_usec) == 36, "AudioFragmentHead lay
 static_assert(offsetof(AudioFragmentHead, sampleNumber) == 40, "AudioFragmentHead layout");
 
 // The fragment under a getter's cursor (PCM and Opus); data points into the segment.
-struct AudioFragment {
+struct AVPOOL_API AudioFragment {
     int format;
     int channels;
     int rate;
