@@ -1,4 +1,4 @@
-// The consumer of every audio pool, once; the kinds differ only in AudioKind.
+// The consumer of every audio pool, once; the kinds differ only in kind<Record>.
 #include "audio_kinds.h"
 
 #include "../common/age_probe.h"
@@ -14,7 +14,7 @@ namespace {
 constexpr int SLOTS = AUDIO_SLOT_COUNT;
 
 template <class Record>
-constexpr Raise raiseFor = AudioKind<Record>::getterError;
+constexpr Raise raiseFor = kind<Record>.getterError;
 }  // namespace
 
 template <class Record, class Fragment>
@@ -97,7 +97,7 @@ void AudioGetter<Record, Fragment>::getFragment() {
     fragment.channels = source.head.channels;
     fragment.rate = source.head.rate;
     fragment.sampleNumber = source.head.sampleNumber;
-    if constexpr (AudioKind<Record>::streamParam) fragment.streamParam = source.streamParam;
+    if constexpr (kind<Record>.streamParam) fragment.streamParam = source.streamParam;
     fragment.timestamp.tv_sec = source.head.tv_sec;
     fragment.timestamp.tv_usec = source.head.tv_usec;
     fragment.data = source.data;

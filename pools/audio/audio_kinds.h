@@ -30,55 +30,33 @@ struct FragmentFormula {
 
 // Keys: the segment under baseKey + channel, the set of group g under
 // baseKey + channel * 16 + g (PCM and Opus are channel 0 of this rule).
+struct AudioKindRules {
+    key_t baseKey;
+    LengthRule lengthRule;
+    bool streamParam;    // the last reset's value in every slot
+    bool fragmentParam;  // a value given with each fragment
+    FragmentFormula formula;
+    const char* createLog;
+    Raise putterError;
+    Raise getterError;  // null: no getter
+};
+
 template <class Record>
-struct AudioKind;
-
-template <>
-struct AudioKind<PCMFragmentInfo> {
-    static constexpr key_t baseKey = PCM_KEY;
-    static constexpr LengthRule lengthRule = LengthRule::Whole;
-    static constexpr bool streamParam = false;
-    static constexpr bool fragmentParam = false;
-    static constexpr FragmentFormula formula{16384, 1};
-    static constexpr const char* createLog = "Create PCM sem:%d\n";
-    static constexpr Raise putterError = raiseAs<PCMPutterError>;
-    static constexpr Raise getterError = raiseAs<PCMGetterError>;
-};
-
-template <>
-struct AudioKind<AACFragmentInfo> {
-    static constexpr key_t baseKey = AAC_BASE_KEY;
-    static constexpr LengthRule lengthRule = LengthRule::UpToSize;
-    static constexpr bool streamParam = true;
-    static constexpr bool fragmentParam = false;
-    static constexpr FragmentFormula formula{16384, 2};
-    static constexpr const char* createLog = "Create AAC sem:%d\n";
-    static constexpr Raise putterError = raiseAs<AACPutterError>;
-    static constexpr Raise getterError = raiseAs<AACGetterError>;
-};
-
-template <>
-struct AudioKind<AMRFragmentInfo> {
-    static constexpr key_t baseKey = AMR_BASE_KEY;
-    static constexpr LengthRule lengthRule = LengthRule::UpToSize;
-    static constexpr bool streamParam = true;
-    static constexpr bool fragmentParam = true;
-    static constexpr FragmentFormula formula{16384, 2};
-    static constexpr const char* createLog = "Create AMR sem:%d\n";
-    static constexpr Raise putterError = raiseAs<AMRPutterError>;
-};
-
-template <>
-struct AudioKind<OPUSFragmentInfo> {
-    static constexpr key_t baseKey = OPUS_KEY;
-    static constexpr LengthRule lengthRule = LengthRule::AsGiven;
-    static constexpr bool streamParam = false;
-    static constexpr bool fragmentParam = false;
-    static constexpr FragmentFormula formula{4096, 1};
-    static constexpr const char* createLog = "Create OPUS sem:%d\n";
-    static constexpr Raise putterError = raiseAs<OPUSPutterError>;
-    static constexpr Raise getterError = raiseAs<OPUSGetterError>;
-};
+constexpr AudioKindRules kind = {};
+// clang-format off
+template <> constexpr AudioKindRules kind<PCMFragmentInfo> =
+    {PCM_KEY,      LengthRule::Whole,    false, false, {16384, 1}, "Create PCM sem:%d\n",
+     raiseAs<PCMPutterError>,  raiseAs<PCMGetterError>};
+template <> constexpr AudioKindRules kind<AACFragmentInfo> =
+    {AAC_BASE_KEY, LengthRule::UpToSize, true,  false, {16384, 2}, "Create AAC sem:%d\n",
+     raiseAs<AACPutterError>,  raiseAs<AACGetterError>};
+template <> constexpr AudioKindRules kind<AMRFragmentInfo> =
+    {AMR_BASE_KEY, LengthRule::UpToSize, true,  true,  {16384, 2}, "Create AMR sem:%d\n",
+     raiseAs<AMRPutterError>,  nullptr};
+template <> constexpr AudioKindRules kind<OPUSFragmentInfo> =
+    {OPUS_KEY,     LengthRule::AsGiven,  false, false, {4096, 1},  "Create OPUS sem:%d\n",
+     raiseAs<OPUSPutterError>, raiseAs<OPUSGetterError>};
+// clang-format on
 
 // Common to all kinds.
 template <class Record>
@@ -86,12 +64,12 @@ constexpr int SEGMENT_SIZE = AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * static_cast<
 
 template <class Record>
 key_t segmentKey(int channel) {
-    return AudioKind<Record>::baseKey + channel;
+    return kind<Record>.baseKey + channel;
 }
 
 template <class Record>
 key_t firstSetKey(int channel) {
-    return AudioKind<Record>::baseKey + channel * 16;
+    return kind<Record>.baseKey + channel * 16;
 }
 
 // The slots follow the header.

@@ -1,4 +1,4 @@
-// The producer of every audio pool, once; the kinds differ only in AudioKind.
+// The producer of every audio pool, once; the kinds differ only in kind<Record>.
 #include "audio_kinds.h"
 
 #include "../common/safe_time.h"
@@ -12,6 +12,9 @@ using namespace avpool::detail;
 namespace avpool {
 
 namespace {
+template <class Record>
+constexpr Raise raiseFor = kind<Record>.putterError;
+
 // A rate below 1000 Hz or no channels would divide by zero; the figure is 0
 // instead, and safe times of 0 tell readers to wait on the lock.
 int divide(int dividend, int divisor) {
@@ -33,14 +36,14 @@ AudioPutter<Record>::~AudioPutter() {
 
 template <class Record>
 void AudioPutter<Record>::create(int channel) {
-    using Kind = AudioKind<Record>;
+    constexpr AudioKindRules rules = kind<Record>;
     channel_ = channel;
     void* address = createPoolSegment(shmId_, segmentKey<Record>(channel), SEGMENT_SIZE<Record>,
                                       AttachFailure::MinusOne, 0xCC, [&] { forceReleaseShmOf(channel); },
-                                      Kind::putterError);
+                                      raiseFor<Record>);
     pool_ = static_cast<AudioPoolHeader*>(address);
     createSemGroups(firstSetKey<Record>(channel), AUDIO_SLOT_COUNT, sems_,
-                    [&](int group) { forceReleaseSem(channel * 16 + group); }, Kind::putterError, Kind::createLog);
+                    [&](int group) { forceReleaseSem(channel * 16 + group); }, raiseFor<Record>, rules.createLog);
     initLock();
 
     // The working fields and each slot's format, rate, extras and data keep the
@@ -60,7 +63,7 @@ void AudioPutter<Record>::create(int channel) {
 
 template <class Record>
 void AudioPutter<Record>::configure(int format, int channels, int rate, int streamParam) {
-    if (pool_ == notAttached()) programmingError(AudioKind<Record>::putterError, Newline::No);
+    if (pool_ == notAttached()) programmingError(raiseFor<Record>, Newline::No);
     format_ = format;
     channels_ = channels;
     rate_ = rate;
@@ -77,7 +80,7 @@ void AudioPutter<Record>::configure(int format, int channels, int rate, int stre
 
 template <class Record>
 void AudioPutter<Record>::write(const void* data, int length, const timeval& timestamp, int fragmentParam) {
-    using Kind = AudioKind<Record>;
+    constexpr AudioKindRules rules = kind<Record>;
     ++fragmentID_;
     current_ = next(current_);
     // The slot after this one is the next to be overwritten: closed before the
@@ -94,14 +97,14 @@ void AudioPutter<Record>::write(const void* data, int length, const timeval& tim
     head.format = format_;
     head.channels = channels_;
     head.rate = rate_;
-    if constexpr (Kind::streamParam) slot.streamParam = streamParam_;
-    if constexpr (Kind::fragmentParam) slot.fragmentParam = fragmentParam;
+    if constexpr (rules.streamParam) slot.streamParam = streamParam_;
+    if constexpr (rules.fragmentParam) slot.fragmentParam = fragmentParam;
 
     constexpr int capacity = static_cast<int>(sizeof slot.data);
     int copied = capacity;
     int stored = capacity;
-    if constexpr (Kind::lengthRule == LengthRule::AsGiven) stored = length;
-    if constexpr (Kind::lengthRule == LengthRule::UpToSize) {
+    if constexpr (rules.lengthRule == LengthRule::AsGiven) stored = length;
+    if constexpr (rules.lengthRule == LengthRule::UpToSize) {
         // A negative length stores nothing rather than a huge copy.
         copied = length < 0 ? 0 : (length < capacity ? length : capacity);
         stored = copied;
@@ -119,7 +122,7 @@ int AudioPutter<Record>::next(int slot) const {
 
 template <class Record>
 void AudioPutter<Record>::setSafeTime() {
-    if (pool_ == notAttached()) programmingError(AudioKind<Record>::putterError, Newline::No);
+    if (pool_ == notAttached()) programmingError(raiseFor<Record>, Newline::No);
     setSafeTimesFragmentForm(pool_->safeTime, AUDIO_SLOT_COUNT, current_, fragmentTime_);
 }
 
@@ -132,20 +135,20 @@ int AudioPutter<Record>::bitsOf(int format) {
         case 8: bits = 8; break;
         case 16: bits = 16; break;
     }
-    if (bits == 0) AudioKind<Record>::putterError("not supported format");
+    if (bits == 0) raiseFor<Record>("not supported format");
     return bits;
 }
 
 template <class Record>
 int AudioPutter<Record>::calSampleNumber() {
-    constexpr FragmentFormula formula = AudioKind<Record>::formula;
+    constexpr FragmentFormula formula = kind<Record>.formula;
     return divide(formula.bitBudget / bitsOf(format_), channels_) * formula.factor;
 }
 
 // The rate counts in whole kHz first (44100 Hz is 44): readers do the same sums.
 template <class Record>
 int AudioPutter<Record>::calFragmentTime() {
-    constexpr FragmentFormula formula = AudioKind<Record>::formula;
+    constexpr FragmentFormula formula = kind<Record>.formula;
     return divide(divide(formula.bitBudget, rate_ / 1000) / bitsOf(format_), channels_) * formula.factor;
 }
 
@@ -156,17 +159,17 @@ void AudioPutter<Record>::initLock() {
 
 template <class Record>
 void AudioPutter<Record>::closeLock(int slot) {
-    setGroupedLock(sems_, slot, LOCK_CLOSED, AudioKind<Record>::putterError);
+    setGroupedLock(sems_, slot, LOCK_CLOSED, raiseFor<Record>);
 }
 
 template <class Record>
 void AudioPutter<Record>::openLock(int slot) {
-    setGroupedLock(sems_, slot, LOCK_OPEN, AudioKind<Record>::putterError);
+    setGroupedLock(sems_, slot, LOCK_OPEN, raiseFor<Record>);
 }
 
 template <class Record>
 void AudioPutter<Record>::getSemPosition(int slot, int& group, int& position) {
-    semPosition(slot, group, position, AudioKind<Record>::putterError);
+    semPosition(slot, group, position, raiseFor<Record>);
 }
 
 template <class Record>
@@ -182,7 +185,7 @@ void AudioPutter<Record>::forceReleaseShmOf(int channel) {
 
 template <class Record>
 void AudioPutter<Record>::forceReleaseSem(int keyOffset) {
-    forceRemoveSemSet(AudioKind<Record>::baseKey + keyOffset, 0, AUDIO_SLOT_COUNT);
+    forceRemoveSemSet(kind<Record>.baseKey + keyOffset, 0, AUDIO_SLOT_COUNT);
 }
 
 template class AudioPutter<PCMFragmentInfo>;
