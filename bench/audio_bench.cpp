@@ -31,99 +31,68 @@ void setValue(int set, int index, int value) {
     semctl(set, index, SETVAL, arg);
 }
 
-struct Pcm {
-    using Putter = PCMPutter;
-    static constexpr int BYTES = PCM_FRAGMENT_SIZE;
-    static constexpr int SLOT = sizeof(PCMFragmentInfo);
-    static void open(Putter& p) {
-        p.init();
-        p.reset(16, 1, 8000);
-    }
-    static void put(Putter& p, unsigned char* data) { p.putFragment(data, BYTES, CAPTURED); }
-};
+// Each kind's set-up and put, by overload; the fragment fills the slot's data area.
+void open(PCMPutter& p) { p.init(); p.reset(16, 1, 8000); }
+void open(OPUSPutter& p) { p.init(); p.reset(16, 1, 8000); }
+void open(AACPutter& p) { p.init(0); p.reset(16, 1, 8000, 0); }
+void open(AMRPutter& p) { p.init(0); p.reset(16, 1, 8000, 0); }
+template <class Putter>
+void put(Putter& p, unsigned char* data, int length) { p.putFragment(data, length, CAPTURED); }
+void put(AMRPutter& p, unsigned char* data, int length) { p.putFragment(data, length, CAPTURED, 0); }
 
-struct Aac {
-    using Putter = AACPutter;
-    static constexpr int BYTES = AAC_MAX_FRAGMENT_SIZE;
-    static constexpr int SLOT = sizeof(AACFragmentInfo);
-    static void open(Putter& p) {
-        p.init(0);
-        p.reset(16, 1, 8000, 0);
-    }
-    static void put(Putter& p, unsigned char* data) { p.putFragment(data, BYTES, CAPTURED); }
-};
+template <class Record>
+constexpr int BYTES = sizeof(Record{}.data);
 
-struct Amr {
-    using Putter = AMRPutter;
-    static constexpr int BYTES = AMR_MAX_FRAGMENT_SIZE;
-    static constexpr int SLOT = sizeof(AMRFragmentInfo);
-    static void open(Putter& p) {
-        p.init(0);
-        p.reset(16, 1, 8000, 0);
-    }
-    static void put(Putter& p, unsigned char* data) { p.putFragment(data, BYTES, CAPTURED, 0); }
-};
-
-struct Opus {
-    using Putter = OPUSPutter;
-    static constexpr int BYTES = OPUS_FRAGMENT_SIZE;
-    static constexpr int SLOT = sizeof(OPUSFragmentInfo);
-    static void open(Putter& p) {
-        p.init();
-        p.reset(16, 1, 8000);
-    }
-    static void put(Putter& p, unsigned char* data) { p.putFragment(data, BYTES, CAPTURED); }
-};
-
-template <class Kind>
+template <class Putter, class Record>
 void BM_AudioPutFragment(benchmark::State& state) {
-    typename Kind::Putter putter;
+    Putter putter;
     try {
         QuietSetup quiet;
-        Kind::open(putter);
+        open(putter);
     } catch (const std::exception& e) {
         state.SkipWithError(e.what());
         return;
     }
-    std::unique_ptr<unsigned char[]> fragment = makePayload(Kind::BYTES);
+    std::unique_ptr<unsigned char[]> fragment = makePayload(BYTES<Record>);
 
     AllocationCheck allocations;
-    for (auto _ : state) Kind::put(putter, fragment.get());
+    for (auto _ : state) put(putter, fragment.get(), BYTES<Record>);
     allocations.report(state, "allocs_per_put");
-    state.SetBytesProcessed(state.iterations() * Kind::BYTES);
+    state.SetBytesProcessed(state.iterations() * BYTES<Record>);
 }
 
 // The floor: the fragment copied into the next of 200 slots, then one semaphore
 // of a private set of 200 closed and another opened, as a put does.
-template <class Kind>
+template <class Putter, class Record>
 void BM_AudioCopyAndTwoSemctl(benchmark::State& state) {
+    constexpr int slotSize = sizeof(Record);
     int set = semget(IPC_PRIVATE, AUDIO_SLOT_COUNT, IPC_CREAT | 0600);
     if (set == -1) {
         state.SkipWithError("semget failed");
         return;
     }
-    std::unique_ptr<unsigned char[]> fragment = makePayload(Kind::BYTES);
-    std::unique_ptr<unsigned char[]> slots(new unsigned char[AUDIO_SLOT_COUNT * Kind::SLOT]);
-    memset(slots.get(), 0xCC, AUDIO_SLOT_COUNT * Kind::SLOT);
+    std::unique_ptr<unsigned char[]> fragment = makePayload(BYTES<Record>);
+    std::unique_ptr<unsigned char[]> slots(new unsigned char[AUDIO_SLOT_COUNT * slotSize]);
+    memset(slots.get(), 0xCC, AUDIO_SLOT_COUNT * slotSize);
     int slot = 0;
     for (auto _ : state) {
         slot = slot + 1 < AUDIO_SLOT_COUNT ? slot + 1 : 0;
         setValue(set, (slot + 1) % AUDIO_SLOT_COUNT, 1);
-        memcpy(slots.get() + slot * Kind::SLOT, fragment.get(), Kind::BYTES);
+        memcpy(slots.get() + slot * slotSize, fragment.get(), BYTES<Record>);
         benchmark::ClobberMemory();
         setValue(set, slot, 0);
     }
     semctl(set, 0, IPC_RMID);
-    state.SetBytesProcessed(state.iterations() * Kind::BYTES);
+    state.SetBytesProcessed(state.iterations() * BYTES<Record>);
 }
 
-BENCHMARK_TEMPLATE(BM_AudioPutFragment, Pcm);
-BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, Pcm);
-BENCHMARK_TEMPLATE(BM_AudioPutFragment, Aac);
-BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, Aac);
-BENCHMARK_TEMPLATE(BM_AudioPutFragment, Amr);
-BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, Amr);
-BENCHMARK_TEMPLATE(BM_AudioPutFragment, Opus);
-BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, Opus);
+BENCHMARK_TEMPLATE(BM_AudioPutFragment, PCMPutter, PCMFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, PCMPutter, PCMFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioPutFragment, AACPutter, AACFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, AACPutter, AACFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioPutFragment, AMRPutter, AMRFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, AMRPutter, AMRFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioPutFragment, OPUSPutter, OPUSFragmentInfo);
+BENCHMARK_TEMPLATE(BM_AudioCopyAndTwoSemctl, OPUSPutter, OPUSFragmentInfo);
 
 }  // namespace

@@ -49,11 +49,31 @@ inline size_t safeTime(int slot) {
 
 enum class Copy { Whole, AsGiven, UpToSize };
 
-struct PcmKind {
-    using Putter = PCMPutter;
-    using PutterError = PCMPutterError;
-    using Getter = PCMGetter;
-    using GetterError = PCMGetterError;
+// How the tests call each kind: PCM and Opus take no channel and no streamParam.
+template <class P, class PError, class G, class GError>
+struct FixedKeyCalls {
+    using Putter = P;
+    using PutterError = PError;
+    using Getter = G;
+    using GetterError = GError;
+    static void init(Putter& p) { p.init(); }
+    static void reset(Putter& p, int format, int channels, int rate, int) { p.reset(format, channels, rate); }
+    static void put(Putter& p, void* data, int length, const timeval& t, int) { p.putFragment(data, length, t); }
+    static void init(Getter& g) { g.init(); }
+};
+
+template <class P, class PError, int Channel>
+struct ChannelCalls {
+    using Putter = P;
+    using PutterError = PError;
+    static constexpr int CHANNEL = Channel;
+    static void init(Putter& p) { p.init(CHANNEL); }
+    static void reset(Putter& p, int format, int channels, int rate, int streamParam) {
+        p.reset(format, channels, rate, streamParam);
+    }
+};
+
+struct PcmKind : FixedKeyCalls<PCMPutter, PCMPutterError, PCMGetter, PCMGetterError> {
     static constexpr const char* name = "PCM";
     static constexpr key_t KEY = 18944;
     static constexpr key_t SET_KEY = 18944;
@@ -61,59 +81,38 @@ struct PcmKind {
     static constexpr size_t STREAM_PARAM = audio_layout::NONE, FRAGMENT_PARAM = audio_layout::NONE;
     static constexpr Copy copy = Copy::Whole;
     static constexpr int BITS = 16384, FACTOR = 1;
-    static void init(Putter& p) { p.init(); }
-    static void reset(Putter& p, int format, int channels, int rate, int) { p.reset(format, channels, rate); }
-    static void put(Putter& p, void* data, int length, const timeval& t, int) { p.putFragment(data, length, t); }
-    static void init(Getter& g) { g.init(); }
 };
 
-struct AacKind {
-    using Putter = AACPutter;
-    using PutterError = AACPutterError;
+struct AacKind : ChannelCalls<AACPutter, AACPutterError, 3> {
     using Getter = AACGetter;
     using GetterError = AACGetterError;
     static constexpr const char* name = "AAC";
-    static constexpr int CHANNEL = 3;
     static constexpr key_t KEY = 20224 + CHANNEL;
     static constexpr key_t SET_KEY = 20224 + 16 * CHANNEL;
     static constexpr size_t SEGMENT = 112816, SLOT = 560, DATA = 48, CAPACITY = 512;
     static constexpr size_t STREAM_PARAM = 44, FRAGMENT_PARAM = audio_layout::NONE;
     static constexpr Copy copy = Copy::UpToSize;
     static constexpr int BITS = 16384, FACTOR = 2;
-    static void init(Putter& p) { p.init(CHANNEL); }
-    static void reset(Putter& p, int format, int channels, int rate, int streamParam) {
-        p.reset(format, channels, rate, streamParam);
-    }
-    static void put(Putter& p, void* data, int length, const timeval& t, int) { p.putFragment(data, length, t); }
+    using ChannelCalls::init;
     static void init(Getter& g) { g.init(CHANNEL); }
+    static void put(Putter& p, void* data, int length, const timeval& t, int) { p.putFragment(data, length, t); }
 };
 
 // No getter in the library: read through the raw layout only.
-struct AmrKind {
-    using Putter = AMRPutter;
-    using PutterError = AMRPutterError;
+struct AmrKind : ChannelCalls<AMRPutter, AMRPutterError, 2> {
     static constexpr const char* name = "AMR";
-    static constexpr int CHANNEL = 2;
     static constexpr key_t KEY = 20482;
     static constexpr key_t SET_KEY = 20512;
     static constexpr size_t SEGMENT = 216816, SLOT = 1080, DATA = 52, CAPACITY = 1024;
     static constexpr size_t STREAM_PARAM = 44, FRAGMENT_PARAM = 48;
     static constexpr Copy copy = Copy::UpToSize;
     static constexpr int BITS = 16384, FACTOR = 2;
-    static void init(Putter& p) { p.init(CHANNEL); }
-    static void reset(Putter& p, int format, int channels, int rate, int streamParam) {
-        p.reset(format, channels, rate, streamParam);
-    }
     static void put(Putter& p, void* data, int length, const timeval& t, int fragmentParam) {
         p.putFragment(data, length, t, fragmentParam);
     }
 };
 
-struct OpusKind {
-    using Putter = OPUSPutter;
-    using PutterError = OPUSPutterError;
-    using Getter = OPUSGetter;
-    using GetterError = OPUSGetterError;
+struct OpusKind : FixedKeyCalls<OPUSPutter, OPUSPutterError, OPUSGetter, OPUSGetterError> {
     static constexpr const char* name = "OPUS";
     static constexpr key_t KEY = 23040;
     static constexpr key_t SET_KEY = 23040;
@@ -121,10 +120,6 @@ struct OpusKind {
     static constexpr size_t STREAM_PARAM = audio_layout::NONE, FRAGMENT_PARAM = audio_layout::NONE;
     static constexpr Copy copy = Copy::AsGiven;
     static constexpr int BITS = 4096, FACTOR = 1;
-    static void init(Putter& p) { p.init(); }
-    static void reset(Putter& p, int format, int channels, int rate, int) { p.reset(format, channels, rate); }
-    static void put(Putter& p, void* data, int length, const timeval& t, int) { p.putFragment(data, length, t); }
-    static void init(Getter& g) { g.init(); }
 };
 
 struct KindNames {
