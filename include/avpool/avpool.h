@@ -7,3 +7,7 @@
 #include <avpool/lum.h>
 #include <avpool/md.h>
 #include <avpool/mp4.h>
+#include <avpool/pcm.h>
+#include <avpool/aac.h>
+#include <avpool/amr.h>
+#include <avpool/opus.h>

@@ -10,9 +10,9 @@ void systemFailure(const char* text, Raise raise, const char* suffix) {
     __builtin_unreachable();
 }
 
-void programmingError(Raise raise) {
+void programmingError(Raise raise, Newline newline) {
     static const char line[] = "programming error\n";
-    fwrite(line, 1, sizeof line - 1, stderr);
+    fwrite(line, 1, newline == Newline::Yes ? sizeof line - 1 : sizeof line - 2, stderr);
     raise("programming error");
     __builtin_unreachable();
 }

@@ -39,16 +39,22 @@ void semPosition(int slot, int& group, int& index, Raise raise) {
     if (group >= SEM_MAX_GROUPS) raise("Over Max Semaphore Group.");
 }
 
+// A slot of -250 or below lands in a negative group: no set, so the system call
+// fails as it does for any other slot that has no lock.
+static int groupSet(const SemGroups& groups, int group) {
+    return group < 0 ? -1 : groups.id[group];
+}
+
 int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise) {
     int group, index;
     semPosition(slot, group, index, raise);
-    return setLock(groups.id[group], index, value, raise);
+    return setLock(groupSet(groups, group), index, value, raise);
 }
 
 void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise) {
     int group, index;
     semPosition(slot, group, index, raise);
-    waitForOpen(groups.id[group], index, onSignal, raise);
+    waitForOpen(groupSet(groups, group), index, onSignal, raise);
 }
 
 int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]) {

@@ -85,14 +85,14 @@ void expectOwnErrorType() {
 }
 
 // Every call must throw Error "programming error" after writing exactly
-// "programming error\n" to stderr: the use of an object before its init.
+// expectedLog to stderr: the use of an object before its init.
 template <class Error, class Calls>
-void expectProgrammingErrors(const Calls& calls) {
+void expectProgrammingErrors(const Calls& calls, const std::string& expectedLog = "programming error\n") {
     for (size_t i = 0; i < calls.size(); ++i) {
         SCOPED_TRACE("call " + std::to_string(i));
         auto [message, log] = failureOf<Error>(calls[i]);
         EXPECT_EQ(message, "programming error");
-        EXPECT_EQ(log, "programming error\n");
+        EXPECT_EQ(log, expectedLog);
     }
 }
 

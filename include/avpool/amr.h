@@ -1,0 +1,49 @@
+// AMR pool: one per channel under key 20480 + channel, 200 slots of up to 1024
+// encoded bytes; the locks of channel c are in the set 20480 + 16c + group. The
+// library has no reader for it: consumers read the segment by this layout.
+#pragma once
+
+#include <avpool/audio.h>
+
+constexpr int AMR_BASE_KEY = 0x5000;  // 20480
+constexpr int AMR_MAX_FRAGMENT_SIZE = 1024;
+constexpr int AMR_SEGMENT_SIZE = 216816;
+
+/*
+ * Segment: AudioPoolHeader (816 bytes), then 200 slots of 1080 bytes:
+ *
+ *   0           44            48              52                           1076   1080
+ *   +-----------+-------------+---------------+----------------------------+------+
+ *   | head      | streamParam | fragmentParam | data: length bytes of 1024 | 0xCC |
+ *   +-----------+-------------+---------------+----------------------------+------+
+ */
+using AMRPoolHeader = avpool::AudioPoolHeader;
+
+struct AVPOOL_API AMRFragmentInfo {
+    avpool::AudioFragmentHead head;
+    int32_t streamParam;    // the putter's last reset
+    int32_t fragmentParam;  // given with this fragment
+    uint8_t data[AMR_MAX_FRAGMENT_SIZE];
+    uint32_t unused;  // never written
+};
+static_assert(sizeof(AMRFragmentInfo) == 1080, "AMRFragmentInfo layout");
+static_assert(offsetof(AMRFragmentInfo, head) == 0, "AMRFragmentInfo layout");
+static_assert(offsetof(AMRFragmentInfo, streamParam) == 44, "AMRFragmentInfo layout");
+static_assert(offsetof(AMRFragmentInfo, fragmentParam) == 48, "AMRFragmentInfo layout");
+static_assert(offsetof(AMRFragmentInfo, data) == 52, "AMRFragmentInfo layout");
+static_assert(offsetof(AMRFragmentInfo, unused) == 1076, "AMRFragmentInfo layout");
+static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(AMRFragmentInfo) == AMR_SEGMENT_SIZE, "AMR segment");
+
+class AVPOOL_API AMRPutterError : public avpool::PoolError {
+public:
+    using avpool::PoolError::PoolError;
+};
+
+class AVPOOL_API AMRPutter : public avpool::AudioPutter<AMRFragmentInfo> {
+public:
+    void init(int channel);
+    void reset(int format, int channels, int rate, int streamParam);
+    // Stores min(length, AMR_MAX_FRAGMENT_SIZE) bytes and fragmentParam.
+    void putFragment(void* data, int length, const timeval& timestamp, int fragmentParam);
+    void forceReleaseShm(int channel);
+};
