@@ -133,5 +133,7 @@ struct PoolKind {
 
 extern const PoolKind jpgKind;
 extern const PoolKind mp4Kind;
+extern const PoolKind lumKind;
+extern const PoolKind mdKind;
 
 }  // namespace interop
