@@ -133,6 +133,7 @@ struct PoolKind {
 
 extern const PoolKind jpgKind;
 extern const PoolKind mp4Kind;
+extern const PoolKind infosKind;
 extern const PoolKind lumKind;
 extern const PoolKind mdKind;
 
