@@ -34,7 +34,6 @@ constexpr FrameId LIVE_FRAMES = 9;     // each written once the consumer waits f
 constexpr FrameId RESIZE_AT = 10;      // reset(320, 240, 25, -1) comes before this frame
 constexpr FrameId REFUSED_AFTER = 5;   // an over-long frame is offered after this one
 constexpr int REAL_FPS = 24;           // putRealFPS after the static frames
-constexpr int WAIT_SECONDS = 30;
 
 // Segment offsets, straight from the layout tables.
 constexpr size_t SAFE_AT = 172;
@@ -116,16 +115,13 @@ void produce(const Rendezvous& meet, Checks& checks) {
     // Each live frame goes out only once the consumer is blocked on its slot, so
     // the wake-up it gets crosses from this process to the other build.
     for (FrameId id = STATIC_FRAMES + 1; id <= STATIC_FRAMES + LIVE_FRAMES; ++id) {
-        auto waiting = [&] { return lockWaiters(KEY, slotOf(id)) >= 1; };
-        eventually([&] { return waiting() || meet.peerGone(); }, WAIT_SECONDS * 1000);
-        if (!checks.expect(waiting(), str("consumer waiting on the slot of frame ", id))) return;
+        if (!awaitLockWaiter(meet, checks, KEY, slotOf(id), str("consumer waiting on the slot of frame ", id))) return;
         put(id);
     }
     checks.expect(meet.waitFor("done", WAIT_SECONDS), "consumer finished");
 
     putter.release();
-    checks.expect(shmIdOf(KEY) == -1, "segment removed by release");
-    checks.expect(semIdOf(KEY) == -1, "semaphore set removed by release");
+    expectReleased(checks, KEY);
 }
 
 // ---------------------------------------------------------------- consumer
@@ -245,7 +241,7 @@ public:
 
         checkSegment("static");
         checkAccessors();
-        checkWalk();
+        checkRingWalk(checks_, getter_, model_, SLOTS);
         checkFrames();
         checkSearches();
         checkProbeAge();
@@ -274,27 +270,7 @@ private:
         checks_.bytes("getChromQT", model_.image().data() + 96, getter_.getChromQT(), 64, 96, fieldAt);
     }
 
-    // From the newest slot once round the ring with toNext.
-    void checkWalk() {
-        int safe = -1;
-        int slot = model_.current();
-        checks_.equal("toWorking", model_.last(), getter_.toWorking(safe));
-        checks_.equal("toWorking safe time", model_.safe(slot), safe);
-        checks_.equal("getFrameID after toWorking", model_.last(), getter_.getFrameID());
-        for (int k = 1; k <= SLOTS; ++k) {
-            slot = (slot + 1) % SLOTS;
-            std::string step = str("toNext #", k);
-            checks_.equal(step, model_.inSlot(slot), getter_.toNext(safe));
-            checks_.equal(step + " safe time", model_.safe(slot), safe);
-            checks_.equal(step + " getFrameID", model_.inSlot(slot), getter_.getFrameID());
-        }
-    }
-
-    void moveTo(int slot) {
-        int safe;
-        getter_.toWorking(safe);
-        for (int s = model_.current(); s != slot; s = (s + 1) % SLOTS) getter_.toNext(safe);
-    }
+    void moveTo(int slot) { moveRingTo(getter_, model_, SLOTS, slot); }
 
     void checkFrame(const std::string& what, FrameId id) {
         const JPGFrame& f = getter_.frame;

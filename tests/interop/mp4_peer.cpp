@@ -29,7 +29,6 @@ using Id = unsigned long long;
 
 constexpr Id NOT_FOUND_ID = 4294967295ULL;
 constexpr int UNTOUCHED = -12345;
-constexpr int WAIT_SECONDS = 30;
 constexpr int REAL_FPS = 23;  // putRealFPS after the static frames
 
 // Segment offsets, straight from the layout tables.
@@ -312,10 +311,9 @@ public:
         for (int step = 0; step < LIVE_STEPS; ++step) {
             if (LIVE[step].nextGop) gop = (gop + 1) % pool_.gopCount;
             int s = model.slot(gop, LIVE[step].frame);
-            key_t key = pool_.groupKey(s / 250);
-            auto waiting = [&] { return lockWaiters(key, s % 250) >= 1; };
-            eventually([&] { return waiting() || meet.peerGone(); }, WAIT_SECONDS * 1000);
-            if (!checks_.expect(waiting(), std::string(pool_.name) + str(": consumer waiting on slot ", s))) return false;
+            if (!awaitLockWaiter(meet, checks_, pool_.groupKey(s / 250), s % 250,
+                                 std::string(pool_.name) + str(": consumer waiting on slot ", s)))
+                return false;
             put(offers[staticOffers(pool_) + step]);
         }
         return true;

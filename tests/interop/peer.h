@@ -8,6 +8,7 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <sys/types.h>
 
 namespace interop {
 
@@ -82,6 +83,44 @@ void printLayout(const char* type, size_t size, size_t align, std::initializer_l
 void putLE32(unsigned char* at, unsigned int value);
 unsigned int readLE32(const unsigned char* at);
 
+// How long either side waits for the other at any one point.
+constexpr int WAIT_SECONDS = 30;
+
+// A producer's live step: waits until the consumer is blocked on lock `index` of
+// the set under `key` (or has gone), so that the element written next wakes it
+// across the two processes. One check, named `what`.
+bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int index, const std::string& what);
+
+// After a putter's release: no segment and no semaphore set left under key.
+void expectReleased(Checks& checks, key_t key);
+
+// The reader's walk of a ring of single-slot elements (JPEG, analysis pools):
+// from the newest slot once round with toNext, every step's frame ID and safe
+// time as the model says. The model has current(), last(), safe(slot), inSlot(slot).
+template <class Getter, class Model>
+void checkRingWalk(Checks& checks, Getter& getter, const Model& model, int slots) {
+    int safe = -1;
+    int slot = model.current();
+    checks.equal("toWorking", model.last(), getter.toWorking(safe));
+    checks.equal("toWorking safe time", model.safe(slot), safe);
+    checks.equal("getFrameID after toWorking", model.last(), getter.getFrameID());
+    for (int k = 1; k <= slots; ++k) {
+        slot = (slot + 1) % slots;
+        std::string step = "toNext #" + std::to_string(k);
+        checks.equal(step, model.inSlot(slot), getter.toNext(safe));
+        checks.equal(step + " safe time", model.safe(slot), safe);
+        checks.equal(step + " getFrameID", model.inSlot(slot), getter.getFrameID());
+    }
+}
+
+// Puts the reader on `slot` by the same moves.
+template <class Getter, class Model>
+void moveRingTo(Getter& getter, const Model& model, int slots, int slot) {
+    int safe;
+    getter.toWorking(safe);
+    for (int s = model.current(); s != slot; s = (s + 1) % slots) getter.toNext(safe);
+}
+
 // One pool kind's section of the peer. produce and consume may throw: the
 // dispatcher counts the exception as a failed check, then marks "done" for a
 // consumer however it ended and "abort" for a producer that failed.
@@ -94,5 +133,8 @@ struct PoolKind {
 
 extern const PoolKind jpgKind;
 extern const PoolKind mp4Kind;
+extern const PoolKind infosKind;
+extern const PoolKind lumKind;
+extern const PoolKind mdKind;
 
 }  // namespace interop

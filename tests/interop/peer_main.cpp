@@ -22,7 +22,8 @@
 
 namespace {
 
-const interop::PoolKind* const kinds[] = {&interop::jpgKind, &interop::mp4Kind};
+const interop::PoolKind* const kinds[] = {&interop::jpgKind, &interop::mp4Kind, &interop::infosKind,
+                                           &interop::lumKind, &interop::mdKind};
 
 int usage() {
     fprintf(stderr,

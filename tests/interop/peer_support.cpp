@@ -96,6 +96,17 @@ void printLayout(const char* type, size_t size, size_t align, std::initializer_l
     printf("\n");
 }
 
+bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int index, const std::string& what) {
+    auto waiting = [&] { return avpool::test::lockWaiters(key, index) >= 1; };
+    avpool::test::eventually([&] { return waiting() || meet.peerGone(); }, WAIT_SECONDS * 1000);
+    return checks.expect(waiting(), what);
+}
+
+void expectReleased(Checks& checks, key_t key) {
+    checks.expect(avpool::test::shmIdOf(key) == -1, "segment removed by release");
+    checks.expect(avpool::test::semIdOf(key) == -1, "semaphore set removed by release");
+}
+
 void putLE32(unsigned char* at, unsigned int value) {
     for (int i = 0; i < 4; ++i) at[i] = static_cast<unsigned char>(value >> (8 * i));
 }
