@@ -82,7 +82,7 @@ protected:
     }
 
     // The encoder's view of the segment, for writes the put operations do not
-    // make; its base follows from GetSDPHeader's documented offset.
+    // make: profile 0's block lies 1176 bytes after the segment's start.
     unsigned char* encoderBase() { return encoder.GetSDPHeader(0) - infos_layout::profile(0, infos_layout::SDP_BLOCK); }
     void writeWord(size_t offset, int32_t value) { memcpy(encoderBase() + offset, &value, sizeof value); }
     // Every 32-bit word of the segment set to its own byte offset, then the
