@@ -23,6 +23,12 @@ void expectTakeRefused(InfosGetter& getter, int weight, const std::string& text)
     EXPECT_EQ(area(), bytes);
 }
 
+// A client's getter attached and holding a slat, expected to get that index.
+void attachHolding(InfosGetter& client, const char* name, int weight, bool autoReturn, int expectedSlat) {
+    client.init(1168);
+    EXPECT_EQ(client.takeConn(name, "client", 1, weight, autoReturn), expectedSlat);
+}
+
 }  // namespace
 
 TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatWithWeightAndTypeCrossedIntoPlace) {
@@ -89,8 +95,7 @@ TEST_F(InfosArea, failedAllocationMakesTheGetterForgetTheSlatItHeld) {
     start(2);
     {
         InfosGetter forgetful;
-        forgetful.init(KEY);
-        EXPECT_EQ(forgetful.takeConn("kept", "auto", 1, 0, true), 0);
+        attachHolding(forgetful, "kept", 0, true, 0);
         server.init(KEY);
         EXPECT_EQ(server.takeConn("other", "", 1, 0, false), 1);
         expectTakeRefused(forgetful, 0, "slat alloc fail.");
@@ -101,9 +106,8 @@ TEST_F(InfosArea, failedAllocationMakesTheGetterForgetTheSlatItHeld) {
     // "no more slat." leaves the getter's slat as it was: destruction returns it.
     {
         InfosGetter holder;
-        holder.init(KEY);
         server.retConn(1);
-        EXPECT_EQ(holder.takeConn("one", "", 1, 2, true), 1);
+        attachHolding(holder, "one", 2, true, 1);
         expectTakeRefused(holder, 1, "no more slat.");
     }
     EXPECT_TRUE(slatFree(1));
@@ -168,8 +172,7 @@ TEST_F(InfosArea, releaseReturnsTheSlatOfAnAutoReturnTakeAndDestructionAfterward
     other.init(KEY);
     {
         InfosGetter client;
-        client.init(KEY);
-        EXPECT_EQ(client.takeConn("auto", "return", 1, 4, true), 0);
+        attachHolding(client, "auto", 4, true, 0);
         client.release(0);
         EXPECT_TRUE(slatFree(0));
         EXPECT_EQ(raw(TOTAL), 0);
@@ -185,8 +188,7 @@ TEST_F(InfosArea, destructionReturnsTheSlatOfAnAutoReturnTake) {
     start();
     {
         InfosGetter client;
-        client.init(KEY);
-        EXPECT_EQ(client.takeConn("auto", "return", 1, 4, true), 0);
+        attachHolding(client, "auto", 4, true, 0);
         EXPECT_EQ(raw(TOTAL), 4);
     }
     EXPECT_TRUE(slatFree(0));
@@ -197,8 +199,7 @@ TEST_F(InfosArea, destructionReturnsTheSlatOfAnAutoReturnTake) {
 TEST_F(InfosArea, releaseWithAutoReturnReturnsTheSlatItIsGiven) {
     startServing();
     InfosGetter client;
-    client.init(KEY);
-    EXPECT_EQ(client.takeConn("own", "", 1, 1, true), 0);
+    attachHolding(client, "own", 1, true, 0);
     EXPECT_EQ(server.takeConn("someone", "else", 1, 3, false), 1);
     client.release(1);
     EXPECT_TRUE(slatFree(1));
@@ -210,8 +211,7 @@ TEST_F(InfosArea, slatTakenWithoutAutoReturnOutlivesItsGetterUntilAnyoneReturnsI
     start();
     {
         InfosGetter client;
-        client.init(KEY);
-        EXPECT_EQ(client.takeConn("stays", "", 1, 3, false), 0);
+        attachHolding(client, "stays", 3, false, 0);
         client.release(0);
     }
     EXPECT_EQ(userName(0), "stays");
