@@ -10,6 +10,7 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -285,6 +286,39 @@ std::vector<int> lockValues(key_t key, int count) {
 
 int plantSemSet(key_t key, int count) {
     return semget(key, count, IPC_CREAT | IPC_EXCL | 0600);
+}
+
+int plantSegment(key_t key, size_t size, unsigned char fill) {
+    int id = shmget(key, size, IPC_CREAT | IPC_EXCL | 0600);
+    if (id == -1) return -1;
+    void* address = shmat(id, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) return -1;
+    memset(address, fill, size);
+    shmdt(address);
+    return id;
+}
+
+bool adjustWithUndo(key_t key, int index, short delta) {
+    int id = semIdOf(key);
+    if (id == -1) return false;
+    sembuf op{};
+    op.sem_num = static_cast<unsigned short>(index);
+    op.sem_op = delta;
+    op.sem_flg = SEM_UNDO;
+    for (;;) {
+        if (semop(id, &op, 1) == 0) return true;
+        if (errno != EINTR) return false;
+    }
+}
+
+void* mapShared(size_t size) {
+    void* address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (address == MAP_FAILED) throw std::runtime_error("mmap failed");
+    return address;
+}
+
+void unmapShared(void* address, size_t size) {
+    munmap(address, size);
 }
 
 IpcKeys::IpcKeys(std::initializer_list<key_t> keys) : keys_(keys) {

@@ -128,6 +128,36 @@ std::vector<int> lockValues(key_t key, int count);
 
 // Creates a set of count semaphores under key, for tests that plant leftovers.
 int plantSemSet(key_t key, int count);
+// Likewise a segment of size bytes, every byte set to fill; its id, or -1.
+int plantSegment(key_t key, size_t size, unsigned char fill);
+
+// One semop of delta on semaphore index of the set under key, with SEM_UNDO (the
+// kernel takes it back when the process dies), retried on EINTR. False when
+// there is no set under key or the operation failed.
+bool adjustWithUndo(key_t key, int index, short delta);
+
+// ------------------------------------------------------ memory across fork
+
+// A zero-filled T in an anonymous shared mapping: a forked child and its parent
+// see the same object, and no IPC key is used. T must be trivially copyable;
+// it is neither constructed nor destroyed.
+void* mapShared(size_t size);
+void unmapShared(void* address, size_t size);
+
+template <class T>
+class SharedMemory {
+public:
+    SharedMemory() : value_(static_cast<T*>(mapShared(sizeof(T)))) {}
+    ~SharedMemory() { unmapShared(value_, sizeof(T)); }
+    SharedMemory(const SharedMemory&) = delete;
+    SharedMemory& operator=(const SharedMemory&) = delete;
+
+    T* operator->() const { return value_; }
+    T& operator*() const { return *value_; }
+
+private:
+    T* value_;
+};
 
 // Removes every segment and semaphore set under the given keys, at construction
 // (leftovers of an earlier run in a shared namespace) and at destruction.
