@@ -82,7 +82,8 @@ InfosGetter::~InfosGetter() {
 }
 
 void InfosGetter::init(int key) {
-    if (attached()) release(-1);
+    // Attaching again first gives back what this object holds, like release.
+    if (attached()) release(slatID_);
     shmAddr_ = static_cast<InfoArea*>(openPoolSegment(shmid_, key, INFOS_AREA_SIZE, AttachFailure::MinusOne, raise));
     // An area made by an encoder that creates no lock is used unlocked.
     lockId_ = findProcessLock(key);
