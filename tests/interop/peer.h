@@ -91,8 +91,12 @@ constexpr int WAIT_SECONDS = 30;
 // across the two processes. One check, named `what`.
 bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int index, const std::string& what);
 
-// After a putter's release: no segment and no semaphore set left under key.
-void expectReleased(Checks& checks, key_t key);
+// After a putter's release: no segment left under segmentKey and no semaphore
+// set under setKey (the same key for most kinds).
+void expectReleased(Checks& checks, key_t segmentKey, key_t setKey);
+inline void expectReleased(Checks& checks, key_t key) {
+    expectReleased(checks, key, key);
+}
 
 // The reader's walk of a ring of single-slot elements (JPEG, analysis pools):
 // from the newest slot once round with toNext, every step's frame ID and safe

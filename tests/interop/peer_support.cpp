@@ -102,9 +102,9 @@ bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int inde
     return checks.expect(waiting(), what);
 }
 
-void expectReleased(Checks& checks, key_t key) {
-    checks.expect(avpool::test::shmIdOf(key) == -1, "segment removed by release");
-    checks.expect(avpool::test::semIdOf(key) == -1, "semaphore set removed by release");
+void expectReleased(Checks& checks, key_t segmentKey, key_t setKey) {
+    checks.expect(avpool::test::shmIdOf(segmentKey) == -1, "segment removed by release");
+    checks.expect(avpool::test::semIdOf(setKey) == -1, "semaphore set removed by release");
 }
 
 void putLE32(unsigned char* at, unsigned int value) {
