@@ -140,5 +140,9 @@ extern const PoolKind mp4Kind;
 extern const PoolKind infosKind;
 extern const PoolKind lumKind;
 extern const PoolKind mdKind;
+extern const PoolKind pcmKind;
+extern const PoolKind aacKind;
+extern const PoolKind amrKind;
+extern const PoolKind opusKind;
 
 }  // namespace interop
