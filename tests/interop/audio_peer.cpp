@@ -91,23 +91,18 @@ int audioSampleNumber(const AudioGeometry& g, const AudioFormat& f) {
 // After init (fill, zeroed working fields of every slot, current 0) and the
 // producer's first reset.
 AudioModel::AudioModel(const AudioGeometry& g)
-    : g_(g), image_(g.segmentSize(), 0xCC), locks_(AudioGeometry::SLOTS, 1) {
+    : SegmentImage(g.segmentSize(), 0xCC), g_(g), locks_(AudioGeometry::SLOTS, 1) {
     for (int s = 0; s < SLOTS; ++s) {
         setWord(AudioGeometry::SAFE_AT + 4 * s, 0);
         size_t record = g_.record(s);
         setWord(record + LOCK_INDEX_AT, s);
-        setWord(record + ID_AT, 0);
-        setWord(record + ID_AT + 4, 0);
+        setU64(record + ID_AT, 0);
         setWord(record + LENGTH_AT, 0);
         setWord(record + SEC_AT, 0);
         setWord(record + USEC_AT, 0);
     }
     setWord(0, 0);
     reset(g_.first);
-}
-
-void AudioModel::setWord(size_t offset, int value) {
-    putLE32(&image_[offset], static_cast<unsigned int>(value));
 }
 
 void AudioModel::reset(const AudioFormat& f) {
@@ -123,12 +118,10 @@ void AudioModel::write(FragmentId id) {
     if (id == g_.resetAt) reset(g_.second);
     int c = audioSlotOf(id);
     locks_[(c + 1) % SLOTS] = 1;
-    for (int k = 0; k < SLOTS; ++k) setWord(AudioGeometry::SAFE_AT + 4 * ((c + k) % SLOTS), fragmentTime_ * k);
-    setWord(AudioGeometry::SAFE_AT + 4 * c, 0);
+    setSafeTimes(AudioGeometry::SAFE_AT, SLOTS, c, fragmentTime_, true);
 
     size_t record = g_.record(c);
-    setWord(record + ID_AT, static_cast<int>(id));
-    setWord(record + ID_AT + 4, static_cast<int>(id >> 32));
+    setU64(record + ID_AT, id);
     setWord(0, c);
     setWord(record + SEC_AT, audioSec(id));
     setWord(record + USEC_AT, audioUsec(id));
@@ -155,8 +148,7 @@ void AudioModel::write(FragmentId id) {
 }
 
 FragmentId AudioModel::inSlot(int slot) const {
-    size_t record = g_.record(slot);
-    return readLE32(&image_[record + ID_AT]) | static_cast<FragmentId>(readLE32(&image_[record + ID_AT + 4])) << 32;
+    return u64(g_.record(slot) + ID_AT);
 }
 
 std::string AudioModel::fieldAt(size_t offset) const {

@@ -104,14 +104,12 @@ int audioSampleNumber(const AudioGeometry& g, const AudioFormat& f);
 
 // The segment and its locks as the fragments so far must have left them,
 // following the documented write steps without the library's structs.
-class AudioModel {
+class AudioModel : public SegmentImage {
 public:
     explicit AudioModel(const AudioGeometry& g);
 
     void write(FragmentId id);
 
-    const std::vector<unsigned char>& image() const { return image_; }
-    int i32(size_t offset) const { return static_cast<int>(readLE32(&image_[offset])); }
     FragmentId last() const { return last_; }
     int current() const { return i32(0); }
     int safe(int slot) const { return i32(AudioGeometry::SAFE_AT + 4 * slot); }
@@ -120,11 +118,9 @@ public:
     std::string fieldAt(size_t offset) const;
 
 private:
-    void setWord(size_t offset, int value);
     void reset(const AudioFormat& f);
 
     const AudioGeometry& g_;
-    std::vector<unsigned char> image_;
     std::vector<int> locks_;
     int fragmentTime_ = 0;
     int sampleNumber_ = 0;
