@@ -12,7 +12,7 @@
 // follows the writer live: blocked on the slot after the newest until the
 // producer's next fragment releases it.
 //
-// A kind supplies (see pcm_peer.cpp, aac_peer.cpp, amr_peer.cpp, opus_peer.cpp):
+// A kind supplies (see audio_kinds_peer.cpp):
 //   Putter, Getter (void: no getter; the consumer reads by the layout only)
 //   static constexpr AudioGeometry geometry
 //   init(Putter&, int channel), reset(Putter&, const AudioFormat&)
