@@ -49,7 +49,8 @@ void analysisFill(const AnalysisGeometry& g, FrameId id, std::vector<unsigned ch
     }
 }
 
-AnalysisModel::AnalysisModel(const AnalysisGeometry& g) : g_(g), image_(g.segmentSize(), 0xCC), locks_(g.slots, 1) {
+AnalysisModel::AnalysisModel(const AnalysisGeometry& g)
+    : SegmentImage(g.segmentSize(), 0xCC), g_(g), locks_(g.slots, 1) {
     for (int s = 0; s < g_.slots; ++s) {
         setWord(g_.safeAt() + 4 * s, 0);
         size_t record = g_.record(s);
@@ -58,10 +59,6 @@ AnalysisModel::AnalysisModel(const AnalysisGeometry& g) : g_(g), image_(g.segmen
     }
     setWord(0, 0);
     reset(g_.first);
-}
-
-void AnalysisModel::setWord(size_t offset, int value) {
-    putLE32(&image_[offset], static_cast<unsigned int>(value));
 }
 
 void AnalysisModel::reset(const AnalysisFormat& f) {
@@ -76,16 +73,9 @@ void AnalysisModel::write(FrameId id) {
     int n = g_.slots;
     int c = analysisSlotOf(g_, id);
     locks_[(c + 1) % n] = 1;
-    if (g_.fragmentSafeTimes) {
-        for (int k = 0; k < n; ++k) setWord(g_.safeAt() + 4 * ((c + k) % n), interval_ * k);
-        setWord(g_.safeAt() + 4 * c, 0);
-    } else {
-        for (int k = 0; k <= n - 2; ++k) setWord(g_.safeAt() + 4 * ((c + k) % n), interval_ * k);
-        setWord(g_.safeAt() + 4 * ((c + n - 1) % n), 0);
-    }
+    setSafeTimes(g_.safeAt(), n, c, interval_, g_.fragmentSafeTimes);
     size_t record = g_.record(c);
-    setWord(record, static_cast<int>(id));
-    setWord(record + 4, static_cast<int>(id >> 32));
+    setU64(record, id);
     setWord(0, c);
     setWord(record + 16, analysisSec(id));
     setWord(record + 20, analysisUsec(id));
@@ -100,11 +90,6 @@ void AnalysisModel::write(FrameId id) {
     setWord(record + 12, length);
     locks_[c] = 0;
     last_ = id;
-}
-
-FrameId AnalysisModel::inSlot(int slot) const {
-    size_t record = g_.record(slot);
-    return readLE32(&image_[record]) | static_cast<FrameId>(readLE32(&image_[record + 4])) << 32;
 }
 
 std::string AnalysisModel::fieldAt(size_t offset) const {

@@ -81,19 +81,15 @@ inline int analysisSlotOf(const AnalysisGeometry& g, FrameId id) {
 
 // The segment and its locks as the frames so far must have left them, following
 // the documented write steps without the library's structs.
-class AnalysisModel {
+class AnalysisModel : public SegmentImage {
 public:
     explicit AnalysisModel(const AnalysisGeometry& g);
 
     void write(FrameId id);
-    void setWord(size_t offset, int value);
-
-    const std::vector<unsigned char>& image() const { return image_; }
-    int i32(size_t offset) const { return static_cast<int>(readLE32(&image_[offset])); }
     FrameId last() const { return last_; }
     int current() const { return i32(0); }
     int safe(int slot) const { return i32(g_.safeAt() + 4 * slot); }
-    FrameId inSlot(int slot) const;
+    FrameId inSlot(int slot) const { return u64(g_.record(slot)); }
     int lock(int slot) const { return locks_[slot]; }
     size_t payloadAt(int slot, int array) const {
         return g_.record(slot) + AnalysisGeometry::PAYLOAD_AT + g_.arrayBytes * array;
@@ -104,7 +100,6 @@ private:
     void reset(const AnalysisFormat& f);
 
     const AnalysisGeometry& g_;
-    std::vector<unsigned char> image_;
     std::vector<int> locks_;
     int interval_ = 0;
     FrameId last_ = 0;

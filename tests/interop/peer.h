@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace interop {
 
@@ -83,6 +84,28 @@ void printLayout(const char* type, size_t size, size_t align, std::initializer_l
 void putLE32(unsigned char* at, unsigned int value);
 unsigned int readLE32(const unsigned char* at);
 
+// A segment as its layout says it must be, built by a consumer without the
+// library's record types: the fill byte, then little-endian words at explicit
+// offsets. Models of the pools derive from it.
+class SegmentImage {
+public:
+    SegmentImage(size_t size, unsigned char fill) : image_(size, fill) {}
+
+    const std::vector<unsigned char>& image() const { return image_; }
+    void setWord(size_t offset, int value) { putLE32(&image_[offset], static_cast<unsigned int>(value)); }
+    int i32(size_t offset) const { return static_cast<int>(readLE32(&image_[offset])); }
+    // A running number: two words, low word first.
+    void setU64(size_t offset, unsigned long long value);
+    unsigned long long u64(size_t offset) const;
+    // The table of `slots` safe times at `at` once the writer has entered slot c:
+    // the slot k ahead holds k intervals, c itself 0, and the slot just behind
+    // the writer 0 (frame form) or slots - 1 intervals (fragment form).
+    void setSafeTimes(size_t at, int slots, int c, int interval, bool fragmentForm);
+
+protected:
+    std::vector<unsigned char> image_;
+};
+
 // How long either side waits for the other at any one point.
 constexpr int WAIT_SECONDS = 30;
 
@@ -91,8 +114,12 @@ constexpr int WAIT_SECONDS = 30;
 // across the two processes. One check, named `what`.
 bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int index, const std::string& what);
 
-// After a putter's release: no segment and no semaphore set left under key.
-void expectReleased(Checks& checks, key_t key);
+// After a putter's release: no segment left under segmentKey and no semaphore
+// set under setKey (the same key for most kinds).
+void expectReleased(Checks& checks, key_t segmentKey, key_t setKey);
+inline void expectReleased(Checks& checks, key_t key) {
+    expectReleased(checks, key, key);
+}
 
 // The reader's walk of a ring of single-slot elements (JPEG, analysis pools):
 // from the newest slot once round with toNext, every step's frame ID and safe
@@ -136,5 +163,9 @@ extern const PoolKind mp4Kind;
 extern const PoolKind infosKind;
 extern const PoolKind lumKind;
 extern const PoolKind mdKind;
+extern const PoolKind pcmKind;
+extern const PoolKind aacKind;
+extern const PoolKind amrKind;
+extern const PoolKind opusKind;
 
 }  // namespace interop

@@ -23,7 +23,8 @@
 namespace {
 
 const interop::PoolKind* const kinds[] = {&interop::jpgKind, &interop::mp4Kind, &interop::infosKind,
-                                           &interop::lumKind, &interop::mdKind};
+                                           &interop::lumKind, &interop::mdKind,  &interop::pcmKind,
+                                           &interop::aacKind, &interop::amrKind, &interop::opusKind};
 
 int usage() {
     fprintf(stderr,

@@ -102,9 +102,24 @@ bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int inde
     return checks.expect(waiting(), what);
 }
 
-void expectReleased(Checks& checks, key_t key) {
-    checks.expect(avpool::test::shmIdOf(key) == -1, "segment removed by release");
-    checks.expect(avpool::test::semIdOf(key) == -1, "semaphore set removed by release");
+void expectReleased(Checks& checks, key_t segmentKey, key_t setKey) {
+    checks.expect(avpool::test::shmIdOf(segmentKey) == -1, "segment removed by release");
+    checks.expect(avpool::test::semIdOf(setKey) == -1, "semaphore set removed by release");
+}
+
+void SegmentImage::setU64(size_t offset, unsigned long long value) {
+    setWord(offset, static_cast<int>(value));
+    setWord(offset + 4, static_cast<int>(value >> 32));
+}
+
+unsigned long long SegmentImage::u64(size_t offset) const {
+    return readLE32(&image_[offset]) | static_cast<unsigned long long>(readLE32(&image_[offset + 4])) << 32;
+}
+
+void SegmentImage::setSafeTimes(size_t at, int slots, int c, int interval, bool fragmentForm) {
+    int ahead = fragmentForm ? slots : slots - 1;
+    for (int k = 0; k < ahead; ++k) setWord(at + 4 * ((c + k) % slots), interval * k);
+    setWord(at + 4 * (fragmentForm ? c : (c + slots - 1) % slots), 0);
 }
 
 void putLE32(unsigned char* at, unsigned int value) {
