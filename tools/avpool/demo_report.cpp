@@ -75,7 +75,7 @@ void printPoolRow(const PoolPlan& pool, unsigned long long put) {
     case PoolKind::Pcm:
     case PoolKind::Aac:
         snprintf(rate, sizeof rate, "-");
-        snprintf(picture, sizeof picture, "%d Hz", pool.rate);
+        snprintf(picture, sizeof picture, "%dHz", pool.rate);
         snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", %d samples in %d ms", pool.samples,
                  pool.fragmentMs);
         if (pool.kind == PoolKind::Aac)
