@@ -34,9 +34,23 @@ int streamParamOf(const avpool::AudioFragment&) {
     return 0;  // PCM carries none
 }
 
+// The cursor moves every getter of a ring has.
+template <class Getter>
+class RingCursor {
+public:
+    unsigned long long toWorking(int& safeTime) { return getter_.toWorking(safeTime); }
+    unsigned long long toNext(int& safeTime) { return getter_.toNext(safeTime); }
+    void waitReady() { getter_.waitReady(); }
+
+protected:
+    Getter getter_;
+};
+
 // PCMGetter or AACGetter: PCM has one pool and no channel.
 template <class Getter>
-class AudioRing {
+class AudioRing : public RingCursor<Getter> {
+    using RingCursor<Getter>::getter_;
+
 public:
     void init(const PoolPlan& plan) {
         if constexpr (std::is_same_v<Getter, PCMGetter>)
@@ -44,9 +58,6 @@ public:
         else
             getter_.init(plan.channel);
     }
-    unsigned long long toWorking(int& safeTime) { return getter_.toWorking(safeTime); }
-    unsigned long long toNext(int& safeTime) { return getter_.toNext(safeTime); }
-    void waitReady() { getter_.waitReady(); }
     unsigned long long id() { return getter_.getFragmentID(); }
 
     bool describedAs(const PoolPlan& plan, char* why, size_t whySize) {
@@ -70,9 +81,6 @@ public:
                  fragment.format, fragment.channels, fragment.rate, fragment.sampleNumber, streamParamOf(fragment));
         return false;
     }
-
-private:
-    Getter getter_;
 };
 
 // What a record's arrays must hold: two bytes a luminance sample, two arrays
@@ -99,12 +107,11 @@ int vibrationOf(MDGetter& getter) {
 
 // LUMGetter or MDGetter.
 template <class Getter>
-class AnalysisRing {
+class AnalysisRing : public RingCursor<Getter> {
+    using RingCursor<Getter>::getter_;
+
 public:
     void init(const PoolPlan& plan) { getter_.init(plan.channel); }
-    unsigned long long toWorking(int& safeTime) { return getter_.toWorking(safeTime); }
-    unsigned long long toNext(int& safeTime) { return getter_.toNext(safeTime); }
-    void waitReady() { getter_.waitReady(); }
     unsigned long long id() { return getter_.getFrameID(); }
 
     bool describedAs(const PoolPlan& plan, char* why, size_t whySize) {
@@ -126,9 +133,6 @@ public:
         }
         return payloadWhole(getter_, id, why, whySize);
     }
-
-private:
-    Getter getter_;
 };
 
 template <class Ring>

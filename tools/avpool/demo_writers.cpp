@@ -84,39 +84,32 @@ private:
     Putter putter_;
 };
 
-// Two bytes a sample.
-class LumWriter : public PoolWriter {
+// A luminance record is one array of two bytes a sample; a motion record two
+// arrays of four bytes an element, one after the other in data.
+void putRecord(LUMPutter& putter, unsigned char* data, int length, const timeval& captured) {
+    putter.putFrame(data, length / 2, captured);
+}
+
+void putRecord(MDPutter& putter, unsigned char* data, int length, const timeval& captured) {
+    putter.putFrame(data, data + length, length / 4, captured);
+}
+
+template <class Putter>
+class AnalysisWriter : public PoolWriter {
 public:
-    explicit LumWriter(const PoolPlan& plan) {
+    explicit AnalysisWriter(const PoolPlan& plan) {
         putter_.init(plan.channel);
         putter_.reset(plan.width, plan.height, plan.fps);
+        if constexpr (std::is_same_v<Putter, MDPutter>) putter_.putVibration(0, plan.vibration);
     }
     bool put(unsigned char* data, int length, bool, const timeval& captured) override {
-        putter_.putFrame(data, length / 2, captured);
+        putRecord(putter_, data, length, captured);
         return true;
     }
     void release() override { putter_.release(); }
 
 private:
-    LUMPutter putter_;
-};
-
-// Two arrays of four bytes an element, one after the other in data.
-class MdWriter : public PoolWriter {
-public:
-    explicit MdWriter(const PoolPlan& plan) {
-        putter_.init(plan.channel);
-        putter_.reset(plan.width, plan.height, plan.fps);
-        putter_.putVibration(0, plan.vibration);
-    }
-    bool put(unsigned char* data, int length, bool, const timeval& captured) override {
-        putter_.putFrame(data, data + length, length / 4, captured);
-        return true;
-    }
-    void release() override { putter_.release(); }
-
-private:
-    MDPutter putter_;
+    Putter putter_;
 };
 
 }  // namespace
@@ -132,11 +125,11 @@ std::unique_ptr<PoolWriter> makeWriter(const PoolPlan& plan) {
     case PoolKind::Aac:
         return std::unique_ptr<PoolWriter>(new AudioWriter<AACPutter>(plan));
     case PoolKind::Lum:
-        return std::unique_ptr<PoolWriter>(new LumWriter(plan));
+        return std::unique_ptr<PoolWriter>(new AnalysisWriter<LUMPutter>(plan));
     case PoolKind::Md:
         break;
     }
-    return std::unique_ptr<PoolWriter>(new MdWriter(plan));
+    return std::unique_ptr<PoolWriter>(new AnalysisWriter<MDPutter>(plan));
 }
 
 }  // namespace avpool::demo
