@@ -1,18 +1,24 @@
-// avpool demo: a producer and several consumer processes on two JPEG pools and
-// a video pool, every frame checked, with a live summary. The producer (this
-// process) creates the pools and writes frames at their rates; the consumers
-// are forked children that publish their counters on a board in shared
-// anonymous memory.
+// avpool demo: a producer and several consumer processes on two JPEG pools, a
+// video pool, a PCM and an AAC pool and the two analysis pools, every element
+// checked, with a live summary. The producer (this process) creates the pools
+// and writes into them at their rates; the consumers are forked children that
+// publish their counters on a board in shared anonymous memory.
 
 #include "clock.h"
 #include "demo.h"
+#include "demo_writers.h"
 #include "frame_stamp.h"
 #include "interrupt.h"
+#include "pool_kinds.h"
 #include "shm_view.h"
 #include "verbs.h"
 
+#include <avpool/aac.h>
 #include <avpool/jpg.h>
+#include <avpool/lum.h>
+#include <avpool/md.h>
 #include <avpool/mp4.h>
+#include <avpool/pcm.h>
 
 #include <cerrno>
 #include <csignal>
@@ -29,11 +35,61 @@
 namespace avpool::demo {
 
 const char* kindName(PoolKind kind) {
-    return kind == PoolKind::Mp4 ? "mp4" : "jpg";
+    switch (kind) {
+    case PoolKind::Jpg:
+        return "jpg";
+    case PoolKind::Mp4:
+        return "mp4";
+    case PoolKind::Pcm:
+        return "pcm";
+    case PoolKind::Aac:
+        return "aac";
+    case PoolKind::Lum:
+        return "lum";
+    case PoolKind::Md:
+        break;
+    }
+    return "md";
+}
+
+// The keys come from the tool's table of pool kinds.
+static const avpool::cli::PoolKindInfo& poolKind(PoolKind kind) {
+    const avpool::cli::PoolKindInfo* info = avpool::cli::findPoolKind(kindName(kind));
+    if (info == nullptr) throw avpool::cli::CliError(std::string("demo: no keys known for ") + kindName(kind));
+    return *info;
 }
 
 int baseKey(PoolKind kind) {
-    return kind == PoolKind::Mp4 ? MP4_BASE_KEY : JPG_BASE_KEY;
+    return poolKind(kind).baseKey;
+}
+
+bool fixedKey(PoolKind kind) {
+    return !poolKind(kind).perChannel;
+}
+
+bool hasProfile(PoolKind kind) {
+    return kind == PoolKind::Jpg || kind == PoolKind::Mp4;
+}
+
+bool isAudio(PoolKind kind) {
+    return kind == PoolKind::Pcm || kind == PoolKind::Aac;
+}
+
+int segmentKey(const PoolPlan& plan) {
+    return avpool::cli::segmentKey(poolKind(plan.kind), plan.channel);
+}
+
+const char* poolLabel(const PoolPlan& plan, char* text, int size) {
+    if (fixedKey(plan.kind))
+        snprintf(text, size, "%s -", kindName(plan.kind));
+    else
+        snprintf(text, size, "%s %d", kindName(plan.kind), plan.channel);
+    return text;
+}
+
+long long periodNs(const PoolPlan& plan) {
+    if (isAudio(plan.kind)) return plan.fragmentMs * avpool::cli::NS_PER_S / 1000;
+    return avpool::cli::NS_PER_S / plan.fps;
 }
 
 int maxFrameSize(const PoolPlan& plan) {
@@ -71,15 +127,37 @@ using avpool::cli::NS_PER_S;
 // at a scene cut. Its ring holds about two and a half average GOPs, so a reader
 // more than about two seconds behind finds frame bytes reused long before the
 // writer comes round to its GOP's slots.
+//
+// A PCM pool (its one fixed key) of 16-bit mono at 8 kHz: 2048-byte fragments
+// of 1024 samples every 128 ms; an AAC pool of encoded fragments of 64 to 512
+// bytes, counted by the pool as 2048 samples and 256 ms each, with the stream's
+// AudioSpecificConfig (AAC LC, 8 kHz, mono) as streamParam. Both rings hold
+// 200 fragments, far more than a live reader ever lags.
+//
+// The analysis pools at the video rate: luminance pictures of 80 x 64 16-bit
+// samples in a ring of 6, and motion maps of two 64 x 48 arrays in a ring of 5
+// with a vibration level in the header.
 const PoolPlan poolPlans[] = {
     // kind, channel, slots, frames per GOP, fps, width, height, quality, frame
-    // sizes, I frame sizes, short GOPs, ring bytes
-    {PoolKind::Jpg, 0, 12, 1, 25, 640, 480, 80, 2048, 65536, 0, 0, 0, 0, 256 * 1024},
-    {PoolKind::Jpg, 1, 8, 1, 10, 320, 240, 60, 512, 16384, 0, 0, 0, 0, 96 * 1024},
-    {PoolKind::Mp4, 0, 8, 30, 30, 1280, 720, 0, 2048, 12288, 30720, 61440, 5, 18, 640 * 1024},
+    // sizes, I frame sizes, short GOPs, ring bytes; audio format, channels,
+    // rate, streamParam, fragment ms, samples; vibration, stamped parts
+    {PoolKind::Jpg, 0, 12, 1, 25, 640, 480, 80, 2048, 65536, 0, 0, 0, 0, 256 * 1024, 0, 0, 0, 0, 0, 0, 0, 1},
+    {PoolKind::Jpg, 1, 8, 1, 10, 320, 240, 60, 512, 16384, 0, 0, 0, 0, 96 * 1024, 0, 0, 0, 0, 0, 0, 0, 1},
+    {PoolKind::Mp4, 0, 8, 30, 30, 1280, 720, 0, 2048, 12288, 30720, 61440, 5, 18, 640 * 1024, 0, 0, 0, 0, 0, 0, 0,
+     1},
+    {PoolKind::Pcm, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, PCM_FRAGMENT_SIZE, PCM_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1,
+     8000, 0, 128, 1024, 0, 1},
+    {PoolKind::Aac, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 64, AAC_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0x1588,
+     256, 2048, 0, 1},
+    {PoolKind::Lum, 0, LUM_FRAME_COUNT, 1, 30, 80, 64, 0, 80 * 64 * 2, 80 * 64 * 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+     0, 1},
+    {PoolKind::Md, 0, MD_FRAME_COUNT, 1, 30, 64, 48, 0, 64 * 48 * 4, 64 * 48 * 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 42,
+     2},
 };
 constexpr int POOL_COUNT = sizeof poolPlans / sizeof poolPlans[0];
 constexpr int MAX_CHANNEL_OFFSET = 1;  // the plans' largest channel
+
+static_assert(80 * 64 <= LUM_MAX_SAMPLES && 64 * 48 <= MD_MAX_ELEMENTS, "analysis plans exceed their slots");
 
 // Readers at different paces: the live ones follow the newest frame, the slow
 // ones spend more time on a frame than the producer gives them and get
@@ -91,6 +169,10 @@ const ConsumerPlan consumerPlans[] = {
     {"slow-1", 1, 250, Catchup::Oldest},
     {"live-mp4", 2, 0, Catchup::Newest},
     {"slow-mp4", 2, 100, Catchup::Newest},
+    {"live-pcm", 3, 0, Catchup::Newest},
+    {"live-aac", 4, 0, Catchup::Newest},
+    {"live-lum", 5, 0, Catchup::Newest},
+    {"live-md", 6, 0, Catchup::Newest},
 };
 constexpr int CONSUMER_COUNT = sizeof consumerPlans / sizeof consumerPlans[0];
 
@@ -123,59 +205,50 @@ private:
     Board* board_;
 };
 
+// The pools of one run and the consumers that follow them, indexed alike on
+// the board.
+struct Cast {
+    PoolPlan pools[MAX_POOLS];
+    int poolCount = 0;
+    ConsumerPlan consumers[MAX_CONSUMERS];
+    int consumerCount = 0;
+    // Fixed-key pools of another running process, not run.
+    PoolPlan leftAlone[MAX_POOLS];
+    pid_t owners[MAX_POOLS];
+    int leftAloneCount = 0;
+};
+
 // Refuses channels whose pool belongs to a running process: creating a pool
 // removes whatever is under its key, and that may be a device's live stream.
-void refuseLivePools(const PoolPlan* plans) {
+// A pool under a fixed key cannot move to other channels: one of another
+// running process (a second demo beside the first) is left to it, and so are
+// its consumers.
+void castPools(int firstChannel, Cast& cast) {
+    int index[POOL_COUNT];
     for (int p = 0; p < POOL_COUNT; ++p) {
-        int channel = plans[p].channel;
-        pid_t creator = avpool::cli::runningCreator(baseKey(plans[p].kind) + channel);
+        PoolPlan plan = poolPlans[p];
+        plan.channel += firstChannel;
+        index[p] = -1;
+        pid_t creator = avpool::cli::runningCreator(segmentKey(plan));
+        if (creator != 0 && fixedKey(plan.kind)) {
+            cast.owners[cast.leftAloneCount] = creator;
+            cast.leftAlone[cast.leftAloneCount++] = plan;
+            continue;
+        }
         if (creator != 0)
-            throw CliError(std::string("demo: the ") + kindName(plans[p].kind) + " pool on channel " +
-                           std::to_string(channel) + " belongs to running pid " + std::to_string(creator) +
+            throw CliError(std::string("demo: the ") + kindName(plan.kind) + " pool on channel " +
+                           std::to_string(plan.channel) + " belongs to running pid " + std::to_string(creator) +
                            "; choose other channels with --channel");
+        index[p] = cast.poolCount;
+        cast.pools[cast.poolCount++] = plan;
+    }
+    for (const ConsumerPlan& consumer : consumerPlans) {
+        if (index[consumer.pool] < 0) continue;
+        ConsumerPlan& cast_ = cast.consumers[cast.consumerCount++];
+        cast_ = consumer;
+        cast_.pool = index[consumer.pool];
     }
 }
-
-// A pool's putter behind one call per frame.
-class PoolWriter {
-public:
-    virtual ~PoolWriter() = default;
-    // False when the pool refused the frame. key: the frame opens a GOP.
-    virtual bool put(unsigned char* data, int length, bool key, const timeval& captured) = 0;
-    virtual void release() = 0;
-};
-
-class JpgWriter : public PoolWriter {
-public:
-    explicit JpgWriter(const PoolPlan& plan) {
-        putter_.init(plan.channel, plan.slots, plan.maxFrame, dataSize(plan));
-        putter_.reset(plan.width, plan.height, plan.fps, plan.quality);
-    }
-    bool put(unsigned char* data, int length, bool, const timeval& captured) override {
-        return putter_.putFrame(data, length, captured) == 1;
-    }
-    void release() override { putter_.release(); }
-
-private:
-    JPGPutter putter_;
-};
-
-class Mp4Writer : public PoolWriter {
-public:
-    explicit Mp4Writer(const PoolPlan& plan) {
-        putter_.init(plan.channel, plan.slots, plan.framesPerGop, maxFrameSize(plan), dataSize(plan));
-        putter_.reset(plan.width, plan.height, plan.fps);
-    }
-    bool put(unsigned char* data, int length, bool key, const timeval& captured) override {
-        if (key) return putter_.putIFrame(data, length, captured) != 1;
-        putter_.putPFrame(data, length, captured);
-        return true;
-    }
-    void release() override { putter_.release(); }
-
-private:
-    MP4Putter putter_;
-};
 
 // One pool as its producer sees it: the writer, the frame buffer and the clock.
 struct ProducedPool {
@@ -191,12 +264,9 @@ struct ProducedPool {
 
 void createPool(ProducedPool& pool, const PoolPlan& plan) {
     pool.plan = plan;
-    if (plan.kind == PoolKind::Mp4)
-        pool.writer.reset(new Mp4Writer(plan));
-    else
-        pool.writer.reset(new JpgWriter(plan));
-    pool.buffer.resize(maxFrameSize(plan));
-    pool.periodNs = NS_PER_S / plan.fps;
+    pool.writer = makeWriter(plan);
+    pool.buffer.resize(static_cast<size_t>(maxFrameSize(plan)) * plan.parts);
+    pool.periodNs = periodNs(plan);
 }
 
 // Whether the next frame of a video pool is an I frame: the current GOP has
@@ -209,6 +279,11 @@ bool opensGop(const ProducedPool& pool) {
     return pool.inGop >= (isShort ? plan.shortLength : plan.framesPerGop);
 }
 
+// The stream seed of array `part` of an element.
+uint32_t partStream(uint32_t stream, int part) {
+    return stream | static_cast<uint32_t>(part) << 16;
+}
+
 void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     const PoolPlan& plan = pool.plan;
     unsigned long long number = pool.number + 1;
@@ -216,7 +291,9 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     uint32_t stream = static_cast<uint32_t>(plan.channel) | static_cast<uint32_t>(plan.kind) << 8;
     int length = key ? stampedLength(number, stream, plan.minKey, plan.maxKey)
                      : stampedLength(number, stream, plan.minFrame, plan.maxFrame);
-    stampFrame(pool.buffer.data(), length, number, stream);
+    // Each array of an element carries its own stamp.
+    for (int part = 0; part < plan.parts; ++part)
+        stampFrame(pool.buffer.data() + static_cast<size_t>(part) * length, length, number, partStream(stream, part));
     timeval captured;
     gettimeofday(&captured, nullptr);
     if (key) published.gopFirst[(pool.gop + 1) % GOP_HISTORY].store(number, std::memory_order_seq_cst);
@@ -237,8 +314,8 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
 
 // Puts every frame that is due; a producer that fell far behind (a loaded
 // machine) drops the backlog rather than bursting.
-void putDueFrames(ProducedPool* pools, Board& board, long long now) {
-    for (int p = 0; p < POOL_COUNT; ++p) {
+void putDueFrames(ProducedPool* pools, int count, Board& board, long long now) {
+    for (int p = 0; p < count; ++p) {
         ProducedPool& pool = pools[p];
         if (now - pool.dueNs > NS_PER_S / 2) pool.dueNs = now;
         while (pool.dueNs <= now) {
@@ -248,8 +325,8 @@ void putDueFrames(ProducedPool* pools, Board& board, long long now) {
     }
 }
 
-long long nextDue(const ProducedPool* pools, long long limit) {
-    for (int p = 0; p < POOL_COUNT; ++p)
+long long nextDue(const ProducedPool* pools, int count, long long limit) {
+    for (int p = 0; p < count; ++p)
         if (pools[p].dueNs < limit) limit = pools[p].dueNs;
     return limit;
 }
@@ -258,10 +335,11 @@ long long nextDue(const ProducedPool* pools, long long limit) {
 // every one is reaped before it returns.
 class ConsumerTeam {
 public:
-    ConsumerTeam(Board& board, const PoolPlan* plans) : board_(board) {
+    ConsumerTeam(Board& board, const Cast& cast) : board_(board), count_(cast.consumerCount) {
+        const PoolPlan* plans = cast.pools;
         try {
-            for (int i = 0; i < CONSUMER_COUNT; ++i) {
-                const ConsumerPlan& plan = consumerPlans[i];
+            for (int i = 0; i < count_; ++i) {
+                const ConsumerPlan& plan = cast.consumers[i];
                 jobs_[i] = ConsumerJob{&plan, &plans[plan.pool], &board, &board.consumers[i]};
                 avpool::cli::startChild(children_[i], runConsumer, &jobs_[i]);
             }
@@ -276,16 +354,17 @@ public:
 
     const Child* children() const { return children_; }
     // Reaps those that ended; returns how many still run.
-    int reap() { return avpool::cli::reapEnded(children_, CONSUMER_COUNT); }
+    int reap() { return avpool::cli::reapEnded(children_, count_); }
     void finish() {
         board_.stop.store(1, std::memory_order_release);
-        avpool::cli::endChildren(children_, CONSUMER_COUNT, END_GRACE_MS);
+        avpool::cli::endChildren(children_, count_, END_GRACE_MS);
     }
 
 private:
     Board& board_;
-    Child children_[CONSUMER_COUNT];
-    ConsumerJob jobs_[CONSUMER_COUNT];
+    int count_;
+    Child children_[MAX_CONSUMERS];
+    ConsumerJob jobs_[MAX_CONSUMERS];
 };
 
 int runDemo(const avpool::cli::ParsedArgs& args) {
@@ -294,12 +373,10 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
     int firstChannel = args.intOption("--channel", 0, 0, MAX_FIRST_CHANNEL);
     bool quiet = args.has("--quiet");
 
-    PoolPlan plans[POOL_COUNT];
-    for (int p = 0; p < POOL_COUNT; ++p) {
-        plans[p] = poolPlans[p];
-        plans[p].channel += firstChannel;
-    }
-    refuseLivePools(plans);
+    Cast cast;
+    castPools(firstChannel, cast);
+    const PoolPlan* plans = cast.pools;
+    int poolCount = cast.poolCount;
 
     SharedBoard shared;
     Board& board = *shared.get();
@@ -310,34 +387,34 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
     // Declared before the pools: on any way out, the pools are removed first.
     // The information area comes before the pools, as on a device; its
     // profiles say streaming once the pools exist.
-    ConsumerTeam team(board, plans);
-    ProfilePublisher profiles(plans, POOL_COUNT);
-    std::unique_ptr<ProducedPool[]> pools(new ProducedPool[POOL_COUNT]);
-    for (int p = 0; p < POOL_COUNT; ++p) createPool(pools[p], plans[p]);
+    ConsumerTeam team(board, cast);
+    ProfilePublisher profiles(plans, poolCount);
+    std::unique_ptr<ProducedPool[]> pools(new ProducedPool[poolCount]);
+    for (int p = 0; p < poolCount; ++p) createPool(pools[p], plans[p]);
     profiles.streaming();
     board.published.store(profiles.published() ? 1 : 0, std::memory_order_relaxed);
     board.ready.store(1, std::memory_order_release);
 
-    RunView run{plans, POOL_COUNT, consumerPlans, CONSUMER_COUNT, &board, team.children(), seconds,
-                &profiles.connections()};
+    RunView run{plans, poolCount, cast.consumers, cast.consumerCount, &board, team.children(), seconds,
+                &profiles.connections(), cast.leftAlone, cast.owners, cast.leftAloneCount};
     LiveSummary summary(run);
     long long start = monotonicNs();
     long long end = start + seconds * NS_PER_S;
     long long nextReport = start + NS_PER_S;
-    for (int p = 0; p < POOL_COUNT; ++p) pools[p].dueNs = start;
+    for (int p = 0; p < poolCount; ++p) pools[p].dueNs = start;
     std::string producerError;
     long long now = start;
     double elapsed = 0;
     try {
         while (!interrupted && now < end) {
-            putDueFrames(pools.get(), board, now);
+            putDueFrames(pools.get(), poolCount, board, now);
             profiles.sample();
             team.reap();
             if (now >= nextReport) {
                 if (!quiet) summary.show(static_cast<double>(now - start) / NS_PER_S);
                 nextReport += NS_PER_S;
             }
-            sleepUntilNs(nextDue(pools.get(), nextReport < end ? nextReport : end));
+            sleepUntilNs(nextDue(pools.get(), poolCount, nextReport < end ? nextReport : end));
             now = monotonicNs();
         }
         elapsed = static_cast<double>(now - start) / NS_PER_S;
@@ -347,8 +424,8 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
         board.stop.store(1, std::memory_order_release);
         long long graceEnd = monotonicNs() + STOP_GRACE_NS;
         while (team.reap() > 0 && (now = monotonicNs()) < graceEnd) {
-            putDueFrames(pools.get(), board, now);
-            sleepUntilNs(nextDue(pools.get(), now + NS_PER_S / 100));
+            putDueFrames(pools.get(), poolCount, board, now);
+            sleepUntilNs(nextDue(pools.get(), poolCount, now + NS_PER_S / 100));
         }
     } catch (const std::exception& error) {
         producerError = error.what();
@@ -357,7 +434,7 @@ int runDemo(const avpool::cli::ParsedArgs& args) {
 
     // Removing the pools wakes any consumer still blocked on a lock: its wait
     // fails, which it takes as the end. Whatever is left is then terminated.
-    for (int p = 0; p < POOL_COUNT; ++p) pools[p].writer->release();
+    for (int p = 0; p < poolCount; ++p) pools[p].writer->release();
     team.finish();
     profiles.finish();
 
@@ -376,34 +453,45 @@ namespace avpool::cli {
 const Verb demoVerb = {
     "demo",
     "[--seconds N] [--channel N] [--quiet]",
-    "run a producer and checking consumers on two JPEG pools and a video pool",
+    "run a producer and checking consumers on picture, video, audio and analysis pools",
     "Creates two JPEG pools (channels 0 and 1: 12 slots at 25 fps and 8 slots at\n"
     "10 fps) and a video pool (mp4 channel 0: 8 GOPs of 30 frames at 30 fps, an\n"
     "I frame of 30 to 60 KB and P frames of 2 to 12 KB, every fifth GOP cut short\n"
     "after 18 frames) and writes frames of varying size into them at their rates.\n"
     "Every frame carries its number, length and a checksum of its bytes.\n"
     "\n"
-    "Six consumer processes follow the pools: live-0, live-1 and live-mp4 read\n"
+    "Beside them it feeds the PCM pool (16-bit mono at 8 kHz: a 2048-byte\n"
+    "fragment every 128 ms), an AAC pool on channel N (fragments of 64 to 512\n"
+    "bytes every 256 ms, streamParam 0x1588), a luminance pool (80 x 64 samples)\n"
+    "and a motion-detection pool (two arrays of 64 x 48, vibration 42) on\n"
+    "channel N, both at 30 records a second. Fragments and records are stamped\n"
+    "like the frames, each md array on its own. The PCM pool has one key for the\n"
+    "machine: when another running process owns it, the demo leaves it alone.\n"
+    "\n"
+    "Ten consumer processes follow the pools: live-0, live-1 and live-mp4 read\n"
     "every frame as it comes; slow-0, slow-1 and slow-mp4 spend longer on each\n"
     "frame than the producer allows, get overtaken and catch up again, slow-0 on\n"
     "the newest frame, slow-1 on the oldest frame still safe from the writer and\n"
     "slow-mp4 on the GOP being written. The video consumers read GOP by GOP; they\n"
     "count the GOPs they read, how the writer overtook them (frame bytes reused,\n"
     "the GOP older than 2 s, a GOP ID that is not the next one) and their jumps\n"
-    "back to the GOP being written.\n"
+    "back to the GOP being written. live-pcm, live-aac, live-lum and live-md read\n"
+    "every fragment or record and also check its format (streamParam, picture\n"
+    "size, vibration) against what the producer published; a gap in the IDs\n"
+    "counts as an overtake.\n"
     "\n"
-    "Each consumer checks every frame it reads. A frame the writer overwrote\n"
-    "while it was being read counts as overwritten; a frame that stayed untouched\n"
-    "and is still wrong counts as an error. A summary is shown about once a\n"
-    "second (a table on a terminal, one line per consumer otherwise) and a final\n"
-    "table at the end. The pools are removed when the demo ends, also on SIGINT\n"
-    "or SIGTERM.\n"
+    "Each consumer checks every frame it reads: IDs rising, capture times never\n"
+    "going back. A frame the writer overwrote while it was being read counts as\n"
+    "overwritten; a frame that stayed untouched and is still wrong counts as an\n"
+    "error. A summary is shown about once a second (a table on a terminal, one\n"
+    "line per consumer otherwise) and a final table at the end. The pools are\n"
+    "removed when the demo ends, also on SIGINT or SIGTERM.\n"
     "\n"
     "Exits 0 when every consumer read frames and none was damaged, 1 otherwise,\n"
     "and 128 + the signal number when interrupted.\n",
     {
         {"--seconds", "N", "how long to run (default 10)"},
-        {"--channel", "N", "first pool channel: jpg N and N + 1, mp4 N (default 0)"},
+        {"--channel", "N", "first pool channel: jpg N and N + 1, mp4, aac, lum and md N (default 0)"},
         {"--quiet", nullptr, "no live summary, only the final table"},
     },
     avpool::demo::runDemo,

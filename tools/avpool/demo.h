@@ -1,5 +1,5 @@
-// The demo's cast: the pools its producer writes (JPEG frames and GOPs of
-// video), the consumers that follow them in their own processes, and the board
+// The demo's cast: the pools its producer writes (JPEG frames, GOPs of video,
+// PCM and AAC audio fragments, luminance and motion records), the consumers that follow them in their own processes, and the board
 // in shared anonymous memory where every process publishes its counters for
 // the live summary.
 #pragma once
@@ -15,10 +15,14 @@
 
 namespace avpool::demo {
 
-enum class PoolKind { Jpg, Mp4 };
+enum class PoolKind { Jpg, Mp4, Pcm, Aac, Lum, Md };
 
-const char* kindName(PoolKind kind);  // "jpg", "mp4"
+const char* kindName(PoolKind kind);  // "jpg", "mp4", "pcm", ...
 int baseKey(PoolKind kind);           // the key of channel 0's segment
+bool fixedKey(PoolKind kind);         // one pool per machine, whatever the channel
+// Pictures a client streams: a profile in the information area and a slat per consumer.
+bool hasProfile(PoolKind kind);
+bool isAudio(PoolKind kind);
 
 struct PoolPlan {
     PoolKind kind;
@@ -36,7 +40,23 @@ struct PoolPlan {
     int shortGop;   // mp4: every shortGop-th GOP ends early,
     int shortLength;  // after this many frames
     int ringBytes;  // length of the data ring
+    // Audio: the putter's reset values, and what they make of a fragment.
+    int format;
+    int audioChannels;
+    int rate;
+    int streamParam;  // aac
+    int fragmentMs;
+    int samples;      // per channel and fragment
+    // Analysis: records at fps of width x height elements; md's level.
+    int vibration;
+    int parts;  // stamped arrays per element: 2 for md, else 1
 };
+
+// The pool's segment key, and how the report names it: "jpg 0 ", "pcm - ".
+int segmentKey(const PoolPlan& plan);
+const char* poolLabel(const PoolPlan& plan, char* text, int size);
+// Time between two elements.
+long long periodNs(const PoolPlan& plan);
 
 // The pool's maxFrameSize: the longest frame it is given.
 int maxFrameSize(const PoolPlan& plan);
@@ -58,9 +78,9 @@ struct ConsumerPlan {
     Catchup catchup;
 };
 
-constexpr int MAX_POOLS = 4;
+constexpr int MAX_POOLS = 8;
 constexpr int GOP_HISTORY = 64;
-constexpr int MAX_CONSUMERS = 8;
+constexpr int MAX_CONSUMERS = 12;
 constexpr int ERROR_TEXT = 160;
 
 static_assert(std::atomic<unsigned long long>::is_always_lock_free,
@@ -106,7 +126,7 @@ struct ConsumerJob {
     ConsumerBoard* counters;  // this consumer's place on the board
 };
 
-// Body of a consumer process (a ConsumerJob for either kind of pool); its
+// Body of a consumer process (a ConsumerJob for any kind of pool); its
 // result is the process's exit code.
 int runConsumer(void* job);
 
@@ -153,6 +173,10 @@ struct RunView {
     const avpool::cli::Child* children;
     int seconds;  // planned length of the run
     const Connections* connections;
+    // Fixed-key pools not run because another running process owns them.
+    const PoolPlan* leftAlone;
+    const pid_t* leftAloneOwners;
+    int leftAloneCount;
 };
 
 // The summary while the demo runs, about once a second: on a terminal a table

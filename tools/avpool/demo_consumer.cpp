@@ -30,7 +30,8 @@ bool ConsumerCore::waitForPools() {
         if (stopping()) return false;
         avpool::cli::sleepMs(5);
     }
-    if (board_.published.load(std::memory_order_relaxed) == 0) return true;
+    // Slats are for the streams of a profile, not for the audio and analysis pools.
+    if (board_.published.load(std::memory_order_relaxed) == 0 || !hasProfile(pool_.kind)) return true;
     // As a server takes a slat for a client: named after the consumer, the
     // pool and the process in userInfo, returned automatically.
     char info[sizeof(UserSlat::userInfo)];
@@ -85,6 +86,12 @@ void ConsumerCore::account(Outcome outcome, unsigned long long id, long long cap
         damaged();
         return;
     }
+    if (lastId_ != 0 && captureUs < lastCaptureUs_) {
+        snprintf(why_, sizeof why_, "frame %llu captured %lld us before frame %llu", id, lastCaptureUs_ - captureUs,
+                 lastId_);
+        damaged();
+        return;
+    }
     // A gap means the writer went past this reader: counted once per gap,
     // however it was noticed (a jump in the ring, an overwritten read, a lock
     // that had to be waited for while the writer lapped the ring).
@@ -93,6 +100,7 @@ void ConsumerCore::account(Outcome outcome, unsigned long long id, long long cap
         counters_.overtaken.fetch_add(1, std::memory_order_relaxed);
     }
     lastId_ = id;
+    lastCaptureUs_ = captureUs;
     counters_.lastCaptureUs.store(captureUs, std::memory_order_relaxed);
     counters_.lastId.store(id, std::memory_order_relaxed);
     counters_.read.fetch_add(1, std::memory_order_relaxed);
@@ -101,7 +109,14 @@ void ConsumerCore::account(Outcome outcome, unsigned long long id, long long cap
 int runConsumer(void* argument) {
     const ConsumerJob& job = *static_cast<const ConsumerJob*>(argument);
     try {
-        return job.pool->kind == PoolKind::Mp4 ? runMp4Consumer(job) : runJpgConsumer(job);
+        switch (job.pool->kind) {
+        case PoolKind::Jpg:
+            return runJpgConsumer(job);
+        case PoolKind::Mp4:
+            return runMp4Consumer(job);
+        default:
+            return runRingConsumer(job);
+        }
     } catch (const avpool::PoolError& error) {
         // The producer removes its pools at the end; a reader blocked waiting
         // for a lock then fails with "semop failed.", which is its cue to stop.

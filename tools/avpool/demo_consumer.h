@@ -45,8 +45,9 @@ public:
         return untouched() ? Outcome::Damaged : Outcome::Overwritten;
     }
 
-    // Counts a frame: read (its ID must be above the last one read), given up
-    // or damaged. captureUs is the capture time of a frame read.
+    // Counts a frame: read (its ID must be above the last one read and its
+    // capture time not before that one's), given up or damaged. captureUs is
+    // the capture time of a frame read.
     void account(Outcome outcome, unsigned long long id, long long captureUs);
     void damaged();  // counts why() as one damaged frame
 
@@ -66,6 +67,7 @@ private:
     Board& board_;
     ConsumerBoard& counters_;
     unsigned long long lastId_ = 0;
+    long long lastCaptureUs_ = 0;
     char why_[ERROR_TEXT] = {};
     InfosGetter infos_;
 };
@@ -73,5 +75,7 @@ private:
 // The kinds' consumers; each runs until the board says stop or its pool goes.
 int runJpgConsumer(const ConsumerJob& job);
 int runMp4Consumer(const ConsumerJob& job);
+// The audio and analysis pools: a ring of slots read one after the other.
+int runRingConsumer(const ConsumerJob& job);
 
 }  // namespace avpool::demo

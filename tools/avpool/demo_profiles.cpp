@@ -1,5 +1,6 @@
-// The demo's information area: one profile per pool, published the way an
-// encoder does before it creates its pools, and the connection units its
+// The demo's information area: one profile per picture or video pool,
+// published the way an encoder does before it creates its pools, the AAC
+// pool's audio parameters on the video profile, and the connection units its
 // consumers take, watched while the demo runs.
 
 #include "demo.h"
@@ -57,26 +58,38 @@ void describeMp4(SDPBlock& block, const PoolPlan& plan) {
 
 }  // namespace
 
-ProfilePublisher::ProfilePublisher(const PoolPlan* plans, int count) : count_(count) {
+ProfilePublisher::ProfilePublisher(const PoolPlan* plans, int count) : count_(0) {
     // The key is the same for every encoder: an area of another running
     // process (a second demo beside the first) is left alone.
     connections_.owner = avpool::cli::runningCreator(INFOS_KEY);
     if (connections_.owner != 0) return;
+    const PoolPlan* audio = nullptr;
+    for (int p = 0; p < count; ++p) {
+        if (hasProfile(plans[p].kind)) ++count_;
+        if (plans[p].kind == PoolKind::Aac) audio = &plans[p];
+    }
     area_.reset(new InfosPutter);
     InfosPutter& putter = *area_;
     putter.init(INFOS_KEY);
-    putter.putSizeofPools(count);
+    putter.putSizeofPools(count_);
     putter.putMaxConn(MAX_CONN);
+    int profile = 0;
     for (int p = 0; p < count; ++p) {
         const PoolPlan& plan = plans[p];
-        putter.putInfo(p, PROFILE_IDLE, plan.channel, plan.kind == PoolKind::Jpg ? PROFILE_JPEG : 0);
-        putter.putVideoInfo(p, plan.width, plan.height, plan.fps);
-        putter.putSharedMemSize(p, segmentSize(plan));
-        SDPBlock& block = *reinterpret_cast<SDPBlock*>(putter.GetSDPHeader(p));
-        if (plan.kind == PoolKind::Mp4)
+        if (!hasProfile(plan.kind)) continue;
+        putter.putInfo(profile, PROFILE_IDLE, plan.channel, plan.kind == PoolKind::Jpg ? PROFILE_JPEG : 0);
+        putter.putVideoInfo(profile, plan.width, plan.height, plan.fps);
+        putter.putSharedMemSize(profile, segmentSize(plan));
+        SDPBlock& block = *reinterpret_cast<SDPBlock*>(putter.GetSDPHeader(profile));
+        if (plan.kind == PoolKind::Mp4) {
             describeMp4(block, plan);
-        else
+            // The video's sound: format, channels, rate and fragment time.
+            if (audio != nullptr)
+                putter.putAudioInfo(profile, audio->format, audio->audioChannels, audio->rate, audio->fragmentMs);
+        } else {
             describeJpg(block, plan);
+        }
+        ++profile;
     }
     connections_.published = true;
     connections_.maxConn = MAX_CONN;

@@ -5,6 +5,7 @@
 
 
 #include <cstdio>
+#include <cstring>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,10 +48,49 @@ void printConsumerRow(const RunView& run, int i, const char* lag) {
     const ConsumerBoard& counters = run.board->consumers[i];
     char pace[16];
     paceText(consumer, pace, sizeof pace);
-    const PoolPlan& pool = run.pools[consumer.pool];
-    printf("%-8s %s %-2d %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, kindName(pool.kind), pool.channel,
-           pace, load(counters.read), load(counters.skipped), load(counters.overwritten), load(counters.overtaken),
+    char label[24];
+    poolLabel(run.pools[consumer.pool], label, sizeof label);
+    printf("%-8s %-6s %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, label, pace, load(counters.read), load(counters.skipped), load(counters.overwritten), load(counters.overtaken),
            load(counters.errors), lag);
+}
+
+// One pool of the closing table: its key, ring and rate, what it holds and
+// how many elements were put.
+void printPoolRow(const PoolPlan& pool, unsigned long long put) {
+    char label[24];
+    char slots[24];
+    char rate[16];
+    char picture[24];
+    char sizes[96];
+    poolLabel(pool, label, sizeof label);
+    snprintf(slots, sizeof slots, "%d", pool.slots);
+    snprintf(rate, sizeof rate, "%d", pool.fps);
+    snprintf(picture, sizeof picture, "%dx%d", pool.width, pool.height);
+    snprintf(sizes, sizeof sizes, "%d..%d", pool.minFrame, pool.maxFrame);
+    switch (pool.kind) {
+    case PoolKind::Mp4:
+        snprintf(slots, sizeof slots, "%dx%d", pool.slots, pool.framesPerGop);
+        snprintf(sizes, sizeof sizes, "I %d..%d, P %d..%d", pool.minKey, pool.maxKey, pool.minFrame, pool.maxFrame);
+        break;
+    case PoolKind::Pcm:
+    case PoolKind::Aac:
+        snprintf(rate, sizeof rate, "-");
+        snprintf(picture, sizeof picture, "%dHz", pool.rate);
+        snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", %d samples in %d ms", pool.samples,
+                 pool.fragmentMs);
+        if (pool.kind == PoolKind::Aac)
+            snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", streamParam 0x%x", pool.streamParam);
+        break;
+    case PoolKind::Lum:
+        snprintf(sizes, sizeof sizes, "%d samples", pool.maxFrame / 2);
+        break;
+    case PoolKind::Md:
+        snprintf(sizes, sizeof sizes, "2 x %d elements, vibration %d", pool.maxFrame / 4, pool.vibration);
+        break;
+    default:
+        break;
+    }
+    printf("%-6s 0x%-5x %5s %4s %9s %8llu  %s\n", label, segmentKey(pool), slots, rate, picture, put, sizes);
 }
 
 }  // namespace
@@ -68,9 +108,10 @@ void LiveSummary::show(double elapsedSeconds) {
 void LiveSummary::showTable(double elapsedSeconds) {
     if (drawnLines_ > 0) printf("\033[%dA", drawnLines_);
     printf("\r\033[Kavpool demo: %.0f of %d s ", elapsedSeconds, run_.seconds);
-    for (int p = 0; p < run_.poolCount; ++p)
-        printf("  %s %d: %llu frames", kindName(run_.pools[p].kind), run_.pools[p].channel,
-               load(run_.board->pools[p].completed));
+    for (int p = 0; p < run_.poolCount; ++p) {
+        char label[24];
+        printf("  %s: %llu", poolLabel(run_.pools[p], label, sizeof label), load(run_.board->pools[p].completed));
+    }
     printf("\n\033[K");
     printConsumerHeader(0);
     printf("\n");
@@ -91,7 +132,8 @@ void LiveSummary::showLines(double elapsedSeconds) {
         char lag[48];
         lagText(run_, i, lag, sizeof lag);
         const PoolPlan& pool = run_.pools[consumer.pool];
-        printf("[%3.0f s] %-6s %s %d: read %llu, ", elapsedSeconds, consumer.name, kindName(pool.kind), pool.channel,
+        char label[24];
+        printf("[%3.0f s] %-6s %s: read %llu, ", elapsedSeconds, consumer.name, poolLabel(pool, label, sizeof label),
                load(counters.read));
         if (pool.kind == PoolKind::Mp4) printf("gops %llu, jumps %llu, ", load(counters.gops), load(counters.jumps));
         printf("skipped %llu, overwritten %llu, overtaken %llu, errors %llu, lag %s\n", load(counters.skipped),
@@ -102,21 +144,12 @@ void LiveSummary::showLines(double elapsedSeconds) {
 int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSignal) {
     printf("\navpool demo: %.1f s, %d pools, %d consumers\n\n", elapsedSeconds, run.poolCount, run.consumerCount);
     printf("%-6s %-7s %5s %4s %9s %8s  %s\n", "pool", "key", "slots", "fps", "picture", "frames", "frame sizes");
-    for (int p = 0; p < run.poolCount; ++p) {
-        const PoolPlan& pool = run.pools[p];
-        char picture[24];
-        char slots[24];
-        snprintf(picture, sizeof picture, "%dx%d", pool.width, pool.height);
-        if (pool.kind == PoolKind::Mp4)
-            snprintf(slots, sizeof slots, "%dx%d", pool.slots, pool.framesPerGop);
-        else
-            snprintf(slots, sizeof slots, "%d", pool.slots);
-        printf("%s %-2d 0x%-5x %5s %4d %9s %8llu  ", kindName(pool.kind), pool.channel, baseKey(pool.kind) + pool.channel,
-               slots, pool.fps, picture, load(run.board->pools[p].completed));
-        if (pool.kind == PoolKind::Mp4)
-            printf("I %d..%d, P %d..%d\n", pool.minKey, pool.maxKey, pool.minFrame, pool.maxFrame);
-        else
-            printf("%d..%d\n", pool.minFrame, pool.maxFrame);
+    for (int p = 0; p < run.poolCount; ++p) printPoolRow(run.pools[p], load(run.board->pools[p].completed));
+    for (int p = 0; p < run.leftAloneCount; ++p) {
+        char label[24];
+        printf("%-6s 0x%-5x  not run: the pool belongs to running pid %d\n",
+               poolLabel(run.leftAlone[p], label, sizeof label), segmentKey(run.leftAlone[p]),
+               static_cast<int>(run.leftAloneOwners[p]));
     }
     printf("\n");
     constexpr int LAG_WIDTH = 9;

@@ -2,9 +2,15 @@
 #include "cli.h"
 
 
+#include <avpool/aac.h>
+#include <avpool/amr.h>
 #include <avpool/infos.h>
 #include <avpool/jpg.h>
+#include <avpool/lum.h>
+#include <avpool/md.h>
 #include <avpool/mp4.h>
+#include <avpool/opus.h>
+#include <avpool/pcm.h>
 
 #include <cerrno>
 #include <csignal>
@@ -86,8 +92,8 @@ void readMp4(const SegmentView& view, unsigned long long since, PoolState& state
 // The audio pools share one layout: current, format, channels, rate and 200
 // safe times, then 200 slots from offset 816 whose size is the kind's;
 // fragmentID at 8, length at 16, capture time at 32 in each slot.
-constexpr int AUDIO_SLOTS = 200;
-constexpr size_t AUDIO_SLOTS_OFFSET = 816;
+constexpr int AUDIO_SLOTS = AUDIO_SLOT_COUNT;
+constexpr size_t AUDIO_SLOTS_OFFSET = AUDIO_HEADER_SIZE;
 
 template <size_t SlotSize>
 void readAudio(const SegmentView& view, unsigned long long since, PoolState& state) {
@@ -144,12 +150,12 @@ void readInfos(const SegmentView& view, unsigned long long, PoolState& state) {
 const std::vector<PoolKindInfo> kinds = {
     {"jpg", JPG_BASE_KEY, true, LockKeys::Single, readJpg},
     {"mp4", MP4_BASE_KEY, true, LockKeys::Grouped, readMp4},
-    {"pcm", 0x4A00, false, LockKeys::Grouped, readAudio<2096>},
-    {"aac", 0x4F00, true, LockKeys::Grouped, readAudio<560>},
-    {"amr", 0x5000, true, LockKeys::Grouped, readAudio<1080>},
-    {"opus", 0x5A00, false, LockKeys::Grouped, readAudio<560>},
-    {"lum", 0x4D00, true, LockKeys::Single, readAnalysis<6, 10264, 2>},
-    {"md", 0x4E00, true, LockKeys::Single, readAnalysis<5, 24600, 8>},
+    {"pcm", PCM_KEY, false, LockKeys::Grouped, readAudio<sizeof(PCMFragmentInfo)>},
+    {"aac", AAC_BASE_KEY, true, LockKeys::Grouped, readAudio<sizeof(AACFragmentInfo)>},
+    {"amr", AMR_BASE_KEY, true, LockKeys::Grouped, readAudio<sizeof(AMRFragmentInfo)>},
+    {"opus", OPUS_KEY, false, LockKeys::Grouped, readAudio<sizeof(OPUSFragmentInfo)>},
+    {"lum", LUM_BASE_KEY, true, LockKeys::Single, readAnalysis<LUM_FRAME_COUNT, sizeof(LUMFrameInfo), 2>},
+    {"md", MD_BASE_KEY, true, LockKeys::Single, readAnalysis<MD_FRAME_COUNT, sizeof(MDFrameInfo), 8>},
     {"infos", INFOS_KEY, false, LockKeys::None, readInfos},
 };
 
@@ -162,7 +168,7 @@ const FoundPool* earlierByKey(const std::vector<FoundPool>* earlier, int key) {
 
 void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* earlier,
            std::vector<FoundPool>& found) {
-    int key = kind.baseKey + channel;
+    int key = segmentKey(kind, channel);
     pid_t creator = 0;
     if (!findSegment(key, creator)) return;
     try {
@@ -201,8 +207,24 @@ std::vector<int> lockKeys(const FoundPool& pool) {
     int sets = pool.state.lockSets > 0 ? pool.state.lockSets : 1;
     if (kind.locks == LockKeys::Single) keys.push_back(pool.key);
     if (kind.locks == LockKeys::Grouped)
-        for (int g = 0; g < sets; ++g) keys.push_back(kind.baseKey + (kind.perChannel ? pool.channel * 16 : 0) + g);
+        for (int g = 0; g < sets; ++g) keys.push_back(firstLockKey(kind, pool.channel) + g);
     return keys;
+}
+
+const PoolKindInfo* findPoolKind(const std::string& name) {
+    for (const PoolKindInfo& kind : kinds)
+        if (name == kind.name) return &kind;
+    return nullptr;
+}
+
+int segmentKey(const PoolKindInfo& kind, int channel) {
+    return kind.baseKey + (kind.perChannel ? channel : 0);
+}
+
+// A grouped pool's sets are 16 keys apart per channel.
+int firstLockKey(const PoolKindInfo& kind, int channel) {
+    if (kind.locks == LockKeys::Grouped) return kind.baseKey + (kind.perChannel ? channel * 16 : 0);
+    return segmentKey(kind, channel);
 }
 
 std::string poolName(const FoundPool& pool) {

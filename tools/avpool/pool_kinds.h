@@ -66,6 +66,16 @@ std::vector<int> lockKeys(const FoundPool& pool);
 // "jpg 0", "pcm", "infos"
 std::string poolName(const FoundPool& pool);
 
+// The row of the kind called name, or null.
+const PoolKindInfo* findPoolKind(const std::string& name);
+
+// The segment key of a kind's pool on a channel (fixed-key kinds ignore it).
+int segmentKey(const PoolKindInfo& kind, int channel);
+
+// The key of the first semaphore set of a kind's pool on a channel; further
+// sets of a grouped pool follow it.
+int firstLockKey(const PoolKindInfo& kind, int channel);
+
 bool processAlive(pid_t pid);
 
 }  // namespace avpool::cli

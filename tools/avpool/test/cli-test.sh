@@ -1,8 +1,8 @@
 #!/bin/sh
 # Checks of the avpool tool as a user runs it: cli-test.sh CASE PATH-TO-AVPOOL.
 # Meant to run in a private IPC namespace (the demo creates pools under the
-# fixed keys of jpg channels 0 and 1 and mp4 channel 0). Every wait has a
-# deadline.
+# fixed keys of jpg channels 0 and 1, mp4, aac, lum and md channel 0 and the
+# pcm pool). Every wait has a deadline.
 
 case_name=$1
 AVPOOL=$2
@@ -88,6 +88,8 @@ jpg_ring_full() { grep -qx 'attached: *3' "$1" && ! grep -q ' -$' "$1"; }
 # Producer and both consumers attached, the writer in GOP 3 or later.
 mp4_gops_written() { grep -qx 'attached: *3' "$1" && grep -q '^\* GOP [3-7] ' "$1"; }
 nobody_attached() { grep -qx 'attached: *0' "$1"; }
+# Producer and its one consumer attached, at least three elements written.
+ring_running() { grep -qx 'attached: *2' "$1" && [ "$(grep -c '^[* ] *[0-9]* *[1-9][0-9]* ' "$1")" -ge 3 ]; }
 # Every demo consumer holds its connection slat.
 six_users() { grep -qx 'users: 6' "$1"; }
 
@@ -164,10 +166,25 @@ expect_no_pool() {
     expect_error_line nopool "avpool: no $kind pool on channel $1 (key $2)"
 }
 
+# expect_no_fixed_pool KIND KEY: the one pool of a fixed-key kind is gone.
+expect_no_fixed_pool() {
+    run nopool 10 stat "$1"
+    expect_rc nopool 1 "stat $1"
+    expect_error_line nopool "avpool: no $1 pool (key $2)"
+}
+
+# The pools the demo adds beside the picture pools are gone.
+expect_no_ring_pools() {
+    expect_no_fixed_pool pcm 0x4a00
+    expect_no_pool 0 0x4f00 aac
+    expect_no_pool 0 0x4d00 lum
+    expect_no_pool 0 0x4e00 md
+}
+
 # One consumer's row of the final table:
 # name kind channel pace read skipped overwritten overtaken errors lag pid ended...
 consumer_field() {
-    awk -v name="$2" -v field="$3" '$1 == name && ($2 == "jpg" || $2 == "mp4") { value = $field }
+    awk -v name="$2" -v field="$3" '$1 == name && $2 ~ /^(jpg|mp4|pcm|aac|lum|md)$/ { value = $field }
         END { print value }' "$work/$1.out"
 }
 
@@ -180,7 +197,7 @@ video_field() {
 
 check_final_table() {
     out=$1
-    for name in live-0 slow-0 live-1 slow-1 live-mp4 slow-mp4; do
+    for name in live-0 slow-0 live-1 slow-1 live-mp4 slow-mp4 live-pcm live-aac live-lum live-md; do
         read=$(consumer_field "$out" "$name" 5)
         errors=$(consumer_field "$out" "$name" 9)
         ended="$(consumer_field "$out" "$name" 12) $(consumer_field "$out" "$name" 13)"
@@ -255,7 +272,7 @@ demo)
         [ "$overtaken" -gt 0 ] || fail "$name was never overtaken"
     done
     # The live readers keep up: at most a hiccup of a loaded machine.
-    for name in live-0 live-1 live-mp4; do
+    for name in live-0 live-1 live-mp4 live-pcm live-aac live-lum live-md; do
         skipped=$(consumer_field demo "$name" 6)
         [ $((skipped * 10)) -lt "$(consumer_field demo "$name" 5)" ] || fail "$name skipped $skipped frames"
     done
@@ -273,18 +290,42 @@ demo)
     [ $(($(video_field demo slow-mp4 "frames overwritten") + $(video_field demo slow-mp4 "GOPs too old") + $(video_field demo slow-mp4 "GOP ID jumps"))) \
         -gt 0 ] || fail "slow-mp4 names no way it was overtaken"
     # Not a terminal: one summary line per consumer and second, no escapes.
-    [ "$(grep -c '^\[  1 s\] ' "$work/demo.out")" = 6 ] || fail "expected 6 summary lines for second 1"
+    [ "$(grep -c '^\[  1 s\] ' "$work/demo.out")" = 10 ] || fail "expected 10 summary lines for second 1"
+    grep -q '^\[  1 s\] live-pcm pcm -: read [0-9]*, skipped ' "$work/demo.out" || fail "no pcm summary line for second 1"
     grep -q '^\[  1 s\] live-mp4 mp4 0: read [0-9]*, gops [0-9]*, jumps ' "$work/demo.out" ||
         fail "no video summary line for second 1"
     grep -q "$(printf '\033')" "$work/demo.out" && fail "terminal escapes in redirected output"
     grep -q '^jpg 0  0x4c00     12   25   640x480 ' "$work/demo.out" || fail "pool jpg 0 row missing"
     grep -q '^mp4 0  0x4b00   8x30   30  1280x720 .*  I 30720\.\.61440, P 2048\.\.12288$' "$work/demo.out" ||
         fail "pool mp4 0 row missing"
+    grep -qE '^pcm -  0x4a00    200    -    8000Hz +[0-9]+  2048\.\.2048, 1024 samples in 128 ms$' "$work/demo.out" ||
+        fail "pool pcm row missing"
+    grep -qE '^aac 0  0x4f00    200    -    8000Hz +[0-9]+  64\.\.512, 2048 samples in 256 ms, streamParam 0x1588$' \
+        "$work/demo.out" || fail "pool aac 0 row missing"
+    grep -qE '^lum 0  0x4d00      6   30     80x64 +[0-9]+  5120 samples$' "$work/demo.out" || fail "pool lum 0 row missing"
+    grep -qE '^md 0   0x4e00      5   30     64x48 +[0-9]+  2 x 3072 elements, vibration 42$' "$work/demo.out" ||
+        fail "pool md 0 row missing"
+    # The audio pools put one fragment per fragment time (128 and 256 ms), the
+    # analysis pools 30 records a second: five seconds and at most two of
+    # grace while the consumers stop.
+    put_of() { awk -v kind="$1" '$1 == kind && $3 ~ /^0x/ { print $7 }' "$work/demo.out"; }
+    for entry in pcm:30:56 aac:15:28 lum:120:215 md:120:215; do
+        kind=${entry%%:*} range=${entry#*:}
+        put=$(put_of "$kind")
+        [ "$put" -ge "${range%:*}" ] && [ "$put" -le "${range#*:}" ] || fail "$kind pool was given $put elements"
+    done
+    # Each ring reader read most of what was put.
+    for entry in live-pcm:pcm live-aac:aac live-lum:lum live-md:md; do
+        name=${entry%%:*}
+        put=$(put_of "${entry#*:}")
+        [ $(($(consumer_field demo "$name" 5) * 10)) -ge $((put * 8)) ] || fail "$name read too few of $put"
+    done
     # Each consumer held one unit while it ran and gave it back.
     expect_line demo "connections: peak 6 of 10 units, 0 at the end"
     expect_no_pool 0 0x4c00
     expect_no_pool 1 0x4c01
     expect_no_pool 0 0x4b00 mp4
+    expect_no_ring_pools
     expect_no_area area infos
     ;;
 
@@ -295,6 +336,15 @@ stat-missing)
     expect_no_pool 3 0x4b03 mp4
     [ -s "$work/nopool.out" ] && fail "stat mp4 printed on stdout for a missing pool"
     expect_no_pool 255 0x4bff mp4
+    expect_no_fixed_pool pcm 0x4a00
+    expect_no_fixed_pool opus 0x5a00
+    expect_no_pool 0 0x4f00 aac
+    expect_no_pool 2 0x5002 amr
+    [ -s "$work/nopool.out" ] && fail "stat amr printed on stdout for a missing pool"
+    expect_no_pool 5 0x4d05 lum
+    expect_no_pool 255 0x4eff md
+    run nopool 10 stat opus 0
+    expect_error_line nopool "avpool: no opus pool (key 0x5a00)"
     ;;
 
 usage)
@@ -307,10 +357,24 @@ usage)
     expect_error_line u "avpool: stat: channel must be between 0 and 255, not 256"
     run u 10 stat mov 1
     expect_rc u 2 "stat mov 1"
-    expect_error_line u "avpool: stat: unknown pool kind 'mov' (known: jpg, mp4)"
-    run u 10 stat jpg
-    expect_rc u 2 "stat jpg"
-    expect_error_line u "avpool: stat: expected a pool kind and a channel; usage: avpool stat KIND CHANNEL"
+    expect_error_line u "avpool: stat: unknown pool kind 'mov' (known: jpg, mp4, pcm, aac, amr, opus, lum, md)"
+    for kind in jpg aac md; do
+        run u 10 stat $kind
+        expect_rc u 2 "stat $kind"
+        expect_error_line u "avpool: stat: expected a pool kind and a channel; usage: avpool stat KIND [CHANNEL] [--last N]"
+    done
+    # pcm and opus have one pool each: no channel but 0.
+    run u 10 stat pcm 1
+    expect_rc u 2 "stat pcm 1"
+    expect_error_line u "avpool: stat: pcm has one pool under a fixed key and no channel 1"
+    run u 10 stat opus 7
+    expect_rc u 2 "stat opus 7"
+    expect_error_line u "avpool: stat: opus has one pool under a fixed key and no channel 7"
+    run u 10 stat pcm 0 1
+    expect_rc u 2 "stat pcm 0 1"
+    run u 10 stat aac 0 --last 201
+    expect_rc u 2 "stat aac 0 --last 201"
+    expect_error_line u "avpool: stat: --last must be between 0 and 200, not 201"
     run u 10 frobnicate
     expect_rc u 2 "frobnicate"
     expect_error_line u "avpool: no verb 'frobnicate'; see 'avpool --help'"
@@ -614,6 +678,7 @@ END
     profile_block 2 >"$work/p2.txt"
     for line in "state:            2" "channel:          0" "infoParam3:       0" "width:            1280" \
         "height:           720" "videoParam3:      30" "sharedMemSize:    667892" "sslWeight:        4" \
+        "audioParam1:      16" "audioParam2:      1" "audioParam3:      8000" "audioFrameDuration: 256" \
         "sdpHeader:        m=video 0 RTP/AVP 96" "                  a=rtpmap:96 MP4V-ES/90000" \
         "spsSize:          0" "ppsSize:          0"; do
         grep -qxF "$line" "$work/p2.txt" || fail "no line '$line' for profile 2"
@@ -756,7 +821,7 @@ terminal)
     timeout -k 2 30 script -qec "$EMULATOR $AVPOOL demo --seconds 3 2>/dev/null" /dev/null >"$work/tty.out" </dev/null
     echo $? >"$work/tty.rc"
     expect_rc tty 0 "demo on a terminal"
-    grep -q "$(printf '\033')\[8A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 8 lines)"
+    grep -q "$(printf '\033')\[12A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 12 lines)"
     grep -q '^\[  1 s\]' "$work/tty.out" && fail "line-per-second output on a terminal"
     tr -d '\r' <"$work/tty.out" | grep -qx "result: ok" || fail "no final result on the terminal"
     ;;
@@ -781,6 +846,12 @@ crash)
     expect_rc stale 0 "infos after a crash"
     expect_line stale "currentTotalConnections: 6"
     expect_line stale "users: 6"
+    # The audio and analysis pools stay behind too, their producer gone.
+    for pool in "pcm" "aac 0" "lum 0" "md 0"; do
+        run left 10 stat $pool
+        expect_rc left 0 "stat $pool after a crash"
+        expect_line left "creator pid:      $demo"
+    done
     run snap 10 snapshot 0 "$work/stale.jpg"
     expect_rc snap 0 "snapshot 0 of a crashed demo"
     stamp_of "$work/stale.jpg" >"$work/stamp.txt" || fail "picture left by the crash: $(cat "$work/stamp.txt")"
@@ -791,7 +862,93 @@ crash)
     expect_line again "connections: peak 6 of 10 units, 0 at the end"
     expect_no_pool 0 0x4c00
     expect_no_pool 0 0x4b00 mp4
+    expect_no_ring_pools
     expect_no_area area infos
+    ;;
+
+stat-rings)
+    # The audio and analysis pools of a live demo: exact headers, and slots
+    # that hold what the producer put.
+    start_demo live
+    now=$(date +%s)
+    until_shown pcm 10 ring_running "the producer, its reader and three fragments" stat pcm
+    for line in "pcm pool" "key:              0x4a00 (18944)" "size:             420016" "creator pid:      $demo" \
+        "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" "lock group 0:     key 0x4a00 (18944)"; do
+        expect_line pcm "$line"
+    done
+    grep -qx ' *semaphore set [0-9]*, 200 semaphores' "$work/pcm.out" || fail "no set of 200 semaphores in stat pcm"
+    # From the next slot to be overwritten round to the newest: 128 ms a slot.
+    current=$(sed -n 's/^current: *//p' "$work/pcm.out")
+    expect_line pcm "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 128..25472 (+128); slot $current: 0"
+    run pcm0 10 stat pcm 0 --last 200
+    expect_rc pcm0 0 "stat pcm 0"
+    # ring_rows FILE SLOTS LENGTH-RANGE EXTRAS: every listed slot holds the
+    # fragment its ID puts there, IDs run on by one, the newest (*) is the
+    # header's current, capture times are recent and rise.
+    ring_rows() {
+        awk -v now="$now" -v slots="$2" -v min="${3%-*}" -v max="${3#*-}" -v extras="$4" '
+            /^current:/ { current = $2 }
+            /^[* ] +[0-9]+ +[1-9][0-9]* +[0-9]+\.[0-9]+ / {
+                star = substr($0, 1, 1) == "*"
+                if (star) { $0 = substr($0, 2); stars++; starSlot = $1 }
+                rows++
+                if ($2 % slots != $1) { print "slot " $1 " holds " $2; bad = 1 }
+                if (previous != "" && $2 != previous + 1) { print "fragment " $2 " after " previous; bad = 1 }
+                if ($3 + 0 < previousTime) { print "fragment " $2 " captured before " previous; bad = 1 }
+                split($3, t, "."); if (t[1] < now - 15 || t[1] > now + 15) { print "captured at " $3; bad = 1 }
+                if ($4 < min || $4 > max) { print "fragment " $2 " of " $4 " bytes"; bad = 1 }
+                rest = ""; for (i = 5; i <= NF; i++) rest = rest " " $i
+                if (substr(rest, 1, length(extras)) != extras) { print "fragment " $2 ":" rest; bad = 1 }
+                previous = $2; previousTime = $3 + 0
+            }
+            END {
+                if (rows < 3) { print rows " rows"; bad = 1 }
+                if (stars != 1 || starSlot != current) { print "newest marked in slot " starSlot ", current " current; bad = 1 }
+                exit bad
+            }' "$work/$1.out" >"$work/rows.err" || fail "slots of $1: $(cat "$work/rows.err")"
+    }
+    ring_rows pcm0 200 2048-2048 " 16 1 8000 1024"
+    grep -qx 'written slots: [0-9]* of 200, the newest [0-9]* shown (--last N)' "$work/pcm0.out" || fail "no written-slots line"
+
+    until_stat aac aac 0 10 ring_running "the producer, its reader and three fragments"
+    for line in "aac pool, channel 0" "key:              0x4f00 (20224)" "size:             112816" \
+        "creator pid:      $demo" "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" \
+        "lock group 0:     key 0x4f00 (20224)"; do
+        expect_line aac "$line"
+    done
+    current=$(sed -n 's/^current: *//p' "$work/aac.out")
+    expect_line aac "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 256..50944 (+256); slot $current: 0"
+    grep -qE '^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock +streamParam$' \
+        "$work/aac.out" || fail "no streamParam column in stat aac"
+    # The streamParam (0x1588) comes after the safe time and the lock.
+    ring_rows aac 200 64-512 " 16 1 8000 2048"
+    awk '/^[* ] +[0-9]+ +[1-9]/ && $NF != 5512 { exit 1 }' "$work/aac.out" || fail "a fragment without streamParam 5512"
+    run last 10 stat aac 0 --last 2
+    [ "$(grep -c '^[* ] *[0-9]* *[1-9][0-9]* ' "$work/last.out")" = 2 ] || fail "stat aac --last 2 did not list 2 slots"
+
+    until_stat lum lum 0 10 ring_running "the producer, its reader and three records"
+    for line in "lum pool, channel 0" "key:              0x4d00 (19712)" "size:             61624" \
+        "creator pid:      $demo" "workingFPS:       30" "picture:          80 x 64"; do
+        expect_line lum "$line"
+    done
+    grep -qx 'locks: *semaphore set [0-9]*, 6 semaphores' "$work/lum.out" || fail "no set of 6 semaphores in stat lum"
+    grep -qE '^safeTime ms: +slots [0-5]-[0-5]: 33\.\.132 \(\+33\); slots [0-5]-[0-5]: 0$' "$work/lum.out" ||
+        fail "lum safe times: $(grep safeTime "$work/lum.out")"
+    [ "$(grep -cE '^[* ] +[0-5] +[1-9][0-9]* +[0-9]+\.[0-9]+ +5120 +[0-9]+ +[01]$' "$work/lum.out")" = 6 ] ||
+        fail "not six lum slots of 5120 samples"
+
+    until_stat md md 0 10 ring_running "the producer, its reader and three records"
+    for line in "md pool, channel 0" "key:              0x4e00 (19968)" "size:             123040" \
+        "creator pid:      $demo" "workingFPS:       30" "picture:          64 x 48" "vibration:        42"; do
+        expect_line md "$line"
+    done
+    grep -qE '^safeTime ms: +slots [0-4]-[0-4]: 33\.\.132 \(\+33\); slot [0-4]: 0$' "$work/md.out" ||
+        fail "md safe times: $(grep safeTime "$work/md.out")"
+    [ "$(grep -cE '^[* ] +[0-4] +[1-9][0-9]* +[0-9]+\.[0-9]+ +3072 +[0-9]+ +[01]$' "$work/md.out")" = 5 ] ||
+        fail "not five md slots of 3072 elements"
+    stop_demo live
+    check_final_table live
+    expect_no_ring_pools
     ;;
 
 media-mp4)
