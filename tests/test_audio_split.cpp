@@ -67,13 +67,19 @@ Bytes riff(std::initializer_list<Bytes> chunks) {
     return out;
 }
 
-std::string wavError(const Bytes& file) {
+// The FormatError message of read on the bytes, or "accepted".
+template <class Read>
+std::string errorOf(Read read, const Bytes& bytes) {
     try {
-        readWav(file.data(), file.size());
+        read(bytes.data(), bytes.size());
     } catch (const FormatError& error) {
         return error.what();
     }
     return "accepted";
+}
+
+std::string wavError(const Bytes& file) {
+    return errorOf(readWav, file);
 }
 
 TEST(WavRead, OddChunksWithPadBytesArePassedOver) {
@@ -197,12 +203,7 @@ Bytes adts(int objectType, int rateIndex, int configuration, size_t payload, boo
 }
 
 std::string adtsError(const Bytes& stream) {
-    try {
-        splitAdts(stream.data(), stream.size());
-    } catch (const FormatError& error) {
-        return error.what();
-    }
-    return "accepted";
+    return errorOf(splitAdts, stream);
 }
 
 TEST(AdtsSplit, FramesWithAndWithoutCrcByTheirLengths) {
