@@ -5,12 +5,16 @@
 
 #include "clock.h"
 #include "interrupt.h"
+#include "media/wav_stream.h"
 #include "media_io.h"
+#include "media_kinds.h"
 #include "pool_kinds.h"
 #include "verbs.h"
 
+#include <avpool/aac.h>
 #include <avpool/jpg.h>
 #include <avpool/mp4.h>
+#include <avpool/pcm.h>
 
 #include <cstdio>
 
@@ -21,13 +25,6 @@ namespace {
 constexpr int POLL_MS = 2;
 constexpr int LIVENESS_POLLS = 100;   // check the creator about every 0.2 s of waiting
 constexpr int AGE_MARGIN_SECONDS = 3;  // beyond --since, how old an element may get
-
-struct GetJob {
-    int channel;
-    int since;  // seconds back to start from; -1 to follow live
-    int count;  // elements to write; 0 for no limit
-    Output* out;
-};
 
 enum class Wait { Open, Gone, Interrupted };
 
@@ -65,12 +62,13 @@ void requirePool(const GetJob& job, const char* kind, int key) {
     throw CliError(message);
 }
 
-void reportGap(unsigned long long expected, unsigned long long got) {
+// element names what the pool holds: "frame", "fragment".
+void reportGap(unsigned long long expected, unsigned long long got, const char* element) {
     if (expected == 0 || got <= expected) return;
     if (got == expected + 1)
-        fprintf(stderr, "avpool: get: overtaken: frame %llu missed\n", expected);
+        fprintf(stderr, "avpool: get: overtaken: %s %llu missed\n", element, expected);
     else
-        fprintf(stderr, "avpool: get: overtaken: frames %llu to %llu missed\n", expected, got - 1);
+        fprintf(stderr, "avpool: get: overtaken: %ss %llu to %llu missed\n", element, expected, got - 1);
 }
 
 // A pool checked by requirePool, attached read-only, with its header: the
@@ -90,15 +88,12 @@ int maxAge(const GetJob& job) {
     return (job.since > 0 ? job.since : 0) + AGE_MARGIN_SECONDS;
 }
 
-template <class Getter, class GetterError>
-void initGetter(Getter& getter, const char* kind, int channel) {
-    try {
-        QuietOutput quiet;
-        getter.init(channel);
-    } catch (const GetterError& error) {
-        throw CliError(std::string("get: cannot open the ") + kind + " pool on channel " + std::to_string(channel) +
-                       ": " + error.what());
-    }
+// Attaches a getter through init, silencing the pool's diagnostics; a
+// failure becomes one line naming the pool.
+template <class GetterError, class Init>
+void initGetter(const char* kind, int channel, Init init) {
+    quietly<GetterError>(std::string("get: cannot open the ") + kind + " pool on channel " + std::to_string(channel),
+                         init);
 }
 
 // Sleeps until the first element exists; false when interrupted or the pool went away first.
@@ -112,48 +107,182 @@ bool awaitFirst(First first, const Locks& locks, pid_t creator) {
     return true;
 }
 
-int getJpg(const GetJob& job) {
-    int key = JPG_BASE_KEY + job.channel;
-    OpenPool<JPGPoolHeader> pool(job, "jpg", key);
-    const SegmentView& view = pool.view;
-    int n = pool.header.frameCount;
-    LockView locks(key, n);
-    JPGGetter getter;
-    initGetter<JPGGetter, JPGGetterError>(getter, "jpg", job.channel);
-
-    int safe = 0;
-    if (!awaitFirst([&] { return getter.toWorking(safe); }, locks, view.creator())) return 0;
-    if (job.since >= 0)
-        getter.toOldestWorking(safe, static_cast<int>(wallClockUs() / 1000000) - job.since);
-    else
-        getter.toWorking(safe);
-    // Frame k is written to slot k % n.
-    int slot = static_cast<int>(getter.getFrameID() % static_cast<unsigned long long>(n));
+// Reads a ring whose element k sits in slot k % slots, in order, from the
+// newest element or the oldest of the last --since seconds: jpg frames and
+// audio fragments. Ring wraps the kind's getter with the calls below; its
+// moves return the running number they end on.
+template <class Ring>
+void followRing(const GetJob& job, Ring& ring, const char* element) {
+    if (!awaitFirst([&] { return ring.started(); }, ring.locks, ring.creator)) return;
+    unsigned long long id = job.since >= 0 ? ring.toOldest(static_cast<int>(wallClockUs() / 1000000) - job.since)
+                                           : ring.toWorking();
+    unsigned long long slots = static_cast<unsigned long long>(ring.slots);
+    int slot = static_cast<int>(id % slots);
     unsigned long long expected = 0;
     for (int written = 0; job.count == 0 || written < job.count;) {
-        if (waitOpen(locks, slot, view.creator()) != Wait::Open) break;
-        getter.waitReady();
-        getter.getFrame();
-        unsigned long long id = getter.getFrameID();
-        slot = static_cast<int>(id % static_cast<unsigned long long>(n));
+        if (ring.wait(slot) != Wait::Open) break;
+        id = ring.take();
+        slot = static_cast<int>(id % slots);
         bool fresh = id >= expected;
         try {
-            getter.probeAge(maxAge(job));
-        } catch (const JPGGetterError& error) {
-            fprintf(stderr, "avpool: get: overtaken: frame %llu %s, going to the newest\n", id, error.what());
-            getter.toWorking(safe);
-            slot = static_cast<int>(getter.getFrameID() % static_cast<unsigned long long>(n));
+            ring.getter.probeAge(maxAge(job));
+        } catch (const typename Ring::Error& error) {
+            fprintf(stderr, "avpool: get: overtaken: %s %llu %s, going to the newest\n", element, id, error.what());
+            slot = static_cast<int>(ring.toWorking() % slots);
             continue;
         }
         if (fresh) {
-            reportGap(expected, id);
-            if (!job.out->write(getter.frame.data, static_cast<size_t>(getter.frame.frameLength))) break;
+            reportGap(expected, id, element);
+            if (!ring.write()) break;
             expected = id + 1;
             ++written;
         }
-        getter.toNext(safe);
-        slot = (slot + 1) % n;
+        ring.toNext();
+        slot = (slot + 1) % ring.slots;
     }
+}
+
+struct JpgRing {
+    using Error = JPGGetterError;
+    JPGGetter& getter;
+    const LockView& locks;
+    pid_t creator;
+    int slots;
+    Output& out;
+    int safe = 0;
+
+    bool started() { return getter.toWorking(safe) != 0; }
+    unsigned long long toWorking() { return getter.toWorking(safe); }
+    unsigned long long toOldest(int second) {
+        getter.toOldestWorking(safe, second);
+        return getter.getFrameID();
+    }
+    unsigned long long toNext() {
+        getter.toNext(safe);
+        return getter.getFrameID();
+    }
+    Wait wait(int slot) {
+        Wait wait = waitOpen(locks, slot, creator);
+        if (wait == Wait::Open) getter.waitReady();
+        return wait;
+    }
+    unsigned long long take() {
+        getter.getFrame();
+        return getter.getFrameID();
+    }
+    bool write() { return out.write(getter.frame.data, static_cast<size_t>(getter.frame.frameLength)); }
+};
+
+// The audio getters over their 200 slots; Sink takes each fragment's bytes.
+template <class Getter, class GetterError, class Sink>
+struct AudioRing {
+    using Error = GetterError;
+    Getter& getter;
+    const SegmentView& view;
+    const GroupedLockView& locks;
+    pid_t creator;
+    Sink& sink;
+    int slots = AUDIO_SLOT_COUNT;
+    int safe = 0;
+
+    // The first fragment is written. Until the producer's init has set the
+    // header, current holds the fill bytes, and the getter's moves would take
+    // it for a slot; so it is checked here first.
+    bool started() {
+        int32_t current = -1;
+        view.read(0, &current, sizeof current);
+        return current >= 0 && current < AUDIO_SLOT_COUNT && getter.toWorking(safe) != 0;
+    }
+    unsigned long long toWorking() { return getter.toWorking(safe); }
+    unsigned long long toOldest(int second) { return getter.toOldestWorking(safe, second); }
+    unsigned long long toNext() { return getter.toNext(safe); }
+    // Once the poll has seen the lock open the pool's own wait returns at
+    // once. Should the lock close again first, a signal or the pool's removal
+    // ends that wait with "semop failed." (the audio getters do not retry),
+    // which ends the reading like the poll's own outcomes.
+    Wait wait(int slot) {
+        Wait wait = waitOpen(locks, slot, creator);
+        if (wait != Wait::Open) return wait;
+        try {
+            QuietOutput quiet;  // the pool reports the failed semop itself
+            getter.waitReady();
+        } catch (const GetterError& error) {
+            if (interrupted) return Wait::Interrupted;
+            if (locks.value(slot) < 0) return Wait::Gone;
+            throw CliError(std::string("get: waiting for a fragment: ") + error.what());
+        }
+        return Wait::Open;
+    }
+    unsigned long long take() {
+        getter.getFragment();
+        return getter.getFragmentID();
+    }
+    bool write() { return sink.write(getter.fragment.data, static_cast<size_t>(getter.fragment.length)); }
+};
+
+// Bits per sample of a pcm format code that a WAV file can hold.
+int wavBits(int format) {
+    switch (format) {
+        case 1:
+        case 8:
+            return 8;
+        case 16:
+            return 16;
+        default:
+            throw CliError("get: the pcm pool's format code " + std::to_string(format) + " has no WAV form");
+    }
+}
+
+// A WAV file of the pcm pool's fragments: the header goes out before the
+// first fragment, from the pool's working format, with both sizes unknown
+// (0xFFFFFFFF); when the output can seek, the sizes are patched at the end.
+class WavSink {
+public:
+    WavSink(Output& out, PCMGetter& getter) : out_(out), getter_(getter) {}
+    ~WavSink() {
+        if (!started_) return;
+        std::vector<unsigned char> header = media::wavHeader(channels_, rate_, bits_, bytes_);
+        out_.patch(0, header.data(), header.size());
+    }
+    WavSink(const WavSink&) = delete;
+    WavSink& operator=(const WavSink&) = delete;
+
+    bool write(const unsigned char* data, size_t size) {
+        if (!started_) {
+            bits_ = wavBits(getter_.getWorkingFormat());
+            channels_ = getter_.getWorkingChannels();
+            rate_ = getter_.getWorkingRate();
+            if (channels_ < 1 || rate_ < 1)
+                throw CliError("get: the pcm pool gives " + std::to_string(channels_) + " channels at " +
+                               std::to_string(rate_) + " Hz");
+            std::vector<unsigned char> header = media::wavHeader(channels_, rate_, bits_, -1);
+            if (!out_.write(header.data(), header.size())) return false;
+            started_ = true;
+        }
+        bytes_ += static_cast<long long>(size);
+        return out_.write(data, size);
+    }
+
+private:
+    Output& out_;
+    PCMGetter& getter_;
+    bool started_ = false;
+    int bits_ = 0;
+    int channels_ = 0;
+    int rate_ = 0;
+    long long bytes_ = 0;
+};
+
+}  // namespace
+
+int getJpg(const GetJob& job) {
+    int key = JPG_BASE_KEY + job.channel;
+    OpenPool<JPGPoolHeader> pool(job, "jpg", key);
+    LockView locks(key, pool.header.frameCount);
+    JPGGetter getter;
+    initGetter<JPGGetterError>("jpg", job.channel, [&] { getter.init(job.channel); });
+    JpgRing ring{getter, locks, pool.view.creator(), pool.header.frameCount, *job.out};
+    followRing(job, ring, "frame");
     return 0;
 }
 
@@ -164,7 +293,7 @@ int getMp4(const GetJob& job) {
     int frames = pool.header.framesPerGop;
     GroupedLockView locks(MP4_BASE_KEY + job.channel * 16, gops * frames);
     MP4Getter getter;
-    initGetter<MP4Getter, MP4GetterError>(getter, "mp4", job.channel);
+    initGetter<MP4GetterError>("mp4", job.channel, [&] { getter.init(job.channel); });
 
     int safe = 0;
     if (!awaitFirst([&] { return getter.toWorkingGop(safe); }, locks, view.creator())) return 0;
@@ -197,7 +326,7 @@ int getMp4(const GetJob& job) {
                     behind = true;
                     break;
                 }
-                reportGap(expected, id);
+                reportGap(expected, id, "frame");
             } else if (id != expected) {
                 // A lower number (or reused bytes) is what an earlier GOP left
                 // in the slots this one did not need; a higher one means the
@@ -223,20 +352,36 @@ int getMp4(const GetJob& job) {
     return 0;
 }
 
-struct GetKind {
-    const char* name;
-    int (*get)(const GetJob& job);
-};
+// The fragments of the pcm pool as a WAV file.
+int getPcm(const GetJob& job) {
+    OpenPool<PCMPoolHeader> pool(job, "pcm", PCM_KEY);
+    GroupedLockView locks(PCM_KEY, AUDIO_SLOT_COUNT);
+    PCMGetter getter;
+    initGetter<PCMGetterError>("pcm", 0, [&] { getter.init(); });
+    WavSink sink(*job.out, getter);
+    AudioRing<PCMGetter, PCMGetterError, WavSink> ring{getter, pool.view, locks, pool.view.creator(), sink};
+    followRing(job, ring, "fragment");
+    return 0;
+}
 
-const GetKind kinds[] = {
-    {"jpg", getJpg},
-    {"mp4", getMp4},
-};
+// The fragments of an aac pool back to back: each is one ADTS frame.
+int getAac(const GetJob& job) {
+    OpenPool<AACPoolHeader> pool(job, "aac", AAC_BASE_KEY + job.channel);
+    GroupedLockView locks(AAC_BASE_KEY + job.channel * 16, AUDIO_SLOT_COUNT);
+    AACGetter getter;
+    initGetter<AACGetterError>("aac", job.channel, [&] { getter.init(job.channel); });
+    AudioRing<AACGetter, AACGetterError, Output> ring{getter, pool.view, locks, pool.view.creator(),
+                                                         *job.out};
+    followRing(job, ring, "fragment");
+    return 0;
+}
+
+namespace {
 
 int runGet(const ParsedArgs& args) {
     args.expectPositional(2, "a pool kind and a channel");
-    const GetKind& kind = findKind(kinds, args.positional()[0], "get");
-    int channel = parseInt(args.positional()[1], "get: channel", 0, MAX_CHANNEL);
+    const MediaKind& kind = findMediaKind(args.positional()[0], "get");
+    int channel = mediaChannel(kind, args.positional()[1], "get");
     int since = args.intOption("--since", -1, 0, 24 * 3600);
     int count = args.intOption("--count", 0, 1, 2000000000);
     catchInterrupts();
@@ -253,7 +398,13 @@ const Verb getVerb = {
     "write a pool's elements to standard output or a file",
     "Reads the pool of the given kind and channel and writes its elements one\n"
     "after the other: jpg as an MJPEG stream (the pictures concatenated), mp4 as\n"
-    "an H.264 Annex B stream that starts at an I frame and goes on GOP by GOP.\n"
+    "an H.264 Annex B stream that starts at an I frame and goes on GOP by GOP,\n"
+    "pcm as a WAV file in the pool's working format (16-bit, or 8-bit for\n"
+    "format codes 1 and 8), aac as an ADTS stream (the fragments concatenated).\n"
+    "The WAV header goes out before the first fragment with both sizes\n"
+    "0xFFFFFFFF; they are set at the end when the output is a seekable file.\n"
+    "pcm fragments hold 2048 bytes each, so a stream put from a WAV file ends\n"
+    "in the silence that completed its last fragment. CHANNEL is 0 for pcm.\n"
     "\n"
     "It follows the pool live from the newest element, or with --since from the\n"
     "oldest element captured at most SECONDS ago. When the writer overtakes it\n"

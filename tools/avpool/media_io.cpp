@@ -25,14 +25,18 @@ std::vector<unsigned char> readWholeFile(const std::string& path) {
     return bytes;
 }
 
-Output::Output(const std::string& path) : fd_(STDOUT_FILENO), owned_(false), name_("standard output") {
+Output::Output(const std::string& path)
+    : fd_(STDOUT_FILENO), start_(-1), owned_(false), name_("standard output") {
     // A reader that goes away ends the output with EPIPE instead of a signal.
     signal(SIGPIPE, SIG_IGN);
-    if (path.empty() || path == "-") return;
-    fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd_ == -1) throw CliError("get: cannot write " + path + ": " + strerror(errno));
-    owned_ = true;
-    name_ = path;
+    if (!path.empty() && path != "-") {
+        fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd_ == -1) throw CliError("get: cannot write " + path + ": " + strerror(errno));
+        owned_ = true;
+        name_ = path;
+    }
+    int flags = fcntl(fd_, F_GETFL);
+    if (flags != -1 && (flags & O_APPEND) == 0) start_ = lseek(fd_, 0, SEEK_CUR);
 }
 
 Output::~Output() {
@@ -49,6 +53,12 @@ bool Output::write(const unsigned char* data, size_t size) {
         size -= static_cast<size_t>(done);
     }
     return true;
+}
+
+bool Output::patch(size_t offset, const unsigned char* data, size_t size) {
+    if (start_ < 0) return false;
+    return pwrite(fd_, data, size, static_cast<off_t>(start_ + static_cast<long long>(offset))) ==
+           static_cast<ssize_t>(size);
 }
 
 QuietOutput::QuietOutput() {

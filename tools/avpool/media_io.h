@@ -1,6 +1,8 @@
 // Files and output streams of the verbs that move real media through pools.
 #pragma once
 
+#include "cli.h"
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -20,9 +22,14 @@ public:
     Output& operator=(const Output&) = delete;
     // False once the reader has gone (a closed pipe); other failures throw.
     bool write(const unsigned char* data, size_t size);
+    // Overwrites bytes written earlier, offset counted from where the output
+    // began; false, and nothing written, when the output cannot seek (a pipe,
+    // a terminal, a file opened for appending).
+    bool patch(size_t offset, const unsigned char* data, size_t size);
 
 private:
     int fd_;
+    long long start_;  // file offset of the first byte written; -1 when not seekable
     bool owned_;
     std::string name_;
 };
@@ -40,5 +47,17 @@ private:
     int savedOut_;
     int savedErr_;
 };
+
+// Runs a pool call (init) with its diagnostics silenced; its PoolError becomes
+// one line: failing, then ": " and the pool's message.
+template <class PoolError, class Call>
+void quietly(const std::string& failing, Call call) {
+    try {
+        QuietOutput quiet;
+        call();
+    } catch (const PoolError& error) {
+        throw CliError(failing + ": " + error.what());
+    }
+}
 
 }  // namespace avpool::cli

@@ -6,15 +6,20 @@
 
 #include "clock.h"
 #include "interrupt.h"
+#include "media/adts_stream.h"
 #include "media/h264_stream.h"
 #include "media/jpeg_stream.h"
+#include "media/wav_stream.h"
 #include "media_io.h"
+#include "media_kinds.h"
 #include "pool_kinds.h"
 #include "verbs.h"
 
+#include <avpool/aac.h>
 #include <avpool/infos.h>
 #include <avpool/jpg.h>
 #include <avpool/mp4.h>
+#include <avpool/pcm.h>
 
 #include <algorithm>
 #include <cstring>
@@ -33,21 +38,20 @@ constexpr int MP4_DEFAULT_GOPS = 8;
 constexpr int MP4_MIN_GOPS = 3;
 constexpr int RECORD_OVERHEAD = 8 + 3;  // frame-ID prefix and padding in the data ring
 constexpr int SLOT_RECORDS = 52;        // safe time and frame info per slot
-
-struct PutJob {
-    int channel;
-    std::string path;
-    std::vector<unsigned char> bytes;
-    const ParsedArgs* args;
-    bool loop;
-    int lingerMs;
-};
+constexpr long long AAC_FRAME_SAMPLES = 1024;  // per channel, in one raw data block
 
 // Elements of the file in order, each with what the pool's put call needs.
 struct Element {
     size_t offset;
     size_t length;
     bool key;  // mp4: starts a GOP
+};
+
+// How long one element lasts: ns / per nanoseconds, kept as a fraction so
+// that rates like 1024 samples at 44100 Hz do not drift.
+struct Period {
+    long long ns;
+    long long per;
 };
 
 [[noreturn]] void badFile(const PutJob& job, const std::exception& error) {
@@ -63,12 +67,33 @@ void refuseLivePool(int key, const char* kind, int channel) {
                        " is in use by process " + std::to_string(creator));
 }
 
-// Puts the elements at fps, from the start again with --loop, until the end or
-// an interrupt; then lingers.
+// Creates the kind's pool through init, silencing the pool's set-up
+// diagnostics; a failure becomes one line naming the pool.
+template <class PutterError, class Init>
+void createPool(const char* kind, int key, int channel, Init init) {
+    refuseLivePool(key, kind, channel);
+    quietly<PutterError>(std::string("put: cannot create the ") + kind + " pool on channel " + std::to_string(channel),
+                         init);
+}
+
+// The file split by the kind's splitter; a format error names the file.
+template <class Split>
+auto splitFile(const PutJob& job, Split split) {
+    try {
+        return split(job.bytes.data(), job.bytes.size());
+    } catch (const media::FormatError& error) {
+        badFile(job, error);
+    }
+}
+
+// Puts one element per period, from the start again with --loop, until the
+// end or an interrupt; then lingers.
 template <class PutOne>
-void pace(const PutJob& job, const std::vector<Element>& elements, int fps, PutOne putOne) {
+void pace(const PutJob& job, const std::vector<Element>& elements, Period period, PutOne putOne) {
     catchInterrupts();
-    long long period = NS_PER_S / fps;
+    long long step = period.ns / period.per;
+    long long remainder = period.ns % period.per;
+    long long carried = 0;
     long long due = monotonicNs();
     do {
         for (const Element& element : elements) {
@@ -77,7 +102,12 @@ void pace(const PutJob& job, const std::vector<Element>& elements, int fps, PutO
             timeval now;
             gettimeofday(&now, nullptr);
             putOne(element, now);
-            due += period;
+            due += step;
+            carried += remainder;
+            if (carried >= period.per) {
+                ++due;
+                carried -= period.per;
+            }
         }
     } while (job.loop && !interrupted);
     sleepUntilNs(monotonicNs() + static_cast<long long>(job.lingerMs) * 1000000);
@@ -94,13 +124,10 @@ int largest(const std::vector<Element>& elements) {
     return static_cast<int>(most);
 }
 
+}  // namespace
+
 int putJpg(const PutJob& job) {
-    std::vector<media::JpegPicture> pictures;
-    try {
-        pictures = media::splitMjpeg(job.bytes.data(), job.bytes.size());
-    } catch (const media::FormatError& error) {
-        badFile(job, error);
-    }
+    std::vector<media::JpegPicture> pictures = splitFile(job, media::splitMjpeg);
     std::vector<Element> elements;
     for (const media::JpegPicture& picture : pictures) elements.push_back({picture.offset, picture.length, true});
     const ParsedArgs& args = *job.args;
@@ -109,24 +136,20 @@ int putJpg(const PutJob& job) {
     int maxFrame = args.intOption("--max-frame", largest(elements), 1, MAX_BYTES);
     int dataSize = args.intOption("--data-size", slots * (SLOT_RECORDS + maxFrame + RECORD_OVERHEAD), 1, MAX_BYTES);
 
-    refuseLivePool(JPG_BASE_KEY + job.channel, "jpg", job.channel);
     JPGPutter putter;
-    try {
-        QuietOutput quiet;
-        putter.init(job.channel, slots, maxFrame, dataSize);
-    } catch (const JPGPutterError& error) {
-        throw CliError("put: cannot create the jpg pool on channel " + std::to_string(job.channel) + ": " +
-                       error.what());
-    }
+    createPool<JPGPutterError>("jpg", JPG_BASE_KEY + job.channel, job.channel,
+                               [&] { putter.init(job.channel, slots, maxFrame, dataSize); });
     putter.reset(pictures[0].width, pictures[0].height, fps, 0);
     size_t next = 0;
-    pace(job, elements, fps, [&](const Element& element, const timeval& now) {
+    pace(job, elements, {NS_PER_S, fps}, [&](const Element& element, const timeval& now) {
         const media::JpegPicture& picture = pictures[next++ % pictures.size()];
         putter.reset(picture.width, picture.height, 0, -1);
         putter.putFrame(elementData(job, element), static_cast<int>(element.length), now);
     });
     return 0;
 }
+
+namespace {
 
 // Publishes the stream's parameters to the profiles of the information area
 // that name this channel (among the profiles the encoder announced): picture
@@ -160,13 +183,10 @@ void publishStream(int channel, const media::H264Stream& stream, int fps) {
     shmdt(address);
 }
 
+}  // namespace
+
 int putMp4(const PutJob& job) {
-    media::H264Stream stream;
-    try {
-        stream = media::splitH264(job.bytes.data(), job.bytes.size());
-    } catch (const media::FormatError& error) {
-        badFile(job, error);
-    }
+    media::H264Stream stream = splitFile(job, media::splitH264);
     // A GOP begins at an IDR picture; pictures before the first have nothing
     // to refer to and are left out.
     std::vector<Element> elements;
@@ -197,18 +217,13 @@ int putMp4(const PutJob& job) {
     long long ring = static_cast<long long>(gops) * static_cast<long long>(mostGopBytes);
     int dataSize = args.intOption("--data-size", static_cast<int>(std::min<long long>(ring, MAX_BYTES)), 1, MAX_BYTES);
 
-    refuseLivePool(MP4_BASE_KEY + job.channel, "mp4", job.channel);
     MP4Putter putter;
-    try {
-        QuietOutput quiet;
+    createPool<MP4PutterError>("mp4", MP4_BASE_KEY + job.channel, job.channel, [&] {
         putter.init(job.channel, gops, framesPerGop, maxFrame, dataSize + gops * framesPerGop * SLOT_RECORDS);
-    } catch (const MP4PutterError& error) {
-        throw CliError("put: cannot create the mp4 pool on channel " + std::to_string(job.channel) + ": " +
-                       error.what());
-    }
+    });
     putter.reset(stream.picture.width, stream.picture.height, fps);
     publishStream(job.channel, stream, fps);
-    pace(job, elements, fps, [&](const Element& element, const timeval& now) {
+    pace(job, elements, {NS_PER_S, fps}, [&](const Element& element, const timeval& now) {
         void* data = elementData(job, element);
         if (element.key)
             putter.putIFrame(data, static_cast<int>(element.length), now);
@@ -218,20 +233,61 @@ int putMp4(const PutJob& job) {
     return 0;
 }
 
-struct PutKind {
-    const char* name;
-    int (*put)(const PutJob& job);
-};
+// The samples of a WAV file in windows of PCM_FRAGMENT_SIZE bytes, one per
+// fragment, paced by the file's byte rate (the pool's own fragment time is
+// truncated to whole milliseconds and would drift). A pcm fragment always
+// carries PCM_FRAGMENT_SIZE bytes, so the last window is completed with silence.
+int putPcm(const PutJob& job) {
+    media::WavAudio audio = splitFile(job, media::readWav);
+    std::vector<Element> elements;
+    for (size_t at = 0; at < audio.dataLength; at += PCM_FRAGMENT_SIZE)
+        elements.push_back({audio.dataOffset + at, std::min<size_t>(PCM_FRAGMENT_SIZE, audio.dataLength - at), false});
 
-const PutKind kinds[] = {
-    {"jpg", putJpg},
-    {"mp4", putMp4},
-};
+    PCMPutter putter;
+    createPool<PCMPutterError>("pcm", PCM_KEY, 0, [&] { putter.init(); });
+    // The format code is the number of bits per sample.
+    putter.reset(audio.bits, audio.channels, audio.rate);
+    unsigned char last[PCM_FRAGMENT_SIZE];
+    memset(last, audio.bits == 8 ? 0x80 : 0, sizeof last);  // 8-bit samples are unsigned
+    long long bytesPerSecond = static_cast<long long>(audio.rate) * audio.channels * (audio.bits / 8);
+    pace(job, elements, {PCM_FRAGMENT_SIZE * NS_PER_S, bytesPerSecond}, [&](const Element& element, const timeval& now) {
+        void* data = elementData(job, element);
+        if (element.length < PCM_FRAGMENT_SIZE) data = memcpy(last, data, element.length);
+        putter.putFragment(data, PCM_FRAGMENT_SIZE, now);
+    });
+    return 0;
+}
+
+// Each ADTS frame, header included, is one fragment, paced at 1024 samples
+// per frame at the stream's rate. The fragment's stream parameter is the
+// audio object type (2 for AAC LC). A frame too long for a fragment is an
+// error rather than split, since a consumer takes each fragment as a frame.
+int putAac(const PutJob& job) {
+    media::AdtsStream stream = splitFile(job, media::splitAdts);
+    std::vector<Element> elements;
+    for (const media::AdtsFrame& frame : stream.frames) {
+        if (frame.length > AAC_MAX_FRAGMENT_SIZE)
+            throw CliError("put: " + job.path + ": ADTS frame at byte " + std::to_string(frame.offset) + " has " +
+                           std::to_string(frame.length) + " bytes, more than an aac fragment holds (" +
+                           std::to_string(AAC_MAX_FRAGMENT_SIZE) + ")");
+        elements.push_back({frame.offset, frame.length, false});
+    }
+
+    AACPutter putter;
+    createPool<AACPutterError>("aac", AAC_BASE_KEY + job.channel, job.channel, [&] { putter.init(job.channel); });
+    putter.reset(16, stream.channels, stream.rate, stream.objectType);
+    pace(job, elements, {AAC_FRAME_SAMPLES * NS_PER_S, stream.rate}, [&](const Element& element, const timeval& now) {
+        putter.putFragment(elementData(job, element), static_cast<int>(element.length), now);
+    });
+    return 0;
+}
+
+namespace {
 
 int runPut(const ParsedArgs& args) {
     args.expectPositional(3, "a pool kind, a channel and a file");
-    const PutKind& kind = findKind(kinds, args.positional()[0], "put");
-    PutJob job{parseInt(args.positional()[1], "put: channel", 0, MAX_CHANNEL), args.positional()[2], {}, &args,
+    const MediaKind& kind = findMediaKind(args.positional()[0], "put");
+    PutJob job{mediaChannel(kind, args.positional()[1], "put"), args.positional()[2], {}, &args,
                args.has("--loop"), args.intOption("--linger", 1000, 0, 3600 * 1000)};
     job.bytes = readWholeFile(job.path);
     return kind.put(job);
@@ -255,11 +311,17 @@ const Verb putVerb = {
     "it has none). When the information area exists, the profiles it announces\n"
     "for this channel get the picture size, the rate (as the third video value)\n"
     "and the SPS and PPS without start codes.\n"
+    "pcm: FILE is a WAV file of PCM samples, 8 or 16 bits, any number of\n"
+    "channels, at least 1000 Hz; every 2048 bytes of samples are one fragment,\n"
+    "the last completed with silence. There is one pcm pool: CHANNEL is 0.\n"
+    "aac: FILE is an AAC stream in ADTS frames of at most 512 bytes; each frame\n"
+    "is one fragment, 1024 samples long, with its audio object type as the\n"
+    "stream parameter.\n"
     "\n"
     "The pool is sized from the file unless told otherwise. Refuses to replace a\n"
     "pool whose creator still runs.\n",
     {{"--loop", nullptr, "start the file again at its end, until interrupted"},
-     {"--fps", "N", "elements per second (default: from the stream, else 25)"},
+     {"--fps", "N", "jpg, mp4: elements per second (default: from the stream, else 25)"},
      {"--linger", "MS", "milliseconds to keep the pool after the end (default 1000)"},
      {"--slots", "N", "jpg: frames in the ring (default 30); mp4: GOPs in the ring (default 8)"},
      {"--gop-frames", "N", "mp4: frame slots per GOP (default: the file's longest GOP)"},

@@ -257,6 +257,59 @@ roundtrip() {
     expect_rc gone 1 "stat $1 3 after put ended"
 }
 
+
+# media_audio DIR: generates the audio test files, or skips the case.
+media_audio() {
+    sh "$MEDIA_SCRIPT" "$1" audio >"$work/media.log" 2>&1
+    status=$?
+    [ "$status" = 77 ] && { echo "SKIP [$case_name]: $(cat "$work/media.log")"; exit 77; }
+    [ "$status" = 0 ] || fail "make-media.sh audio failed"
+}
+
+# audio_probe FILE: "codec,rate,channels,frames" of the first audio stream as
+# ffprobe decodes it.
+audio_probe() {
+    ffprobe -v error -count_frames -select_streams a:0 \
+        -show_entries stream=codec_name,sample_rate,channels,nb_read_frames -of csv=p=0 "$1"
+}
+
+# samples_of WAV RAW FORMAT: the bytes of WAV's data chunk as ffmpeg demuxes them.
+samples_of() {
+    ffmpeg -nostdin -v error -y -i "$1" -map 0:a -c copy -f "$3" "$2" || fail "ffmpeg cannot read $1"
+}
+
+# le32 N, le16 N: the little-endian bytes of N as printf escapes.
+le32() {
+    printf '\\%03o\\%03o\\%03o\\%03o' $(($1 % 256)) $(($1 / 256 % 256)) $(($1 / 65536 % 256)) $(($1 / 16777216 % 256))
+}
+le16() {
+    printf '\\%03o\\%03o' $(($1 % 256)) $(($1 / 256 % 256))
+}
+
+# wav_header CHANNELS RATE BITS DATA-SIZE: the 44 bytes get writes; a
+# DATA-SIZE of "unknown" gives 0xFFFFFFFF as both sizes.
+wav_header() {
+    block=$(($1 * $3 / 8))
+    if [ "$4" = unknown ]; then riff=4294967295 data=4294967295; else riff=$(($4 + 36)) data=$4; fi
+    printf "RIFF$(le32 $riff)WAVEfmt $(le32 16)$(le16 1)$(le16 "$1")$(le32 "$2")$(le32 $(($2 * block)))$(le16 $block)$(le16 "$3")data$(le32 $data)"
+}
+
+# start_put PATTERN ARGS...: avpool put ARGS in the background ($producer),
+# once avpool ls shows a line matching PATTERN.
+start_put() {
+    pattern=$1
+    shift
+    $EMULATOR "$AVPOOL" put "$@" >"$work/put.out" 2>"$work/put.err" &
+    producer=$!
+    background="$background $producer"
+    until_ls ls 10 "$pattern"
+}
+
+# expect_ipc_empty: no pool segment or semaphore set is left.
+expect_ipc_empty() {
+    [ -z "$(ipcs -m | grep '0x0000')$(ipcs -s | grep '0x0000')" ] || fail "IPC objects left: $(ipcs)"
+}
+
 case $case_name in
 demo)
     run demo 30 demo --seconds 5
@@ -1017,7 +1070,7 @@ media-errors)
     expect_error_line e "avpool: get: no mp4 pool on channel 4 (key 0x4b04)"
     run e 10 get mov 4
     expect_rc e 2 "get mov 4"
-    expect_error_line e "avpool: get: unknown pool kind 'mov' (known: jpg, mp4)"
+    expect_error_line e "avpool: get: unknown pool kind 'mov' (known: jpg, mp4, pcm, aac)"
     for verb in ls watch clean put get; do
         run h 10 "$verb" --help
         expect_rc h 0 "$verb --help"
@@ -1028,6 +1081,133 @@ media-errors)
     [ "$(grep -c '^avpool watch ' "$work/w.out")" = 2 ] || fail "watch --count 2 did not print two blocks"
     grep -q "$(printf '\033')" "$work/w.out" && fail "watch wrote terminal escapes into a file"
     [ -z "$(ipcs -m | grep '0x0000')$(ipcs -s | grep '0x0000')" ] || fail "IPC objects left: $(ipcs)"
+    ;;
+
+media-pcm)
+    # A WAV file of whole fragments comes back with the same samples; ls shows
+    # the producer's pool with its format and newest fragment.
+    media_audio "$work/m"
+    start_put "^pcm +- +0x4a00 " pcm 0 "$work/m/tone.wav" --linger 4000
+    run get 30 get pcm 0 --since 60 --count 16 -o "$work/out.wav"
+    expect_rc get 0 "get pcm 0 --count 16"
+    [ -s "$work/get.err" ] && fail "get pcm wrote to stderr"
+    until_ls ls 10 "^pcm +- +0x4a00 +420016 +[0-9]+ +[0-9]+ +live +16 +[0-9.]+ s +format 16, 1 ch, 8000 Hz$"
+    wav_header 1 8000 16 32768 >"$work/expected.head"
+    head -c 44 "$work/out.wav" >"$work/got.head"
+    cmp "$work/expected.head" "$work/got.head" || fail "WAV header of get pcm: $(od -An -tx1 "$work/got.head")"
+    [ "$(wc -c <"$work/out.wav")" = $((44 + 32768)) ] || fail "out.wav is $(wc -c <"$work/out.wav") bytes"
+    samples_of "$work/m/tone.wav" "$work/in.raw" s16le
+    tail -c +45 "$work/out.wav" >"$work/out.raw"
+    cmp "$work/in.raw" "$work/out.raw" || fail "samples read back differ from the WAV put"
+    [ "$(audio_probe "$work/out.wav")" = "$(audio_probe "$work/m/tone.wav")" ] ||
+        fail "ffprobe: $(audio_probe "$work/out.wav") read back, $(audio_probe "$work/m/tone.wav") put"
+    wait_for "$producer" 20
+    [ $? = 0 ] || fail "put pcm did not end with 0"
+    run gone 10 get pcm 0
+    expect_rc gone 1 "get pcm 0 after put ended"
+    expect_error_line gone "avpool: get: no pcm pool on channel 0 (key 0x4a00)"
+
+    # 8-bit stereo that ends inside a fragment, read into a pipe: the sizes stay
+    # unknown and the last fragment is completed with unsigned silence (0x80).
+    start_put "^pcm +- +0x4a00 " pcm 0 "$work/m/stereo8.wav" --linger 4000
+    timeout -k 2 30 $EMULATOR "$AVPOOL" get pcm 0 --since 60 --count 11 2>"$work/pipe.err" | cat >"$work/pipe.wav"
+    [ -s "$work/pipe.err" ] && fail "get pcm into a pipe wrote to stderr"
+    wav_header 2 11025 8 unknown >"$work/expected.head"
+    head -c 44 "$work/pipe.wav" >"$work/got.head"
+    cmp "$work/expected.head" "$work/got.head" || fail "WAV header on a pipe: $(od -An -tx1 "$work/got.head")"
+    [ "$(wc -c <"$work/pipe.wav")" = $((44 + 11 * 2048)) ] || fail "pipe.wav is $(wc -c <"$work/pipe.wav") bytes"
+    samples_of "$work/m/stereo8.wav" "$work/in8.raw" u8
+    tail -c +45 "$work/pipe.wav" | head -c 22050 >"$work/out8.raw"
+    cmp "$work/in8.raw" "$work/out8.raw" || fail "8-bit samples read back differ"
+    [ "$(tail -c 478 "$work/pipe.wav" | od -An -v -tx1 | tr -s ' \n' '\n\n' | sort -u | tr -d '\n')" = 80 ] ||
+        fail "the last fragment is not completed with 0x80"
+    [ "$(audio_probe "$work/pipe.wav" | cut -d, -f1-3)" = "pcm_u8,11025,2" ] ||
+        fail "ffprobe reads the piped WAV as $(audio_probe "$work/pipe.wav")"
+    wait_for "$producer" 20
+    [ $? = 0 ] || fail "put pcm of 8-bit stereo did not end with 0"
+
+    # SIGINT ends a live get cleanly; the file's sizes are set at the end.
+    start_put "^pcm +- +0x4a00 " pcm 0 "$work/m/tone.wav" --loop
+    $EMULATOR "$AVPOOL" get pcm 0 -o "$work/live.wav" 2>"$work/live.err" &
+    consumer=$!
+    background="$background $consumer"
+    waited=0
+    until [ "$(wc -c <"$work/live.wav" 2>/dev/null || echo 0)" -gt $((44 + 2 * 2048)) ]; do
+        [ "$waited" -ge 100 ] && fail "live get pcm wrote nothing within 10 s"
+        sleep 0.1
+        waited=$((waited + 1))
+    done
+    kill -INT "$consumer"
+    wait_for "$consumer" 10
+    [ $? = 0 ] || fail "get pcm ended by SIGINT did not exit 0"
+    [ -s "$work/live.err" ] && fail "get pcm ended by SIGINT wrote to stderr: $(cat "$work/live.err")"
+    size=$(($(wc -c <"$work/live.wav") - 44))
+    [ $((size % 2048)) = 0 ] || fail "live.wav holds $size bytes of samples, not whole fragments"
+    wav_header 1 8000 16 "$size" >"$work/expected.head"
+    head -c 44 "$work/live.wav" >"$work/got.head"
+    cmp "$work/expected.head" "$work/got.head" || fail "sizes not set after SIGINT: $(od -An -tx1 "$work/got.head")"
+    kill -INT "$producer"
+    wait_for "$producer" 10
+    [ $? = 0 ] || fail "put pcm --loop did not end cleanly on SIGINT"
+    background=""
+    expect_ipc_empty
+    ;;
+
+media-aac)
+    # An ADTS stream comes back frame for frame; ffprobe decodes the same.
+    media_audio "$work/m"
+    start_put "^aac +3 +0x4f03 +112816 .* live +[0-9]+ +[0-9.]+ s +format 16, 2 ch, 44100 Hz$" \
+        aac 3 "$work/m/tone.aac" --linger 3000
+    run five 30 get aac 3 --since 60 --count 5 -o "$work/five.aac"
+    expect_rc five 0 "get aac 3 --count 5"
+    run get 30 get aac 3 --since 60 -o "$work/out.aac"
+    expect_rc get 0 "get aac 3 until the pool is removed"
+    [ -s "$work/five.err" ] || [ -s "$work/get.err" ] && fail "get aac wrote to stderr"
+    cmp "$work/m/tone.aac" "$work/out.aac" || fail "AAC stream read back differs from the file put"
+    expected=$(audio_probe "$work/m/tone.aac")
+    [ "${expected%,*}" = "aac,44100,2" ] || fail "ffprobe reads the test stream as $expected"
+    [ "$(audio_probe "$work/out.aac")" = "$expected" ] ||
+        fail "ffprobe: $(audio_probe "$work/out.aac") read back, $expected put"
+    [ "$(audio_probe "$work/five.aac")" = "aac,44100,2,5" ] ||
+        fail "five fragments decode as $(audio_probe "$work/five.aac")"
+    cmp -n "$(wc -c <"$work/five.aac")" "$work/five.aac" "$work/m/tone.aac" ||
+        fail "the first five fragments are not the stream's first five frames"
+    wait_for "$producer" 20
+    [ $? = 0 ] || fail "put aac did not end with 0"
+    expect_ipc_empty
+    ;;
+
+media-audio-errors)
+    media_audio "$work/m"
+    run e 10 put aac 0 "$work/m/tone.wav"
+    expect_rc e 1 "put aac of a WAV file"
+    expect_error_line e "avpool: put: $work/m/tone.wav: not an ADTS stream: it does not begin with a sync word"
+    echo "not audio at all" >"$work/notes.txt"
+    run e 10 put pcm 0 "$work/notes.txt"
+    expect_rc e 1 "put pcm of a text file"
+    expect_error_line e "avpool: put: $work/notes.txt: not a WAV file: it does not begin with a RIFF/WAVE header"
+    run e 10 put pcm 0 "$work/m/deep.wav"
+    expect_rc e 1 "put pcm of a 24-bit WAV"
+    expect_error_line e "avpool: put: $work/m/deep.wav: 24-bit samples are not supported, only 8 or 16 bits"
+    run e 10 put aac 0 "$work/m/loud.aac"
+    expect_rc e 1 "put aac of frames over 512 bytes"
+    grep -qx "avpool: put: $work/m/loud.aac: ADTS frame at byte [0-9]* has [0-9]* bytes, more than an aac fragment holds (512)" \
+        "$work/e.err" || fail "a long ADTS frame not reported: $(cat "$work/e.err")"
+    head -c 3000 "$work/m/tone.aac" >"$work/cut.aac"
+    run e 10 put aac 0 "$work/cut.aac"
+    expect_rc e 1 "put aac of a truncated stream"
+    grep -qx "avpool: put: $work/cut.aac: ADTS frame at byte [0-9]* is truncated at byte 3000" "$work/e.err" ||
+        fail "truncated ADTS not reported: $(cat "$work/e.err")"
+    run e 10 put pcm 2 "$work/m/tone.wav"
+    expect_rc e 2 "put pcm 2"
+    expect_error_line e "avpool: put: there is one pcm pool per machine: CHANNEL must be 0, not 2"
+    run e 10 get pcm 1
+    expect_rc e 2 "get pcm 1"
+    expect_error_line e "avpool: get: there is one pcm pool per machine: CHANNEL must be 0, not 1"
+    run e 10 get aac 7
+    expect_rc e 1 "get aac 7 without a pool"
+    expect_error_line e "avpool: get: no aac pool on channel 7 (key 0x4f07)"
+    expect_ipc_empty
     ;;
 
 *)
