@@ -89,6 +89,11 @@ int segmentKey(const PoolPlan& plan) {
     return avpool::cli::segmentKey(poolKind(plan.kind), plan.channel);
 }
 
+// Every pool of the demo keeps its locks in one semaphore set.
+static int lockKey(const PoolPlan& plan) {
+    return avpool::cli::firstLockKey(poolKind(plan.kind), plan.channel);
+}
+
 const char* poolLabel(const PoolPlan& plan, char* text, int size) {
     if (fixedKey(plan.kind))
         snprintf(text, size, "%s -", kindName(plan.kind));
@@ -262,6 +267,19 @@ void castPools(int firstChannel, Cast& cast) {
                            "; choose other channels with --channel");
         index[p] = cast.poolCount;
         cast.pools[cast.poolCount++] = plan;
+    }
+    // The kinds' semaphore keys overlap across channels: on some channels one
+    // pool's putter would remove the locks of another.
+    for (int p = 0; p < cast.poolCount; ++p) {
+        const PoolPlan& plan = cast.pools[p];
+        for (int q = 0; q < cast.poolCount + cast.leftAloneCount; ++q) {
+            const PoolPlan& other = q < cast.poolCount ? cast.pools[q] : cast.leftAlone[q - cast.poolCount];
+            if (q == p || lockKey(other) != lockKey(plan)) continue;
+            throw CliError(std::string("demo: on channel ") + std::to_string(firstChannel) + " the " +
+                           kindName(plan.kind) + " and " + kindName(other.kind) +
+                           " pools would keep their locks under one key, " + avpool::cli::hexKey(lockKey(plan)) +
+                           "; choose other channels with --channel");
+        }
     }
     for (const ConsumerPlan& consumer : consumerPlans) {
         if (index[consumer.pool] < 0) continue;
