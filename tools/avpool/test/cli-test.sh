@@ -891,15 +891,25 @@ stat-rings)
     # that hold what the producer put.
     start_demo live
     now=$(date +%s)
+    # audio_header OUT TITLE KEY SIZE FORMAT MS EXTRAS: the exact header of an
+    # audio pool (mono at 8 kHz), one set of 200 locks under its key, safe
+    # times of MS a slot from the next to be overwritten round to the newest,
+    # and the fragment table's columns, EXTRAS after the lock.
+    audio_header() {
+        key=$(printf '0x%x (%d)' "$3" "$3")
+        for line in "$2" "key:              $key" "size:             $4" "creator pid:      $demo" \
+            "workingFormat:    $5" "workingChannels:  1" "workingRate:      8000" "lock group 0:     key $key"; do
+            expect_line "$1" "$line"
+        done
+        grep -qx ' *semaphore set [0-9]*, 200 semaphores' "$work/$1.out" || fail "no set of 200 semaphores in $1"
+        current=$(sed -n 's/^current: *//p' "$work/$1.out")
+        expect_line "$1" \
+            "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): $6..$(($6 * 199)) (+$6); slot $current: 0"
+        grep -qE "^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock$7\$" \
+            "$work/$1.out" || fail "the fragment table of $1 lacks its columns$7"
+    }
     until_shown pcm 10 ring_running "the producer, its reader and three fragments" stat pcm
-    for line in "pcm pool" "key:              0x4a00 (18944)" "size:             420016" "creator pid:      $demo" \
-        "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" "lock group 0:     key 0x4a00 (18944)"; do
-        expect_line pcm "$line"
-    done
-    grep -qx ' *semaphore set [0-9]*, 200 semaphores' "$work/pcm.out" || fail "no set of 200 semaphores in stat pcm"
-    # From the next slot to be overwritten round to the newest: 128 ms a slot.
-    current=$(sed -n 's/^current: *//p' "$work/pcm.out")
-    expect_line pcm "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 128..25472 (+128); slot $current: 0"
+    audio_header pcm "pcm pool" 18944 420016 16 128 ""
     run pcm0 10 stat pcm 0 --last 200
     expect_rc pcm0 0 "stat pcm 0"
     # ring_rows FILE SLOTS LENGTH-RANGE EXTRAS: every listed slot holds the
@@ -931,15 +941,7 @@ stat-rings)
     grep -qx 'written slots: [0-9]* of 200, the newest [0-9]* shown (--last N)' "$work/pcm0.out" || fail "no written-slots line"
 
     until_stat aac aac 0 10 ring_running "the producer, its reader and three fragments"
-    for line in "aac pool, channel 0" "key:              0x4f00 (20224)" "size:             112816" \
-        "creator pid:      $demo" "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" \
-        "lock group 0:     key 0x4f00 (20224)"; do
-        expect_line aac "$line"
-    done
-    current=$(sed -n 's/^current: *//p' "$work/aac.out")
-    expect_line aac "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 256..50944 (+256); slot $current: 0"
-    grep -qE '^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock +streamParam$' \
-        "$work/aac.out" || fail "no streamParam column in stat aac"
+    audio_header aac "aac pool, channel 0" 20224 112816 16 256 " +streamParam"
     # The streamParam (0x1588) comes after the safe time and the lock.
     ring_rows aac 200 64-512 " 16 1 8000 2048"
     awk '/^[* ] +[0-9]+ +[1-9]/ && $NF != 5512 { exit 1 }' "$work/aac.out" || fail "a fragment without streamParam 5512"
@@ -949,29 +951,13 @@ stat-rings)
     # Opus: 8-bit mono at 8 kHz makes 64 ms and 512 samples a fragment; the
     # length recorded is the one given, 20 to 512.
     until_shown opus 10 ring_running "the producer, its reader and three fragments" stat opus --last 200
-    for line in "opus pool" "key:              0x5a00 (23040)" "size:             112816" "creator pid:      $demo" \
-        "workingFormat:    8" "workingChannels:  1" "workingRate:      8000" "lock group 0:     key 0x5a00 (23040)"; do
-        expect_line opus "$line"
-    done
-    grep -qx ' *semaphore set [0-9]*, 200 semaphores' "$work/opus.out" || fail "no set of 200 semaphores in stat opus"
-    current=$(sed -n 's/^current: *//p' "$work/opus.out")
-    expect_line opus "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 64..12736 (+64); slot $current: 0"
-    grep -qE '^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock$' "$work/opus.out" ||
-        fail "stat opus shows columns beyond the lock"
+    audio_header opus "opus pool" 23040 112816 8 64 ""
     ring_rows opus 200 20-512 " 8 1 8000 512"
 
     # AMR: every fragment carries the streamParam of the reset (0xff) and its
     # mode, its ID modulo 8, as fragmentParam.
     until_stat amr amr 0 10 ring_running "the producer, its reader and three fragments"
-    for line in "amr pool, channel 0" "key:              0x5000 (20480)" "size:             216816" \
-        "creator pid:      $demo" "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" \
-        "lock group 0:     key 0x5000 (20480)"; do
-        expect_line amr "$line"
-    done
-    current=$(sed -n 's/^current: *//p' "$work/amr.out")
-    expect_line amr "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 256..50944 (+256); slot $current: 0"
-    grep -qE '^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock +streamParam +fragmentParam$' \
-        "$work/amr.out" || fail "no streamParam and fragmentParam columns in stat amr"
+    audio_header amr "amr pool, channel 0" 20480 216816 16 256 " +streamParam +fragmentParam"
     ring_rows amr 200 32-1024 " 16 1 8000 2048"
     awk '/^[* ] +[0-9]+ +[1-9]/ { sub(/^\*/, " "); if ($(NF - 1) != 255 || $NF != $2 % 8) { print; exit 1 } }' \
         "$work/amr.out" >"$work/params.err" || fail "amr fragment with other parameters: $(cat "$work/params.err")"
