@@ -50,8 +50,8 @@ void printConsumerRow(const RunView& run, int i, const char* lag) {
     paceText(consumer, pace, sizeof pace);
     char label[24];
     poolLabel(run.pools[consumer.pool], label, sizeof label);
-    printf("%-9s %-6s %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, label, pace, load(counters.read), load(counters.skipped), load(counters.overwritten), load(counters.overtaken),
-           load(counters.errors), lag);
+    printf("%-9s %-6s %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, label, pace, load(counters.read),
+           load(counters.skipped), load(counters.overwritten), load(counters.overtaken), load(counters.errors), lag);
 }
 
 // One pool of the closing table: its key, ring and rate, what it holds and

@@ -61,23 +61,32 @@ public:
     int getWorkingRate() const { return header().workingRate; }
 
     unsigned long long toWorking(int& safeTime) { return moveTo(header().current, safeTime); }
-    unsigned long long toNext(int& safeTime) { return moveTo(cursor_ + 1 < AUDIO_SLOT_COUNT ? cursor_ + 1 : 0, safeTime); }
+    unsigned long long toNext(int& safeTime) {
+        return moveTo(cursor_ + 1 < AUDIO_SLOT_COUNT ? cursor_ + 1 : 0, safeTime);
+    }
     unsigned long long getFragmentID() const { return slot().head.fragmentID.get(); }
 
     void waitReady() const {
         for (;;) {
             int value = locks_->value(slot().head.lockIndex);
             if (value == 0) return;
-            if (value < 0) throw avpool::PoolError("amr pool: the lock of slot " + std::to_string(cursor_) + " is gone");
+            if (value < 0)
+                throw avpool::PoolError("amr pool: the lock of slot " + std::to_string(cursor_) + " is gone");
             avpool::cli::sleepMs(1);
         }
     }
 
     void getFragment() {
         const AMRFragmentInfo& info = slot();
-        fragment = AmrFragment{info.head.format,   info.head.channels, info.head.rate,
-                               info.head.sampleNumber, info.streamParam, info.fragmentParam,
-                               timeval{info.head.tv_sec, info.head.tv_usec}, info.data, info.head.length};
+        fragment = AmrFragment{info.head.format,
+                               info.head.channels,
+                               info.head.rate,
+                               info.head.sampleNumber,
+                               info.streamParam,
+                               info.fragmentParam,
+                               timeval{info.head.tv_sec, info.head.tv_usec},
+                               info.data,
+                               info.head.length};
     }
 
     AmrFragment fragment{};
