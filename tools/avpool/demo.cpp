@@ -1,5 +1,5 @@
 // avpool demo: a producer and several consumer processes on two JPEG pools, a
-// video pool, a PCM and an AAC pool and the two analysis pools, every element
+// video pool, the four audio pools and the two analysis pools, every element
 // checked, with a live summary. The producer (this process) creates the pools
 // and writes into them at their rates; the consumers are forked children that
 // publish their counters on a board in shared anonymous memory.
@@ -14,10 +14,12 @@
 #include "verbs.h"
 
 #include <avpool/aac.h>
+#include <avpool/amr.h>
 #include <avpool/jpg.h>
 #include <avpool/lum.h>
 #include <avpool/md.h>
 #include <avpool/mp4.h>
+#include <avpool/opus.h>
 #include <avpool/pcm.h>
 
 #include <cerrno>
@@ -44,6 +46,10 @@ const char* kindName(PoolKind kind) {
         return "pcm";
     case PoolKind::Aac:
         return "aac";
+    case PoolKind::Opus:
+        return "opus";
+    case PoolKind::Amr:
+        return "amr";
     case PoolKind::Lum:
         return "lum";
     case PoolKind::Md:
@@ -72,11 +78,20 @@ bool hasProfile(PoolKind kind) {
 }
 
 bool isAudio(PoolKind kind) {
-    return kind == PoolKind::Pcm || kind == PoolKind::Aac;
+    return kind == PoolKind::Pcm || kind == PoolKind::Aac || kind == PoolKind::Opus || kind == PoolKind::Amr;
+}
+
+int amrMode(unsigned long long number) {
+    return static_cast<int>(number % 8);
 }
 
 int segmentKey(const PoolPlan& plan) {
     return avpool::cli::segmentKey(poolKind(plan.kind), plan.channel);
+}
+
+// Every pool of the demo keeps its locks in one semaphore set.
+static int lockKey(const PoolPlan& plan) {
+    return avpool::cli::firstLockKey(poolKind(plan.kind), plan.channel);
 }
 
 const char* poolLabel(const PoolPlan& plan, char* text, int size) {
@@ -131,8 +146,13 @@ using avpool::cli::NS_PER_S;
 // A PCM pool (its one fixed key) of 16-bit mono at 8 kHz: 2048-byte fragments
 // of 1024 samples every 128 ms; an AAC pool of encoded fragments of 64 to 512
 // bytes, counted by the pool as 2048 samples and 256 ms each, with the stream's
-// AudioSpecificConfig (AAC LC, 8 kHz, mono) as streamParam. Both rings hold
-// 200 fragments, far more than a live reader ever lags.
+// AudioSpecificConfig (AAC LC, 8 kHz, mono) as streamParam. The Opus pool (its
+// one fixed key) is given 8-bit mono at 8 kHz, which the pool counts as 512
+// samples and 64 ms a fragment; it always copies 512 bytes and records the
+// length given, 20 to 512. An AMR pool takes fragments of 32 to 1024 bytes,
+// counted like AAC's, with the mode set (all eight modes) as streamParam and
+// each fragment's mode as fragmentParam. Every ring holds 200 fragments, far
+// more than a live reader ever lags.
 //
 // The analysis pools at the video rate: luminance pictures of 80 x 64 16-bit
 // samples in a ring of 6, and motion maps of two 64 x 48 arrays in a ring of 5
@@ -148,6 +168,10 @@ const PoolPlan poolPlans[] = {
     {PoolKind::Pcm, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, PCM_FRAGMENT_SIZE, PCM_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1,
      8000, 0, 128, 1024, 0, 1},
     {PoolKind::Aac, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 64, AAC_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0x1588,
+     256, 2048, 0, 1},
+    {PoolKind::Opus, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, STAMP_SIZE, OPUS_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 8, 1, 8000, 0,
+     64, 512, 0, 1},
+    {PoolKind::Amr, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 32, AMR_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0xff,
      256, 2048, 0, 1},
     {PoolKind::Lum, 0, LUM_FRAME_COUNT, 1, 30, 80, 64, 0, 80 * 64 * 2, 80 * 64 * 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
      0, 1},
@@ -171,8 +195,10 @@ const ConsumerPlan consumerPlans[] = {
     {"slow-mp4", 2, 100, Catchup::Newest},
     {"live-pcm", 3, 0, Catchup::Newest},
     {"live-aac", 4, 0, Catchup::Newest},
-    {"live-lum", 5, 0, Catchup::Newest},
-    {"live-md", 6, 0, Catchup::Newest},
+    {"live-opus", 5, 0, Catchup::Newest},
+    {"live-amr", 6, 0, Catchup::Newest},
+    {"live-lum", 7, 0, Catchup::Newest},
+    {"live-md", 8, 0, Catchup::Newest},
 };
 constexpr int CONSUMER_COUNT = sizeof consumerPlans / sizeof consumerPlans[0];
 
@@ -242,6 +268,19 @@ void castPools(int firstChannel, Cast& cast) {
         index[p] = cast.poolCount;
         cast.pools[cast.poolCount++] = plan;
     }
+    // The kinds' semaphore keys overlap across channels: on some channels one
+    // pool's putter would remove the locks of another.
+    for (int p = 0; p < cast.poolCount; ++p) {
+        const PoolPlan& plan = cast.pools[p];
+        for (int q = 0; q < cast.poolCount + cast.leftAloneCount; ++q) {
+            const PoolPlan& other = q < cast.poolCount ? cast.pools[q] : cast.leftAlone[q - cast.poolCount];
+            if (q == p || lockKey(other) != lockKey(plan)) continue;
+            throw CliError(std::string("demo: on channel ") + std::to_string(firstChannel) + " the " +
+                           kindName(plan.kind) + " and " + kindName(other.kind) +
+                           " pools would keep their locks under one key, " + avpool::cli::hexKey(lockKey(plan)) +
+                           "; choose other channels with --channel");
+        }
+    }
     for (const ConsumerPlan& consumer : consumerPlans) {
         if (index[consumer.pool] < 0) continue;
         ConsumerPlan& cast_ = cast.consumers[cast.consumerCount++];
@@ -300,7 +339,7 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     // Before any byte of the frame is stored, so a reader that finds bytes of
     // this frame over an older one also finds this number here.
     published.started.store(number, std::memory_order_seq_cst);
-    if (!pool.writer->put(pool.buffer.data(), length, key, captured))
+    if (!pool.writer->put(pool.buffer.data(), length, number, key, captured))
         throw CliError(std::string("demo: the ") + kindName(plan.kind) + " pool on channel " +
                        std::to_string(plan.channel) + " refused frame " + std::to_string(number));
     if (key) {
@@ -462,23 +501,27 @@ const Verb demoVerb = {
     "\n"
     "Beside them it feeds the PCM pool (16-bit mono at 8 kHz: a 2048-byte\n"
     "fragment every 128 ms), an AAC pool on channel N (fragments of 64 to 512\n"
-    "bytes every 256 ms, streamParam 0x1588), a luminance pool (80 x 64 samples)\n"
-    "and a motion-detection pool (two arrays of 64 x 48, vibration 42) on\n"
-    "channel N, both at 30 records a second. Fragments and records are stamped\n"
-    "like the frames, each md array on its own. The PCM pool has one key for the\n"
-    "machine: when another running process owns it, the demo leaves it alone.\n"
+    "bytes every 256 ms, streamParam 0x1588), the Opus pool (8-bit mono at 8 kHz:\n"
+    "20 to 512 bytes every 64 ms), an AMR pool on channel N (32 to 1024 bytes\n"
+    "every 256 ms, streamParam 0xff, each fragment's mode 0 to 7 as its\n"
+    "fragmentParam), a luminance pool (80 x 64 samples) and a motion-detection\n"
+    "pool (two arrays of 64 x 48, vibration 42) on channel N, both at 30 records\n"
+    "a second. Fragments and records are stamped like the frames, each md array\n"
+    "on its own. The PCM and Opus pools have one key each for the machine: when\n"
+    "another running process owns one, the demo leaves it alone.\n"
     "\n"
-    "Ten consumer processes follow the pools: live-0, live-1 and live-mp4 read\n"
+    "Twelve consumer processes follow the pools: live-0, live-1 and live-mp4 read\n"
     "every frame as it comes; slow-0, slow-1 and slow-mp4 spend longer on each\n"
     "frame than the producer allows, get overtaken and catch up again, slow-0 on\n"
     "the newest frame, slow-1 on the oldest frame still safe from the writer and\n"
     "slow-mp4 on the GOP being written. The video consumers read GOP by GOP; they\n"
     "count the GOPs they read, how the writer overtook them (frame bytes reused,\n"
     "the GOP older than 2 s, a GOP ID that is not the next one) and their jumps\n"
-    "back to the GOP being written. live-pcm, live-aac, live-lum and live-md read\n"
-    "every fragment or record and also check its format (streamParam, picture\n"
-    "size, vibration) against what the producer published; a gap in the IDs\n"
-    "counts as an overtake.\n"
+    "back to the GOP being written. live-pcm, live-aac, live-opus, live-amr,\n"
+    "live-lum and live-md read every fragment or record and also check its format\n"
+    "(streamParam, fragmentParam, picture size, vibration) against what the\n"
+    "producer published; a gap in the IDs counts as an overtake. The AMR pool\n"
+    "has no reader in the library: live-amr reads its segment by its layout.\n"
     "\n"
     "Each consumer checks every frame it reads: IDs rising, capture times never\n"
     "going back. A frame the writer overwrote while it was being read counts as\n"
@@ -491,7 +534,7 @@ const Verb demoVerb = {
     "and 128 + the signal number when interrupted.\n",
     {
         {"--seconds", "N", "how long to run (default 10)"},
-        {"--channel", "N", "first pool channel: jpg N and N + 1, mp4, aac, lum and md N (default 0)"},
+        {"--channel", "N", "first pool channel: jpg N and N + 1, mp4, aac, amr, lum and md N (default 0)"},
         {"--quiet", nullptr, "no live summary, only the final table"},
     },
     avpool::demo::runDemo,

@@ -1,5 +1,6 @@
 // The demo's cast: the pools its producer writes (JPEG frames, GOPs of video,
-// PCM and AAC audio fragments, luminance and motion records), the consumers that follow them in their own processes, and the board
+// PCM, AAC, Opus and AMR audio fragments, luminance and motion records), the
+// consumers that follow them in their own processes, and the board
 // in shared anonymous memory where every process publishes its counters for
 // the live summary.
 #pragma once
@@ -12,10 +13,12 @@
 #include <cstdint>
 #include <memory>
 #include <sys/types.h>
+#include <type_traits>
+#include <utility>
 
 namespace avpool::demo {
 
-enum class PoolKind { Jpg, Mp4, Pcm, Aac, Lum, Md };
+enum class PoolKind { Jpg, Mp4, Pcm, Aac, Opus, Amr, Lum, Md };
 
 const char* kindName(PoolKind kind);  // "jpg", "mp4", "pcm", ...
 int baseKey(PoolKind kind);           // the key of channel 0's segment
@@ -23,6 +26,20 @@ bool fixedKey(PoolKind kind);         // one pool per machine, whatever the chan
 // Pictures a client streams: a profile in the information area and a slat per consumer.
 bool hasProfile(PoolKind kind);
 bool isAudio(PoolKind kind);
+
+// The fragmentParam the producer gives AMR fragment `number`: the mode it was
+// coded in, cycling through the eight AMR-NB modes, so that a reader can tell
+// each fragment's from its neighbours'.
+int amrMode(unsigned long long number);
+
+// Whether a putter or getter serves the one pool of a fixed-key kind (PCM,
+// Opus): its init takes no channel.
+template <class T, class = void>
+struct OneOnMachine : std::false_type {};
+template <class T>
+struct OneOnMachine<T, std::void_t<decltype(std::declval<T&>().init())>> : std::true_type {};
+template <class T>
+constexpr bool oneOnMachine = OneOnMachine<T>::value;
 
 struct PoolPlan {
     PoolKind kind;
@@ -44,7 +61,7 @@ struct PoolPlan {
     int format;
     int audioChannels;
     int rate;
-    int streamParam;  // aac
+    int streamParam;  // aac, amr
     int fragmentMs;
     int samples;      // per channel and fragment
     // Analysis: records at fps of width x height elements; md's level.
@@ -78,7 +95,7 @@ struct ConsumerPlan {
     Catchup catchup;
 };
 
-constexpr int MAX_POOLS = 8;
+constexpr int MAX_POOLS = 10;
 constexpr int GOP_HISTORY = 64;
 constexpr int MAX_CONSUMERS = 12;
 constexpr int ERROR_TEXT = 160;

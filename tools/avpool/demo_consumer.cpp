@@ -117,10 +117,11 @@ int runConsumer(void* argument) {
         default:
             return runRingConsumer(job);
         }
-    } catch (const avpool::PoolError& error) {
+    } catch (const std::exception& error) {
         // The producer removes its pools at the end; a reader blocked waiting
         // for a lock then fails with "semop failed.", which is its cue to stop.
-        if (job.board->stop.load(std::memory_order_acquire) != 0) return 0;
+        bool poolError = dynamic_cast<const avpool::PoolError*>(&error) != nullptr;
+        if (poolError && job.board->stop.load(std::memory_order_acquire) != 0) return 0;
         fprintf(stderr, "avpool demo: %s: %s\n", job.plan->name, error.what());
         return 1;
     }

@@ -39,7 +39,7 @@ void lagText(const RunView& run, int i, char* text, int size) {
 }
 
 void printConsumerHeader(int lagWidth) {
-    printf("%-8s %-6s %6s %8s %8s %11s %9s %6s  %-*s", "consumer", "pool", "pace", "read", "skipped",
+    printf("%-9s %-6s %6s %8s %8s %11s %9s %6s  %-*s", "consumer", "pool", "pace", "read", "skipped",
            "overwritten", "overtaken", "errors", lagWidth, "lag");
 }
 
@@ -50,8 +50,8 @@ void printConsumerRow(const RunView& run, int i, const char* lag) {
     paceText(consumer, pace, sizeof pace);
     char label[24];
     poolLabel(run.pools[consumer.pool], label, sizeof label);
-    printf("%-8s %-6s %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, label, pace, load(counters.read), load(counters.skipped), load(counters.overwritten), load(counters.overtaken),
-           load(counters.errors), lag);
+    printf("%-9s %-6s %6s %8llu %8llu %11llu %9llu %6llu  %s", consumer.name, label, pace, load(counters.read),
+           load(counters.skipped), load(counters.overwritten), load(counters.overtaken), load(counters.errors), lag);
 }
 
 // One pool of the closing table: its key, ring and rate, what it holds and
@@ -74,12 +74,16 @@ void printPoolRow(const PoolPlan& pool, unsigned long long put) {
         break;
     case PoolKind::Pcm:
     case PoolKind::Aac:
+    case PoolKind::Opus:
+    case PoolKind::Amr:
         snprintf(rate, sizeof rate, "-");
         snprintf(picture, sizeof picture, "%dHz", pool.rate);
         snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", %d samples in %d ms", pool.samples,
                  pool.fragmentMs);
-        if (pool.kind == PoolKind::Aac)
+        if (pool.kind == PoolKind::Aac || pool.kind == PoolKind::Amr)
             snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", streamParam 0x%x", pool.streamParam);
+        if (pool.kind == PoolKind::Amr)
+            snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", fragmentParam ID %% 8");
         break;
     case PoolKind::Lum:
         snprintf(sizes, sizeof sizes, "%d samples", pool.maxFrame / 2);
@@ -133,7 +137,7 @@ void LiveSummary::showLines(double elapsedSeconds) {
         lagText(run_, i, lag, sizeof lag);
         const PoolPlan& pool = run_.pools[consumer.pool];
         char label[24];
-        printf("[%3.0f s] %-6s %s: read %llu, ", elapsedSeconds, consumer.name, poolLabel(pool, label, sizeof label),
+        printf("[%3.0f s] %-9s %s: read %llu, ", elapsedSeconds, consumer.name, poolLabel(pool, label, sizeof label),
                load(counters.read));
         if (pool.kind == PoolKind::Mp4) printf("gops %llu, jumps %llu, ", load(counters.gops), load(counters.jumps));
         printf("skipped %llu, overwritten %llu, overtaken %llu, errors %llu, lag %s\n", load(counters.skipped),

@@ -1,8 +1,8 @@
-// A demo consumer of a pool of fixed slots, audio (PCM, AAC) or analysis
-// (luminance, motion): it follows the ring slot by slot, waiting on each slot's
-// lock, and checks every fragment or record it reads against its stamp and
-// against the parameters the producer published. A gap in the IDs is the
-// writer going past it.
+// A demo consumer of a pool of fixed slots, audio (PCM, AAC, Opus, AMR) or
+// analysis (luminance, motion): it follows the ring slot by slot, waiting on
+// each slot's lock, and checks every fragment or record it reads against its
+// stamp and against the parameters the producer published. A gap in the IDs is
+// the writer going past it.
 
 #include "clock.h"
 #include "demo_consumer.h"
@@ -11,11 +11,15 @@
 #include "shm_view.h"
 
 #include <avpool/aac.h>
+#include <avpool/amr.h>
 #include <avpool/lum.h>
 #include <avpool/md.h>
+#include <avpool/opus.h>
 #include <avpool/pcm.h>
 
 #include <cstdio>
+#include <memory>
+#include <string>
 #include <type_traits>
 
 namespace avpool::demo {
@@ -26,12 +30,108 @@ long long microseconds(long long sec, long long usec) {
     return sec * 1000000 + usec;
 }
 
+// The AMR pool has no getter in the library: this one reads the segment by
+// its layout in amr.h, with the getters' cursor moves and wait. The slot's lock
+// is polled: a value that can no longer be read means the producer removed
+// the pool.
+struct AmrFragment {
+    int format;
+    int channels;
+    int rate;
+    int sampleNumber;
+    int streamParam;
+    int fragmentParam;
+    timeval timestamp;
+    const unsigned char* data;
+    int length;
+};
+
+class AmrReader {
+public:
+    void init(int channel) {
+        const avpool::cli::PoolKindInfo& kind = *avpool::cli::findPoolKind("amr");
+        segment_.reset(new avpool::cli::SegmentView(avpool::cli::segmentKey(kind, channel), AUDIO_HEADER_SIZE,
+                                                    avpool::cli::poolName("amr", channel)));
+        if (segment_->size() < static_cast<size_t>(AMR_SEGMENT_SIZE))
+            throw avpool::PoolError("amr pool of " + std::to_string(segment_->size()) + " bytes");
+        locks_.reset(new avpool::cli::GroupedLockView(avpool::cli::firstLockKey(kind, channel), AUDIO_SLOT_COUNT));
+    }
+    int getWorkingFormat() const { return header().workingFormat; }
+    int getWorkingChannels() const { return header().workingChannels; }
+    int getWorkingRate() const { return header().workingRate; }
+
+    unsigned long long toWorking(int& safeTime) { return moveTo(header().current, safeTime); }
+    unsigned long long toNext(int& safeTime) {
+        return moveTo(cursor_ + 1 < AUDIO_SLOT_COUNT ? cursor_ + 1 : 0, safeTime);
+    }
+    unsigned long long getFragmentID() const { return slot().head.fragmentID.get(); }
+
+    void waitReady() const {
+        for (;;) {
+            int value = locks_->value(slot().head.lockIndex);
+            if (value == 0) return;
+            if (value < 0)
+                throw avpool::PoolError("amr pool: the lock of slot " + std::to_string(cursor_) + " is gone");
+            avpool::cli::sleepMs(1);
+        }
+    }
+
+    void getFragment() {
+        const AMRFragmentInfo& info = slot();
+        fragment = AmrFragment{info.head.format,
+                               info.head.channels,
+                               info.head.rate,
+                               info.head.sampleNumber,
+                               info.streamParam,
+                               info.fragmentParam,
+                               timeval{info.head.tv_sec, info.head.tv_usec},
+                               info.data,
+                               info.head.length};
+    }
+
+    AmrFragment fragment{};
+
+private:
+    const AMRPoolHeader& header() const { return *reinterpret_cast<const AMRPoolHeader*>(segment_->base()); }
+    const AMRFragmentInfo& slot() const {
+        return reinterpret_cast<const AMRFragmentInfo*>(segment_->base() + AUDIO_HEADER_SIZE)[cursor_];
+    }
+    // A slot number from the segment is used only when it lies in the ring.
+    unsigned long long moveTo(int index, int& safeTime) {
+        if (index < 0 || index >= AUDIO_SLOT_COUNT)
+            throw avpool::PoolError("amr pool: slot " + std::to_string(index) + " outside the ring");
+        cursor_ = index;
+        safeTime = header().safeTime[cursor_];
+        return getFragmentID();
+    }
+
+    std::unique_ptr<avpool::cli::SegmentView> segment_;
+    std::unique_ptr<avpool::cli::GroupedLockView> locks_;
+    int cursor_ = 0;
+};
+
 int streamParamOf(const AACFragment& fragment) {
     return fragment.streamParam;
 }
 
+int streamParamOf(const AmrFragment& fragment) {
+    return fragment.streamParam;
+}
+
 int streamParamOf(const avpool::AudioFragment&) {
-    return 0;  // PCM carries none
+    return 0;  // PCM and Opus carry none
+}
+
+// AMR fragments carry their mode; the other kinds nothing per fragment.
+bool fragmentParamAsSent(const AmrFragment& fragment, unsigned long long id, char* why, size_t whySize) {
+    if (fragment.fragmentParam == amrMode(id)) return true;
+    snprintf(why, whySize, "fragment %llu: fragmentParam %d, sent %d", id, fragment.fragmentParam, amrMode(id));
+    return false;
+}
+
+template <class Fragment>
+bool fragmentParamAsSent(const Fragment&, unsigned long long, char*, size_t) {
+    return true;
 }
 
 // The cursor moves every getter of a ring has.
@@ -46,14 +146,15 @@ protected:
     Getter getter_;
 };
 
-// PCMGetter or AACGetter: PCM has one pool and no channel.
+// PCMGetter, AACGetter, OPUSGetter or the AMR reader: PCM and Opus have one
+// pool each and no channel.
 template <class Getter>
 class AudioRing : public RingCursor<Getter> {
     using RingCursor<Getter>::getter_;
 
 public:
     void init(const PoolPlan& plan) {
-        if constexpr (std::is_same_v<Getter, PCMGetter>)
+        if constexpr (oneOnMachine<Getter>)
             getter_.init();
         else
             getter_.init(plan.channel);
@@ -73,7 +174,15 @@ public:
         getter_.getFragment();
         const auto& fragment = getter_.fragment;
         captureUs = microseconds(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
+        // The length recorded: Opus keeps the caller's, the others what they
+        // stored. Checked first, as the stamp is read over that many bytes.
+        if (fragment.length < plan.minFrame || fragment.length > plan.maxFrame) {
+            snprintf(why, whySize, "fragment %llu: length %d, not %d..%d", id, fragment.length, plan.minFrame,
+                     plan.maxFrame);
+            return false;
+        }
         if (!checkStamp(fragment.data, fragment.length, id, why, whySize)) return false;
+        if (!fragmentParamAsSent(fragment, id, why, whySize)) return false;
         if (fragment.format == plan.format && fragment.channels == plan.audioChannels && fragment.rate == plan.rate &&
             fragment.sampleNumber == plan.samples && streamParamOf(fragment) == plan.streamParam)
             return true;
@@ -193,6 +302,10 @@ int runRingConsumer(const ConsumerJob& job) {
         return follow<AudioRing<PCMGetter>>(job);
     case PoolKind::Aac:
         return follow<AudioRing<AACGetter>>(job);
+    case PoolKind::Opus:
+        return follow<AudioRing<OPUSGetter>>(job);
+    case PoolKind::Amr:
+        return follow<AudioRing<AmrReader>>(job);
     case PoolKind::Lum:
         return follow<AnalysisRing<LUMGetter>>(job);
     case PoolKind::Md:

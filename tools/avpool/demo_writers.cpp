@@ -3,10 +3,12 @@
 #include "cli.h"
 
 #include <avpool/aac.h>
+#include <avpool/amr.h>
 #include <avpool/jpg.h>
 #include <avpool/lum.h>
 #include <avpool/md.h>
 #include <avpool/mp4.h>
+#include <avpool/opus.h>
 #include <avpool/pcm.h>
 
 #include <string>
@@ -22,7 +24,7 @@ public:
         putter_.init(plan.channel, plan.slots, plan.maxFrame, dataSize(plan));
         putter_.reset(plan.width, plan.height, plan.fps, plan.quality);
     }
-    bool put(unsigned char* data, int length, bool, const timeval& captured) override {
+    bool put(unsigned char* data, int length, unsigned long long, bool, const timeval& captured) override {
         return putter_.putFrame(data, length, captured) == 1;
     }
     void release() override { putter_.release(); }
@@ -37,7 +39,7 @@ public:
         putter_.init(plan.channel, plan.slots, plan.framesPerGop, maxFrameSize(plan), dataSize(plan));
         putter_.reset(plan.width, plan.height, plan.fps);
     }
-    bool put(unsigned char* data, int length, bool key, const timeval& captured) override {
+    bool put(unsigned char* data, int length, unsigned long long, bool key, const timeval& captured) override {
         if (key) return putter_.putIFrame(data, length, captured) != 1;
         putter_.putPFrame(data, length, captured);
         return true;
@@ -59,13 +61,15 @@ void checkFragments(Putter& putter, const PoolPlan& plan) {
                                 std::to_string(plan.fragmentMs) + " ms and " + std::to_string(plan.samples));
 }
 
-// PCM has one pool under a fixed key and no stream parameter; AAC a pool per
-// channel and one.
+// PCM and Opus have one pool each under a fixed key and no stream parameter;
+// AAC and AMR a pool per channel and one. AMR also takes a parameter per
+// fragment: its mode. Opus copies OPUS_FRAGMENT_SIZE bytes whatever the
+// length, which the plan's buffer of maxFrame bytes holds.
 template <class Putter>
 class AudioWriter : public PoolWriter {
 public:
     explicit AudioWriter(const PoolPlan& plan) {
-        if constexpr (std::is_same_v<Putter, PCMPutter>) {
+        if constexpr (oneOnMachine<Putter>) {
             putter_.init();
             putter_.reset(plan.format, plan.audioChannels, plan.rate);
         } else {
@@ -74,8 +78,11 @@ public:
         }
         checkFragments(putter_, plan);
     }
-    bool put(unsigned char* data, int length, bool, const timeval& captured) override {
-        putter_.putFragment(data, length, captured);
+    bool put(unsigned char* data, int length, unsigned long long number, bool, const timeval& captured) override {
+        if constexpr (std::is_same_v<Putter, AMRPutter>)
+            putter_.putFragment(data, length, captured, amrMode(number));
+        else
+            putter_.putFragment(data, length, captured);
         return true;
     }
     void release() override { putter_.release(); }
@@ -102,7 +109,7 @@ public:
         putter_.reset(plan.width, plan.height, plan.fps);
         if constexpr (std::is_same_v<Putter, MDPutter>) putter_.putVibration(0, plan.vibration);
     }
-    bool put(unsigned char* data, int length, bool, const timeval& captured) override {
+    bool put(unsigned char* data, int length, unsigned long long, bool, const timeval& captured) override {
         putRecord(putter_, data, length, captured);
         return true;
     }
@@ -124,6 +131,10 @@ std::unique_ptr<PoolWriter> makeWriter(const PoolPlan& plan) {
         return std::unique_ptr<PoolWriter>(new AudioWriter<PCMPutter>(plan));
     case PoolKind::Aac:
         return std::unique_ptr<PoolWriter>(new AudioWriter<AACPutter>(plan));
+    case PoolKind::Opus:
+        return std::unique_ptr<PoolWriter>(new AudioWriter<OPUSPutter>(plan));
+    case PoolKind::Amr:
+        return std::unique_ptr<PoolWriter>(new AudioWriter<AMRPutter>(plan));
     case PoolKind::Lum:
         return std::unique_ptr<PoolWriter>(new AnalysisWriter<LUMPutter>(plan));
     case PoolKind::Md:

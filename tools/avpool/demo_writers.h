@@ -12,9 +12,10 @@ namespace avpool::demo {
 class PoolWriter {
 public:
     virtual ~PoolWriter() = default;
-    // Puts one element of plan.parts arrays of length bytes each, one after the
-    // other in data. False when the pool refused it. key: the frame opens a GOP.
-    virtual bool put(unsigned char* data, int length, bool key, const timeval& captured) = 0;
+    // Puts element `number` of plan.parts arrays of length bytes each, one after
+    // the other in data. False when the pool refused it. key: the frame opens a GOP.
+    virtual bool put(unsigned char* data, int length, unsigned long long number, bool key,
+                     const timeval& captured) = 0;
     virtual void release() = 0;
 };
 

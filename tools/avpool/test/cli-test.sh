@@ -1,8 +1,8 @@
 #!/bin/sh
 # Checks of the avpool tool as a user runs it: cli-test.sh CASE PATH-TO-AVPOOL.
 # Meant to run in a private IPC namespace (the demo creates pools under the
-# fixed keys of jpg channels 0 and 1, mp4, aac, lum and md channel 0 and the
-# pcm pool). Every wait has a deadline.
+# fixed keys of jpg channels 0 and 1, mp4, aac, amr, lum and md channel 0 and
+# the pcm and opus pools). Every wait has a deadline.
 
 case_name=$1
 AVPOOL=$2
@@ -177,6 +177,8 @@ expect_no_fixed_pool() {
 expect_no_ring_pools() {
     expect_no_fixed_pool pcm 0x4a00
     expect_no_pool 0 0x4f00 aac
+    expect_no_fixed_pool opus 0x5a00
+    expect_no_pool 0 0x5000 amr
     expect_no_pool 0 0x4d00 lum
     expect_no_pool 0 0x4e00 md
 }
@@ -184,7 +186,7 @@ expect_no_ring_pools() {
 # One consumer's row of the final table:
 # name kind channel pace read skipped overwritten overtaken errors lag pid ended...
 consumer_field() {
-    awk -v name="$2" -v field="$3" '$1 == name && $2 ~ /^(jpg|mp4|pcm|aac|lum|md)$/ { value = $field }
+    awk -v name="$2" -v field="$3" '$1 == name && $2 ~ /^(jpg|mp4|pcm|aac|opus|amr|lum|md)$/ { value = $field }
         END { print value }' "$work/$1.out"
 }
 
@@ -197,7 +199,7 @@ video_field() {
 
 check_final_table() {
     out=$1
-    for name in live-0 slow-0 live-1 slow-1 live-mp4 slow-mp4 live-pcm live-aac live-lum live-md; do
+    for name in live-0 slow-0 live-1 slow-1 live-mp4 slow-mp4 live-pcm live-aac live-opus live-amr live-lum live-md; do
         read=$(consumer_field "$out" "$name" 5)
         errors=$(consumer_field "$out" "$name" 9)
         ended="$(consumer_field "$out" "$name" 12) $(consumer_field "$out" "$name" 13)"
@@ -325,7 +327,7 @@ demo)
         [ "$overtaken" -gt 0 ] || fail "$name was never overtaken"
     done
     # The live readers keep up: at most a hiccup of a loaded machine.
-    for name in live-0 live-1 live-mp4 live-pcm live-aac live-lum live-md; do
+    for name in live-0 live-1 live-mp4 live-pcm live-aac live-opus live-amr live-lum live-md; do
         skipped=$(consumer_field demo "$name" 6)
         [ $((skipped * 10)) -lt "$(consumer_field demo "$name" 5)" ] || fail "$name skipped $skipped frames"
     done
@@ -343,9 +345,11 @@ demo)
     [ $(($(video_field demo slow-mp4 "frames overwritten") + $(video_field demo slow-mp4 "GOPs too old") + $(video_field demo slow-mp4 "GOP ID jumps"))) \
         -gt 0 ] || fail "slow-mp4 names no way it was overtaken"
     # Not a terminal: one summary line per consumer and second, no escapes.
-    [ "$(grep -c '^\[  1 s\] ' "$work/demo.out")" = 10 ] || fail "expected 10 summary lines for second 1"
-    grep -q '^\[  1 s\] live-pcm pcm -: read [0-9]*, skipped ' "$work/demo.out" || fail "no pcm summary line for second 1"
-    grep -q '^\[  1 s\] live-mp4 mp4 0: read [0-9]*, gops [0-9]*, jumps ' "$work/demo.out" ||
+    [ "$(grep -c '^\[  1 s\] ' "$work/demo.out")" = 12 ] || fail "expected 12 summary lines for second 1"
+    grep -q '^\[  1 s\] live-pcm  pcm -: read [0-9]*, skipped ' "$work/demo.out" || fail "no pcm summary line for second 1"
+    grep -q '^\[  1 s\] live-opus opus -: read [0-9]*, skipped ' "$work/demo.out" || fail "no opus summary line for second 1"
+    grep -q '^\[  1 s\] live-amr  amr 0: read [0-9]*, skipped ' "$work/demo.out" || fail "no amr summary line for second 1"
+    grep -q '^\[  1 s\] live-mp4  mp4 0: read [0-9]*, gops [0-9]*, jumps ' "$work/demo.out" ||
         fail "no video summary line for second 1"
     grep -q "$(printf '\033')" "$work/demo.out" && fail "terminal escapes in redirected output"
     grep -q '^jpg 0  0x4c00     12   25   640x480 ' "$work/demo.out" || fail "pool jpg 0 row missing"
@@ -355,20 +359,24 @@ demo)
         fail "pool pcm row missing"
     grep -qE '^aac 0  0x4f00    200    -    8000Hz +[0-9]+  64\.\.512, 2048 samples in 256 ms, streamParam 0x1588$' \
         "$work/demo.out" || fail "pool aac 0 row missing"
+    grep -qE '^opus - 0x5a00    200    -    8000Hz +[0-9]+  20\.\.512, 512 samples in 64 ms$' "$work/demo.out" ||
+        fail "pool opus row missing"
+    grep -qE '^amr 0  0x5000    200    -    8000Hz +[0-9]+  32\.\.1024, 2048 samples in 256 ms, streamParam 0xff, fragmentParam ID % 8$' \
+        "$work/demo.out" || fail "pool amr 0 row missing"
     grep -qE '^lum 0  0x4d00      6   30     80x64 +[0-9]+  5120 samples$' "$work/demo.out" || fail "pool lum 0 row missing"
     grep -qE '^md 0   0x4e00      5   30     64x48 +[0-9]+  2 x 3072 elements, vibration 42$' "$work/demo.out" ||
         fail "pool md 0 row missing"
-    # The audio pools put one fragment per fragment time (128 and 256 ms), the
-    # analysis pools 30 records a second: five seconds and at most two of
-    # grace while the consumers stop.
+    # The audio pools put one fragment per fragment time (pcm 128 ms, opus
+    # 64 ms, aac and amr 256 ms), the analysis pools 30 records a second: five
+    # seconds and at most two of grace while the consumers stop.
     put_of() { awk -v kind="$1" '$1 == kind && $3 ~ /^0x/ { print $7 }' "$work/demo.out"; }
-    for entry in pcm:30:56 aac:15:28 lum:120:215 md:120:215; do
+    for entry in pcm:30:56 aac:15:28 opus:60:112 amr:15:28 lum:120:215 md:120:215; do
         kind=${entry%%:*} range=${entry#*:}
         put=$(put_of "$kind")
         [ "$put" -ge "${range%:*}" ] && [ "$put" -le "${range#*:}" ] || fail "$kind pool was given $put elements"
     done
     # Each ring reader read most of what was put.
-    for entry in live-pcm:pcm live-aac:aac live-lum:lum live-md:md; do
+    for entry in live-pcm:pcm live-aac:aac live-opus:opus live-amr:amr live-lum:lum live-md:md; do
         name=${entry%%:*}
         put=$(put_of "${entry#*:}")
         [ $(($(consumer_field demo "$name" 5) * 10)) -ge $((put * 8)) ] || fail "$name read too few of $put"
@@ -443,6 +451,11 @@ usage)
     expect_error_line u "avpool: demo: unknown option '--loud'; see 'avpool demo --help'"
     run u 10 demo --quiet=yes
     expect_error_line u "avpool: demo: option --quiet takes no value"
+    # The fixed opus locks are aac 176's: such a demo would take its own locks away.
+    run u 10 demo --channel 176 --seconds 1
+    expect_rc u 1 "demo --channel 176"
+    expect_error_line u \
+        "avpool: demo: on channel 176 the aac and opus pools would keep their locks under one key, 0x5a00; choose other channels with --channel"
 
     run u 10 infos extra
     expect_rc u 2 "infos extra"
@@ -513,9 +526,12 @@ live-pool)
     expect_line s0 "RawDataLen:       262144"
     # The ring has wrapped: every slot i holds a frame whose number is i modulo
     # 12, the newest (*) is the header's current slot and has the highest
-    # number, lengths lie in the producer's range, locks are 0 or 1.
+    # number, lengths lie in the producer's range, locks are 0 or 1. The stat
+    # is a snapshot of a pool in motion (the writer may fill a slot between
+    # the header and the slots), so a few tries.
     now=$(date +%s)
-    awk -v now="$now" '
+    tries=0
+    until awk -v now="$now" '
         /^current:/ { current = $2 }
         /^[* ] +[0-9]+ +[0-9]+ +[0-9]+\.[0-9]+ / {
             star = substr($0, 1, 1) == "*"
@@ -535,7 +551,11 @@ live-pool)
                 print "newest slot " newestSlot ", marked " starSlot ", current " current; bad = 1
             }
             exit bad
-        }' "$work/s0.out" >"$work/slots.err" || fail "slot table of channel 0: $(cat "$work/slots.err")"
+        }' "$work/s0.out" >"$work/slots.err"; do
+        tries=$((tries + 1))
+        [ "$tries" -ge 5 ] && fail "slot table of channel 0: $(cat "$work/slots.err")"
+        run s0 10 stat jpg 0
+    done
 
     run s1 10 stat jpg 1
     expect_rc s1 0 "stat jpg 1"
@@ -625,6 +645,13 @@ live-pool)
     run beside 30 demo --seconds 1 --channel 2 --quiet
     expect_rc beside 0 "demo --channel 2 beside a running demo"
     grep -q '^jpg 3  0x4c03 ' "$work/beside.out" || fail "demo --channel 2 did not use channels 2 and 3"
+    # So have the pcm and opus pools: the first demo keeps them and their readers.
+    expect_line beside "pcm -  0x4a00   not run: the pool belongs to running pid $demo"
+    expect_line beside "opus - 0x5a00   not run: the pool belongs to running pid $demo"
+    grep -qE '^(live-pcm|live-opus) ' "$work/beside.out" && fail "demo --channel 2 ran a reader of a pool it left alone"
+    grep -qE '^amr 2  0x5002    200 ' "$work/beside.out" || fail "demo --channel 2 did not feed amr 2"
+    grep -qE '^live-amr  amr 2 +live +[1-9][0-9]* +[0-9]+ +[0-9]+ +[0-9]+ +0 ' "$work/beside.out" ||
+        fail "live-amr of demo --channel 2 read nothing or found errors"
     # The information area has one key for all: the first demo keeps it.
     expect_line beside "connections: not counted, the information area belongs to running pid $demo"
     run area 10 infos
@@ -874,7 +901,7 @@ terminal)
     timeout -k 2 30 script -qec "$EMULATOR $AVPOOL demo --seconds 3 2>/dev/null" /dev/null >"$work/tty.out" </dev/null
     echo $? >"$work/tty.rc"
     expect_rc tty 0 "demo on a terminal"
-    grep -q "$(printf '\033')\[12A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 12 lines)"
+    grep -q "$(printf '\033')\[14A" "$work/tty.out" || fail "the table is not redrawn (no cursor-up by its 14 lines)"
     grep -q '^\[  1 s\]' "$work/tty.out" && fail "line-per-second output on a terminal"
     tr -d '\r' <"$work/tty.out" | grep -qx "result: ok" || fail "no final result on the terminal"
     ;;
@@ -900,7 +927,7 @@ crash)
     expect_line stale "currentTotalConnections: 6"
     expect_line stale "users: 6"
     # The audio and analysis pools stay behind too, their producer gone.
-    for pool in "pcm" "aac 0" "lum 0" "md 0"; do
+    for pool in "pcm" "aac 0" "opus" "amr 0" "lum 0" "md 0"; do
         run left 10 stat $pool
         expect_rc left 0 "stat $pool after a crash"
         expect_line left "creator pid:      $demo"
@@ -924,15 +951,25 @@ stat-rings)
     # that hold what the producer put.
     start_demo live
     now=$(date +%s)
+    # audio_header OUT TITLE KEY SIZE FORMAT MS EXTRAS: the exact header of an
+    # audio pool (mono at 8 kHz), one set of 200 locks under its key, safe
+    # times of MS a slot from the next to be overwritten round to the newest,
+    # and the fragment table's columns, EXTRAS after the lock.
+    audio_header() {
+        key=$(printf '0x%x (%d)' "$3" "$3")
+        for line in "$2" "key:              $key" "size:             $4" "creator pid:      $demo" \
+            "workingFormat:    $5" "workingChannels:  1" "workingRate:      8000" "lock group 0:     key $key"; do
+            expect_line "$1" "$line"
+        done
+        grep -qx ' *semaphore set [0-9]*, 200 semaphores' "$work/$1.out" || fail "no set of 200 semaphores in $1"
+        current=$(sed -n 's/^current: *//p' "$work/$1.out")
+        expect_line "$1" \
+            "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): $6..$(($6 * 199)) (+$6); slot $current: 0"
+        grep -qE "^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock$7\$" \
+            "$work/$1.out" || fail "the fragment table of $1 lacks its columns$7"
+    }
     until_shown pcm 10 ring_running "the producer, its reader and three fragments" stat pcm
-    for line in "pcm pool" "key:              0x4a00 (18944)" "size:             420016" "creator pid:      $demo" \
-        "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" "lock group 0:     key 0x4a00 (18944)"; do
-        expect_line pcm "$line"
-    done
-    grep -qx ' *semaphore set [0-9]*, 200 semaphores' "$work/pcm.out" || fail "no set of 200 semaphores in stat pcm"
-    # From the next slot to be overwritten round to the newest: 128 ms a slot.
-    current=$(sed -n 's/^current: *//p' "$work/pcm.out")
-    expect_line pcm "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 128..25472 (+128); slot $current: 0"
+    audio_header pcm "pcm pool" 18944 420016 16 128 ""
     run pcm0 10 stat pcm 0 --last 200
     expect_rc pcm0 0 "stat pcm 0"
     # ring_rows FILE SLOTS LENGTH-RANGE EXTRAS: every listed slot holds the
@@ -964,20 +1001,26 @@ stat-rings)
     grep -qx 'written slots: [0-9]* of 200, the newest [0-9]* shown (--last N)' "$work/pcm0.out" || fail "no written-slots line"
 
     until_stat aac aac 0 10 ring_running "the producer, its reader and three fragments"
-    for line in "aac pool, channel 0" "key:              0x4f00 (20224)" "size:             112816" \
-        "creator pid:      $demo" "workingFormat:    16" "workingChannels:  1" "workingRate:      8000" \
-        "lock group 0:     key 0x4f00 (20224)"; do
-        expect_line aac "$line"
-    done
-    current=$(sed -n 's/^current: *//p' "$work/aac.out")
-    expect_line aac "safeTime ms:      slots $(((current + 1) % 200))-$(((current + 199) % 200)): 256..50944 (+256); slot $current: 0"
-    grep -qE '^  slot +fragmentID +captured +length +format +channels +rate +samples +safe ms +lock +streamParam$' \
-        "$work/aac.out" || fail "no streamParam column in stat aac"
+    audio_header aac "aac pool, channel 0" 20224 112816 16 256 " +streamParam"
     # The streamParam (0x1588) comes after the safe time and the lock.
     ring_rows aac 200 64-512 " 16 1 8000 2048"
     awk '/^[* ] +[0-9]+ +[1-9]/ && $NF != 5512 { exit 1 }' "$work/aac.out" || fail "a fragment without streamParam 5512"
     run last 10 stat aac 0 --last 2
     [ "$(grep -c '^[* ] *[0-9]* *[1-9][0-9]* ' "$work/last.out")" = 2 ] || fail "stat aac --last 2 did not list 2 slots"
+
+    # Opus: 8-bit mono at 8 kHz makes 64 ms and 512 samples a fragment; the
+    # length recorded is the one given, 20 to 512.
+    until_shown opus 10 ring_running "the producer, its reader and three fragments" stat opus --last 200
+    audio_header opus "opus pool" 23040 112816 8 64 ""
+    ring_rows opus 200 20-512 " 8 1 8000 512"
+
+    # AMR: every fragment carries the streamParam of the reset (0xff) and its
+    # mode, its ID modulo 8, as fragmentParam.
+    until_stat amr amr 0 10 ring_running "the producer, its reader and three fragments"
+    audio_header amr "amr pool, channel 0" 20480 216816 16 256 " +streamParam +fragmentParam"
+    ring_rows amr 200 32-1024 " 16 1 8000 2048"
+    awk '/^[* ] +[0-9]+ +[1-9]/ { sub(/^\*/, " "); if ($(NF - 1) != 255 || $NF != $2 % 8) { print; exit 1 } }' \
+        "$work/amr.out" >"$work/params.err" || fail "amr fragment with other parameters: $(cat "$work/params.err")"
 
     until_stat lum lum 0 10 ring_running "the producer, its reader and three records"
     for line in "lum pool, channel 0" "key:              0x4d00 (19712)" "size:             61624" \
