@@ -7,6 +7,7 @@
 #include <avpool/analysis.h>
 
 #include "../common/errors.h"
+#include "../common/ring_scan.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
 #include "../common/slot_lock.h"
@@ -235,7 +236,7 @@ template <class Record>
 unsigned long long AnalysisGetter<Record>::toWorking(int& safeTime) {
     requireAttached();
     auto* header = detail::AnalysisLayout<Record>::header(pool_);
-    current_ = header->current;
+    current_ = detail::writerSlot(header->current, detail::AnalysisKind<Record>::SLOTS);
     safeTime = header->safeTime[current_];
     return getFrameID();
 }

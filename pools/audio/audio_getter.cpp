@@ -44,13 +44,9 @@ const Record& AudioGetter<Record, Fragment>::slot(int index) const {
     return slotsOf<Record>(pool_)[index];
 }
 
-// The writer moves `current` while a search runs, so it is read from memory every
-// time. A getter that attached while the putter was still setting up may find
-// the fill bytes there; the index is kept inside the ring all the same.
 template <class Record, class Fragment>
 int AudioGetter<Record, Fragment>::writer() const {
-    int32_t current = *static_cast<const volatile int32_t*>(&pool_->current);
-    return static_cast<int>(static_cast<uint32_t>(current) % SLOTS);
+    return writerSlot(pool_->current, SLOTS);
 }
 
 template <class Record, class Fragment>

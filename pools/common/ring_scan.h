@@ -3,7 +3,18 @@
 // microseconds compared field by field) and which slot counts as intact.
 #pragma once
 
+#include <cstdint>
+
 namespace avpool::detail {
+
+// The writer's slot index as a reader finds it in the header: read from memory
+// every time (the writer moves it while a search runs), and kept inside the ring
+// of n slots, since a reader that attached while the writer was still setting up
+// may find the fill bytes there.
+inline int writerSlot(const int32_t& current, int n) {
+    int32_t value = *static_cast<const volatile int32_t*>(&current);
+    return static_cast<int>(static_cast<uint32_t>(value) % static_cast<uint32_t>(n));
+}
 
 // Where both searches start: three entries ahead of the writer, the oldest one a
 // reader may still use. The entry after the writer's is closed and about to be
