@@ -37,11 +37,6 @@ struct KindTraits {
     static constexpr SafeTimeForm FORM = form;
 };
 
-// i + 1, or 0 past the last slot (nothing is checked below).
-inline int nextRecord(int i, int slots) {
-    return i + 1 > slots - 1 ? 0 : i + 1;
-}
-
 // Copies length elements of elementBytes each from source into a slot array of
 // room bytes. The producer promises that a frame fits; a larger one is cut at
 // the end of the array rather than written into the next slot or past the
@@ -50,8 +45,6 @@ inline void copyInto(void* target, size_t room, const void* source, int length, 
     if (length <= 0 || source == nullptr) return;
     memcpy(target, source, std::min(static_cast<size_t>(length) * elementBytes, room));
 }
-
-inline void* const NOT_ATTACHED = reinterpret_cast<void*>(-1);
 
 template <class Record>
 struct AnalysisLayout {
@@ -106,7 +99,7 @@ void AnalysisPutter<Record>::init(int channel) {
 
 template <class Record>
 unsigned char* AnalysisPutter<Record>::segment() {
-    if (pool_ == detail::NOT_ATTACHED) detail::programmingError(detail::AnalysisLayout<Record>::putterRaise);
+    if (pool_ == detail::notAttached()) detail::programmingError(detail::AnalysisLayout<Record>::putterRaise);
     return static_cast<unsigned char*>(pool_);
 }
 
@@ -132,8 +125,8 @@ void AnalysisPutter<Record>::putRecord(const void* first, const void* second, in
     if (length != elementSize_ || length < 0) L::putterRaise("frameLength is not equal to elementSize");
     unsigned char* base = segment();
     ++frameCounter_;
-    current_ = detail::nextRecord(current_, L::Kind::SLOTS);
-    closeLock(detail::nextRecord(current_, L::Kind::SLOTS));
+    current_ = detail::nextSlot(current_, L::Kind::SLOTS);
+    closeLock(detail::nextSlot(current_, L::Kind::SLOTS));
     setSafeTime();
 
     Record& record = L::record(base, current_);
@@ -175,7 +168,7 @@ void AnalysisPutter<Record>::openLock(int slot) {
 template <class Record>
 void AnalysisPutter<Record>::release() {
     if (semId_ != -1) detail::removeSemSet(semId_, detail::AnalysisKind<Record>::SLOTS);
-    detail::removeSegment(shmId_, pool_, detail::NOT_ATTACHED);
+    detail::removeSegment(shmId_, pool_, detail::notAttached());
 }
 
 template <class Record>
@@ -244,7 +237,7 @@ unsigned long long AnalysisGetter<Record>::toWorking(int& safeTime) {
 template <class Record>
 unsigned long long AnalysisGetter<Record>::toNext(int& safeTime) {
     requireAttached();
-    current_ = detail::nextRecord(current_, detail::AnalysisKind<Record>::SLOTS);
+    current_ = detail::nextSlot(current_, detail::AnalysisKind<Record>::SLOTS);
     safeTime = detail::AnalysisLayout<Record>::header(pool_)->safeTime[current_];
     return getFrameID();
 }
@@ -275,7 +268,7 @@ void AnalysisGetter<Record>::waitReady() {
 template <class Record>
 void AnalysisGetter<Record>::release() {
     semId_ = -1;
-    detail::detachSegment(shmId_, pool_, detail::NOT_ATTACHED);
+    detail::detachSegment(shmId_, pool_, detail::notAttached());
 }
 
 }  // namespace avpool

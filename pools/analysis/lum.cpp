@@ -18,7 +18,7 @@ template class avpool::AnalysisPutter<LUMFrameInfo>;
 template class avpool::AnalysisGetter<LUMFrameInfo>;
 
 int nextLUMFrame(int i) {
-    return nextRecord(i, LUM_FRAME_COUNT);
+    return nextSlot(i, LUM_FRAME_COUNT);
 }
 
 LUMPutter::LUMPutter() = default;

@@ -35,7 +35,7 @@ int32_t* vibrationWord(void* pool, int index) {
 }  // namespace
 
 int nextMDFrame(int i) {
-    return nextRecord(i, MD_FRAME_COUNT);
+    return nextSlot(i, MD_FRAME_COUNT);
 }
 
 MDPutter::MDPutter() = default;

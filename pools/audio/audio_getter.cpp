@@ -18,7 +18,7 @@ constexpr Raise raiseFor = kind<Record>.getterError;
 }  // namespace
 
 template <class Record, class Fragment>
-AudioGetter<Record, Fragment>::AudioGetter() : pool_(notAttached()) {}
+AudioGetter<Record, Fragment>::AudioGetter() : pool_(notAttached<AudioPoolHeader>()) {}
 
 template <class Record, class Fragment>
 AudioGetter<Record, Fragment>::~AudioGetter() {
@@ -36,7 +36,7 @@ void AudioGetter<Record, Fragment>::attach(int channel) {
 // Null as well as the all-ones "not attached" address: nothing is read through either.
 template <class Record, class Fragment>
 void AudioGetter<Record, Fragment>::requireAttached() const {
-    if (pool_ == nullptr || pool_ == notAttached()) programmingError(raiseFor<Record>, Newline::No);
+    if (!isAttached(pool_)) programmingError(raiseFor<Record>, Newline::No);
 }
 
 template <class Record, class Fragment>
@@ -110,7 +110,7 @@ unsigned long long AudioGetter<Record, Fragment>::toWorking(int& safeTime) {
 template <class Record, class Fragment>
 unsigned long long AudioGetter<Record, Fragment>::toNext(int& safeTime) {
     requireAttached();
-    cursor_ = cursor_ + 1 < SLOTS ? cursor_ + 1 : 0;
+    cursor_ = nextSlot(cursor_, SLOTS);
     return settle(safeTime);
 }
 
@@ -181,7 +181,7 @@ void AudioGetter<Record, Fragment>::waitReady() {
 template <class Record, class Fragment>
 void AudioGetter<Record, Fragment>::release() {
     forgetSemGroups(sems_);
-    detachSegment(shmId_, pool_, notAttached());
+    detachSegment(shmId_, pool_, notAttached<AudioPoolHeader>());
 }
 
 template <class Record, class Fragment>

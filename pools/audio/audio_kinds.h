@@ -78,9 +78,4 @@ Record* slotsOf(AudioPoolHeader* pool) {
     return reinterpret_cast<Record*>(pool + 1);
 }
 
-// The address a putter or getter holds while it is not attached.
-inline AudioPoolHeader* notAttached() {
-    return reinterpret_cast<AudioPoolHeader*>(-1);
-}
-
 }  // namespace avpool::detail

@@ -1,6 +1,7 @@
 // The producer of every audio pool, once; the kinds differ only in kind<Record>.
 #include "audio_kinds.h"
 
+#include "../common/ring_scan.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
 #include "../common/slot_lock.h"
@@ -23,7 +24,7 @@ int divide(int dividend, int divisor) {
 }  // namespace
 
 template <class Record>
-AudioPutter<Record>::AudioPutter() : pool_(notAttached()) {
+AudioPutter<Record>::AudioPutter() : pool_(notAttached<AudioPoolHeader>()) {
     fragmentTime_ = calFragmentTime();
     sampleNumber_ = calSampleNumber();
     sampleTotal_ = sampleNumber_ * channels_;
@@ -63,7 +64,7 @@ void AudioPutter<Record>::create(int channel) {
 
 template <class Record>
 void AudioPutter<Record>::configure(int format, int channels, int rate, int streamParam) {
-    if (pool_ == notAttached()) programmingError(raiseFor<Record>, Newline::No);
+    if (pool_ == notAttached<AudioPoolHeader>()) programmingError(raiseFor<Record>, Newline::No);
     format_ = format;
     channels_ = channels;
     rate_ = rate;
@@ -117,12 +118,12 @@ void AudioPutter<Record>::write(const void* data, int length, const timeval& tim
 
 template <class Record>
 int AudioPutter<Record>::next(int slot) const {
-    return slot + 1 < AUDIO_SLOT_COUNT ? slot + 1 : 0;
+    return nextSlot(slot, AUDIO_SLOT_COUNT);
 }
 
 template <class Record>
 void AudioPutter<Record>::setSafeTime() {
-    if (pool_ == notAttached()) programmingError(raiseFor<Record>, Newline::No);
+    if (pool_ == notAttached<AudioPoolHeader>()) programmingError(raiseFor<Record>, Newline::No);
     setSafeTimesFragmentForm(pool_->safeTime, AUDIO_SLOT_COUNT, current_, fragmentTime_);
 }
 
@@ -175,7 +176,7 @@ void AudioPutter<Record>::getSemPosition(int slot, int& group, int& position) {
 template <class Record>
 void AudioPutter<Record>::release() {
     removeSemGroups(sems_);
-    removeSegment(shmId_, pool_, notAttached());
+    removeSegment(shmId_, pool_, notAttached<AudioPoolHeader>());
 }
 
 template <class Record>

@@ -10,11 +10,15 @@ void systemFailure(const char* text, Raise raise, const char* suffix) {
     __builtin_unreachable();
 }
 
-void programmingError(Raise raise, Newline newline) {
-    static const char line[] = "programming error\n";
-    fwrite(line, 1, newline == Newline::Yes ? sizeof line - 1 : sizeof line - 2, stderr);
-    raise("programming error");
+void reportedError(const char* text, Raise raise, Newline newline) {
+    fputs(text, stderr);
+    if (newline == Newline::Yes) fputc('\n', stderr);
+    raise(text);
     __builtin_unreachable();
+}
+
+void programmingError(Raise raise, Newline newline) {
+    reportedError("programming error", raise, newline);
 }
 
 }  // namespace avpool::detail

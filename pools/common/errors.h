@@ -12,9 +12,13 @@ using Raise = void (*)(const std::string& message);
 // point (the pools) or as it is (suffix "": the information area's encoder side).
 [[noreturn]] void systemFailure(const char* text, Raise raise, const char* suffix = ".");
 
+enum class Newline { Yes, No };
+
+// text on stderr as it stands (with a newline if asked), then thrown.
+[[noreturn]] void reportedError(const char* text, Raise raise, Newline newline);
+
 // Use before a successful init: "programming error\n" on stderr, then throw. The
 // audio kinds write the line without its newline.
-enum class Newline { Yes, No };
 [[noreturn]] void programmingError(Raise raise, Newline newline = Newline::Yes);
 
 // Each public class turns a message into its own error type through this.

@@ -16,6 +16,11 @@ inline int writerSlot(const int32_t& current, int n) {
     return static_cast<int>(static_cast<uint32_t>(value) % static_cast<uint32_t>(n));
 }
 
+// The slot after i in a ring of n, back to 0 after the last.
+inline int nextSlot(int i, int n) {
+    return i + 1 < n ? i + 1 : 0;
+}
+
 // Where both searches start: three entries ahead of the writer, the oldest one a
 // reader may still use. The entry after the writer's is closed and about to be
 // overwritten, and the one after that is the next to be closed.

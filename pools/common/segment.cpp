@@ -17,7 +17,7 @@ int openSegment(key_t key, size_t size, Raise raise) {
 
 void* attachSegment(int id, AttachFailure rule, Raise raise) {
     void* address = shmat(id, nullptr, 0);
-    bool failed = rule == AttachFailure::Null ? address == nullptr : address == reinterpret_cast<void*>(-1);
+    bool failed = rule == AttachFailure::Null ? address == nullptr : address == notAttached();
     if (failed) systemFailure("shmat failed", raise);
     return address;
 }

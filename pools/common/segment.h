@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include <cstddef>
+#include <cstdint>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <type_traits>
@@ -19,6 +20,17 @@ namespace avpool::detail {
 constexpr int CREATE_EXCLUSIVE = IPC_CREAT | IPC_EXCL | 0600;
 constexpr int CREATE_OR_OPEN = IPC_CREAT | 0600;
 constexpr int OPEN_READ = 0400;
+
+// The all-ones address: what shmat returns on failure, and what the kinds other
+// than JPEG and MP4 hold while they are not attached.
+template <class T = void>
+T* notAttached() {
+    return reinterpret_cast<T*>(~uintptr_t{0});
+}
+template <class T>
+bool isAttached(const T* address) {
+    return address != nullptr && address != notAttached<T>();
+}
 
 // JPEG and MP4 only treat a null address from shmat as failure; the other kinds
 // test for the documented (void*)-1.

@@ -1,5 +1,5 @@
 // What the encoder's and the servers' classes share about the area: the
-// "not attached" address and where a profile's record lies.
+// budget arithmetic and where a profile's record lies.
 #pragma once
 
 #include <avpool/infos.h>
@@ -7,15 +7,6 @@
 #include <cstdint>
 
 namespace avpool::detail {
-
-// Both classes mark "not attached" with the all-ones address, not null.
-inline InfoArea* notAttached() {
-    return reinterpret_cast<InfoArea*>(~uintptr_t{0});
-}
-
-inline bool isAttached(const InfoArea* area) {
-    return area != nullptr && area != notAttached();
-}
 
 // Weights are not validated, so sums of them are taken as the 32-bit machine
 // arithmetic the area has always used, wrapping instead of overflowing.

@@ -16,16 +16,6 @@ namespace {
 constexpr Raise raise = raiseAs<InfosGetterError>;
 constexpr const char* PROGRAMMING_ERROR = "programming error";
 
-// Writes text to stderr as it stands (with or without a newline), then throws it
-// without the newline.
-[[noreturn]] void fail(const char* text) {
-    fwrite(text, 1, strlen(text), stderr);
-    std::string message(text);
-    if (!message.empty() && message.back() == '\n') message.pop_back();
-    raise(message);
-    __builtin_unreachable();
-}
-
 bool slatInUse(const InfoArea* area, int i) {
     return area->slats[i].slatID != FREE_SLAT_ID && area->slatWeight[i] != 0;
 }
@@ -75,7 +65,7 @@ void takeBack(InfoArea* area, int weight) {
 }
 }  // namespace
 
-InfosGetter::InfosGetter() : shmAddr_(notAttached()) {}
+InfosGetter::InfosGetter() : shmAddr_(notAttached<InfoArea>()) {}
 
 InfosGetter::~InfosGetter() {
     release(slatID_);
@@ -98,7 +88,7 @@ void InfosGetter::release(int slat) {
         retConn(slat);
         autoReturn_ = false;
     }
-    detachSegment(shmid_, shmAddr_, notAttached());
+    detachSegment(shmid_, shmAddr_, notAttached<InfoArea>());
     lockId_ = -1;
 }
 
@@ -134,7 +124,7 @@ void InfosGetter::retConn(int slat) {
 }
 
 void InfosGetter::resetAllConnections() {
-    if (!attached()) fail("programming error\n");
+    if (!attached()) programmingError(raise);
     ProcessLockGuard lock(lockId_);
     for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS; ++i) {
         int32_t& total = shmAddr_->currentTotalConnections;
@@ -154,15 +144,15 @@ int InfosGetter::getCurrentTotalConnections() {
 }
 
 int InfosGetter::getSizeofPools() {
-    if (!attached()) fail("programming error\n");
+    if (!attached()) programmingError(raise);
     return shmAddr_->sizeofPools;
 }
 
 // Bounded by the number of profiles the encoder published, a signed test.
 MediaProfileInfo& InfosGetter::publishedProfile(int profileID) {
-    if (!attached() || profileID >= shmAddr_->sizeofPools) fail("programming error\n");
+    if (!attached() || profileID >= shmAddr_->sizeofPools) programmingError(raise);
     MediaProfileInfo* record = profileRecord(shmAddr_, profileID);
-    if (record == nullptr) fail("programming error\n");
+    if (record == nullptr) programmingError(raise);
     return *record;
 }
 
@@ -170,7 +160,7 @@ MediaProfileInfo& InfosGetter::publishedProfile(int profileID) {
 // segment is refused, with the accessor's own text.
 MediaProfileInfo& InfosGetter::anyProfile(int profileID, const char* text) {
     MediaProfileInfo* record = attached() ? profileRecord(shmAddr_, profileID) : nullptr;
-    if (record == nullptr) fail(text);
+    if (record == nullptr) reportedError(text, raise, Newline::No);
     return *record;
 }
 
@@ -219,7 +209,7 @@ int InfosGetter::getSharedMemSize(int profileID) {
 // All five records are looked at whatever sizeofPools says; unused ones have
 // channel 0, so a query for channel 0 can match one of them.
 int InfosGetter::getSharedMemSizebyChannel(int channel) {
-    if (!attached()) fail("InfosPutter::getProfileIDby programming error");
+    if (!attached()) reportedError("InfosPutter::getProfileIDby programming error", raise, Newline::No);
     for (const MediaProfileInfo& profile : shmAddr_->profiles)
         if (profile.channel == channel) return profile.sharedMemSize;
     return -1;

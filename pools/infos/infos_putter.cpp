@@ -39,21 +39,21 @@ MediaProfileInfo& unboundedProfile(InfoArea* area, int profileID, const char* te
 }
 }  // namespace
 
-InfosPutter::InfosPutter() : shmAddr_(notAttached()) {}
+InfosPutter::InfosPutter() : shmAddr_(notAttached<InfoArea>()) {}
 
 InfosPutter::~InfosPutter() {
     release();
 }
 
 void InfosPutter::init(int key) {
-    if (shmid_ != -1 || shmAddr_ != notAttached()) raise("InfosPutter::init programming error");
+    if (shmid_ != -1 || shmAddr_ != notAttached<InfoArea>()) raise("InfosPutter::init programming error");
     // The lock exists before the area does, so a server that finds the area
     // always finds its lock.
     lockId_ = createProcessLock(key, "InfosPutter::init semget failed", raise);
     shmid_ = createWithRetry([&] { return createSegment(key, INFOS_AREA_SIZE); }, [&] { forceReleaseShm(key); },
                              "InfosPutter::init shmget failed", raise, "");
     void* address = shmat(shmid_, nullptr, 0);
-    if (address == reinterpret_cast<void*>(-1)) {
+    if (address == notAttached()) {
         perror("InfosPutter::init shmat failed");
         release();
         raise("InfosPutter::init shmat failed");
@@ -63,7 +63,7 @@ void InfosPutter::init(int key) {
 }
 
 void InfosPutter::release() {
-    removeSegment(shmid_, shmAddr_, notAttached());
+    removeSegment(shmid_, shmAddr_, notAttached<InfoArea>());
     removeProcessLock(lockId_);
 }
 

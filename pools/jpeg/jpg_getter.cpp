@@ -78,7 +78,7 @@ void JPGGetter::probeAge(int maxAge) {
 }
 
 int JPGGetter::next(int slot) const {
-    return slot + 1 < frameCount_ ? slot + 1 : 0;
+    return nextSlot(slot, frameCount_);
 }
 
 bool JPGGetter::intact(int slot) const {

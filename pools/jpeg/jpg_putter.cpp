@@ -2,6 +2,7 @@
 
 #include "../common/data_ring.h"
 #include "../common/errors.h"
+#include "../common/ring_scan.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
 #include "../common/slot_lock.h"
@@ -130,7 +131,7 @@ int JPGPutter::getMaxFrameSize() {
 }
 
 int JPGPutter::nextJPGFrame(int i) {
-    return i + 1 < frameCount_ ? i + 1 : 0;
+    return nextSlot(i, frameCount_);
 }
 
 void JPGPutter::setSafeTime() {

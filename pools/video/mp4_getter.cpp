@@ -75,7 +75,7 @@ unsigned long long MP4Getter::toWorkingGop(int& safeTime) {
 
 unsigned long long MP4Getter::toNextGop(int& safeTime) {
     requireAttached();
-    workingGop_ = workingGop_ + 1 < gopCount_ ? workingGop_ + 1 : 0;
+    workingGop_ = nextSlot(workingGop_, gopCount_);
     return enterGop(safeTime);
 }
 

@@ -2,6 +2,7 @@
 
 #include "../common/data_ring.h"
 #include "../common/errors.h"
+#include "../common/ring_scan.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
 #include "../common/slot_lock.h"
@@ -101,7 +102,7 @@ int MP4Putter::putRealFPS(int fps) {
 }
 
 int MP4Putter::nextGop(int gop) {
-    return gop + 1 < gopCount_ ? gop + 1 : 0;
+    return nextSlot(gop, gopCount_);
 }
 
 void MP4Putter::storeFrame(int slot, void* data, int length, const timeval& tv) {
