@@ -297,7 +297,7 @@ void AudioReading::checkSearch(const Search& search, FragmentId got, int safe, F
     }
     if (search.sec < audioSec(first)) {
         ++earlyMisses_;
-        checks_.equal(what, AUDIO_NOT_FOUND, got);
+        checks_.equal(what, NOT_FOUND_ID, got);
         checks_.equal(what + " leaves the safe time alone", static_cast<int>(UNTOUCHED), safe);
         checks_.equal(what + " stays on its first candidate", first, idAfter);
         return;
@@ -310,7 +310,7 @@ void AudioReading::checkSearch(const Search& search, FragmentId got, int safe, F
         }
     ++missed_;
     int after = audioSlotOf(last + 1);
-    checks_.equal(what, AUDIO_NOT_FOUND, got);
+    checks_.equal(what, NOT_FOUND_ID, got);
     checks_.equal(what + " safe time of the slot after the newest", model_.safe(after), safe);
     checks_.equal(what + " ends on the slot after the newest", model_.inSlot(after), idAfter);
 }

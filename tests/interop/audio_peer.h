@@ -87,7 +87,6 @@ int streamParamOf(const Fragment&, long) {
 // The scenario, the same for every audio kind.
 constexpr FragmentId AUDIO_STATIC_FRAGMENTS = 230;  // the ring once round and 30 further
 constexpr FragmentId AUDIO_LIVE_FRAGMENTS = 3;
-constexpr FragmentId AUDIO_NOT_FOUND = 4294967295ULL;
 
 const AudioFormat& audioFormat(const AudioGeometry& g, FragmentId id);
 int audioSec(FragmentId id);
@@ -227,8 +226,6 @@ public:
                 f.length};
     }
 
-    static constexpr int UNTOUCHED = -12345;
-
 private:
     struct Search {
         bool exact;
@@ -279,7 +276,7 @@ private:
     // Step onto the closed slot after the newest, block until the producer
     // writes it, and read it; AUDIO_LIVE_FRAGMENTS times.
     void followLiveWriter(GetterPtr getter, AudioReading& reading) {
-        int safe = AudioReading::UNTOUCHED;
+        int safe = UNTOUCHED;
         if constexpr (HAS_GETTER) checks_.equal("live: toWorking", model_.last(), getter->toWorking(safe));
         for (FragmentId k = 1; k <= AUDIO_LIVE_FRAGMENTS; ++k) {
             FragmentId id = model_.last() + 1;

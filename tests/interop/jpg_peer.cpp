@@ -77,10 +77,6 @@ int slotOf(FrameId id) {
     return static_cast<int>(id % SLOTS);  // the first frame goes to slot 1
 }
 
-std::string str(const char* text, long long a) {
-    return text + std::to_string(a);
-}
-
 // ---------------------------------------------------------------- producer
 
 void produce(const Rendezvous& meet, Checks& checks) {
@@ -417,9 +413,6 @@ private:
         }
     }
 
-    static constexpr FrameId NOT_FOUND_ID = 4294967295ULL;
-    static constexpr int UNTOUCHED = -12345;
-
     Checks& checks_;
     Model& model_;
     RawSegment raw_;
@@ -427,32 +420,11 @@ private:
 };
 
 void consume(const Rendezvous& meet, Checks& checks) {
-    struct Done {
-        const Rendezvous& meet;
-        ~Done() { meet.mark("done"); }  // lets the producer stop waiting, whatever happened here
-    } done{meet};
     if (!checks.expect(meet.waitFor("ready", WAIT_SECONDS), "producer ready")) return;
     Model model;
     for (FrameId id = 1; id <= STATIC_FRAMES; ++id) model.write(id);
     model.setRealFPS(REAL_FPS);
     Consumer(checks, model).run();
-}
-
-void produceOrAbort(const Rendezvous& meet, Checks& checks) {
-    try {
-        produce(meet, checks);
-    } catch (const std::exception& e) {
-        checks.fail("producer", std::string("exception: ") + e.what());
-    }
-    if (checks.failed() > 0) meet.mark("abort");
-}
-
-void consumeCatching(const Rendezvous& meet, Checks& checks) {
-    try {
-        consume(meet, checks);
-    } catch (const std::exception& e) {
-        checks.fail("consumer", std::string("exception: ") + e.what());
-    }
 }
 
 // ---------------------------------------------------------------- layout
@@ -479,6 +451,6 @@ void layout() {
 
 }  // namespace
 
-const PoolKind jpgKind{"jpg", layout, produceOrAbort, consumeCatching};
+const PoolKind jpgKind{"jpg", layout, produce, consume};
 
 }  // namespace interop

@@ -27,8 +27,6 @@ namespace {
 using namespace avpool::test;
 using Id = unsigned long long;
 
-constexpr Id NOT_FOUND_ID = 4294967295ULL;
-constexpr int UNTOUCHED = -12345;
 constexpr int REAL_FPS = 23;  // putRealFPS after the static frames
 
 // Segment offsets, straight from the layout tables.
@@ -281,10 +279,6 @@ Model staticModel(const Pool& pool) {
     for (size_t n = 0; n < staticOffers(pool); ++n) replay(pool, model, offers[n]);
     model.setRealFPS(REAL_FPS);
     return model;
-}
-
-std::string str(const char* text, long long a) {
-    return text + std::to_string(a);
 }
 
 // ---------------------------------------------------------------- producer

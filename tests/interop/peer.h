@@ -109,6 +109,16 @@ protected:
 // How long either side waits for the other at any one point.
 constexpr int WAIT_SECONDS = 30;
 
+// What a search that finds nothing returns, and the safe time a consumer hands
+// to a call that must leave it alone.
+constexpr unsigned long long NOT_FOUND_ID = 4294967295ULL;
+constexpr int UNTOUCHED = -12345;
+
+// A check's name: a text and a number.
+inline std::string str(const char* text, long long number) {
+    return text + std::to_string(number);
+}
+
 // A producer's live step: waits until the consumer is blocked on lock `index` of
 // the set under `key` (or has gone), so that the element written next wakes it
 // across the two processes. One check, named `what`.
