@@ -120,56 +120,48 @@ int weightOf(const Connection& c) {
 
 // The area as the encoder's calls and the servers' connections must have left
 // it, built from the documented layout without the library's structs.
-class AreaModel {
+class AreaModel : public SegmentImage {
 public:
-    AreaModel() : image_(AREA_SIZE, 0) {
-        set(0, POOLS);
-        set(4, MAX_CONN);
-        for (int i = 0; i < MAX_CONN; ++i) set(slatAt(i), FREE_SLAT);
+    AreaModel() : SegmentImage(AREA_SIZE, 0) {
+        setWord(0, POOLS);
+        setWord(4, MAX_CONN);
+        for (int i = 0; i < MAX_CONN; ++i) setWord(slatAt(i), FREE_SLAT);
         for (const Profile& p : PROFILES) {
             size_t at = profileAt(p.id);
             int values[] = {finalState(p), p.channel, p.param3, finalWidth(p), p.height, p.videoParam3,
                             p.a1, p.a2, p.a3, p.frameDuration, p.sharedMemSize, p.sdpWord};
-            for (size_t k = 0; k < sizeof values / sizeof values[0]; ++k) set(at + 4 * k, values[k]);
+            for (size_t k = 0; k < sizeof values / sizeof values[0]; ++k) setWord(at + 4 * k, values[k]);
             memcpy(&image_[at + SDP_TEXT], p.sdpText, strlen(p.sdpText));
             int sizes[] = {p.spsSize, p.ppsSize, p.volSize};
             size_t blobs[] = {SPS, PPS, VOL};
             for (int b = 0; b < 3; ++b) {
                 for (int j = 0; j < sizes[b]; ++j) image_[at + blobs[b] + j] = blobByte(p.id, b, j);
-                set(at + blobs[b] + 256, sizes[b]);
+                setWord(at + blobs[b] + 256, sizes[b]);
             }
         }
     }
 
     void take(const Connection& c) {
         size_t at = slatAt(c.slat);
-        set(at, c.slat);
-        set(at + 4, c.userType);
+        setWord(at, c.slat);
+        setWord(at + 4, c.userType);
         // Cut as the slat keeps them: 31 and 63 bytes at most, NUL-padded.
         strncpy(reinterpret_cast<char*>(&image_[at + 8]), c.userName, 31);
         strncpy(reinterpret_cast<char*>(&image_[at + 40]), c.userInfo, 63);
-        set(WEIGHTS_AT + 4 * c.slat, weightOf(c));
-        set(8, i32(8) + weightOf(c));
+        setWord(WEIGHTS_AT + 4 * c.slat, weightOf(c));
+        setWord(8, i32(8) + weightOf(c));
     }
 
     // Freeing keeps userType and loginTime.
     void giveBack(int slat) {
         size_t at = slatAt(slat);
-        set(at, FREE_SLAT);
+        setWord(at, FREE_SLAT);
         memset(&image_[at + 8], 0, 96);
-        set(8, i32(8) - i32(WEIGHTS_AT + 4 * slat));
-        set(WEIGHTS_AT + 4 * slat, 0);
+        setWord(8, i32(8) - i32(WEIGHTS_AT + 4 * slat));
+        setWord(WEIGHTS_AT + 4 * slat, 0);
     }
 
-    void setLoginTime(int slat, int seconds) { set(slatAt(slat) + 104, seconds); }
-
-    const std::vector<unsigned char>& image() const { return image_; }
-    int i32(size_t offset) const { return static_cast<int>(readLE32(&image_[offset])); }
-
-private:
-    void set(size_t offset, int value) { putLE32(&image_[offset], static_cast<unsigned int>(value)); }
-
-    std::vector<unsigned char> image_;
+    void setLoginTime(int slat, int seconds) { setWord(slatAt(slat) + 104, seconds); }
 };
 
 std::string fieldAt(size_t offset) {

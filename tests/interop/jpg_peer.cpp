@@ -124,69 +124,61 @@ void produce(const Rendezvous& meet, Checks& checks) {
 
 // The segment as the frames written so far must have left it, built from the
 // documented layout without the library's structs.
-class Model {
+class Model : public SegmentImage {
 public:
-    Model() : image_(SEGMENT_SIZE, 0), position_(1, 0) {
-        set(0, SLOTS);
-        set(4, MAX_FRAME);
-        set(28, 8);
+    Model() : SegmentImage(SEGMENT_SIZE, 0), position_(1, 0) {
+        setWord(0, SLOTS);
+        setWord(4, MAX_FRAME);
+        setWord(28, 8);
         for (int k = 0; k < 64; ++k) {
             image_[32 + k] = lumEntry(k);
             image_[96 + k] = chromEntry(k);
         }
-        set(160, SAFE_AT);
-        set(164, INFO_AT);
-        set(168, DATA_AT);
-        for (int s = 0; s < SLOTS; ++s) set(INFO_AT + RECORD_SIZE * s + 8, s);
+        setWord(160, SAFE_AT);
+        setWord(164, INFO_AT);
+        setWord(168, DATA_AT);
+        for (int s = 0; s < SLOTS; ++s) setWord(INFO_AT + RECORD_SIZE * s + 8, s);
         resize(1);
     }
 
     void write(FrameId id) {
         if (id == RESIZE_AT) resize(id);
         int c = slotOf(id);
-        int interval = 1000 / fps(id);
-        for (int k = 0; k < SLOTS - 1; ++k) setSafe((c + k) % SLOTS, interval * k);
-        setSafe((c + SLOTS - 1) % SLOTS, 0);
+        setSafeTimes(SAFE_AT, SLOTS, c, 1000 / fps(id), false);
 
         int length = frameLength(id);
         int padding = (4 - length % 4) % 4;
         if (writePosition_ + 8 + length + padding > RING) writePosition_ = 0;
         size_t record = INFO_AT + RECORD_SIZE * c;
-        set(record + 0, static_cast<unsigned>(id));
-        set(record + 4, static_cast<unsigned>(id >> 32));
-        set(record + 12, length);
-        set(record + 16, captureSec(id));
-        set(record + 20, captureUsec(id));
-        set(record + 24, width(id));
-        set(record + 28, height(id));
-        set(record + 32, fps(id));
-        set(record + 36, quality(id));
-        set(record + 40, writePosition_);
-        set(8, c);
+        setU64(record, id);
+        setWord(record + 12, length);
+        setWord(record + 16, captureSec(id));
+        setWord(record + 20, captureUsec(id));
+        setWord(record + 24, width(id));
+        setWord(record + 28, height(id));
+        setWord(record + 32, fps(id));
+        setWord(record + 36, quality(id));
+        setWord(record + 40, writePosition_);
+        setWord(8, c);
 
-        unsigned char* at = &image_[DATA_AT + writePosition_];
-        putLE32(at, static_cast<unsigned>(id));
-        putLE32(at + 4, static_cast<unsigned>(id >> 32));
-        for (int j = 0; j < length; ++j) at[8 + j] = frameByte(id, j);
-        memset(at + 8 + length, 0, padding);
+        size_t at = DATA_AT + writePosition_;
+        setU64(at, id);
+        for (int j = 0; j < length; ++j) image_[at + 8 + j] = frameByte(id, j);
+        memset(&image_[at + 8 + length], 0, padding);
         position_.push_back(writePosition_);
         writePosition_ += 8 + length + padding;
         last_ = id;
     }
 
-    void setRealFPS(int value) { set(12, value); }
+    void setRealFPS(int value) { setWord(12, value); }
 
-    const std::vector<unsigned char>& image() const { return image_; }
     FrameId last() const { return last_; }
     int current() const { return slotOf(last_); }
     int dataPosition(FrameId id) const { return position_[id]; }
-    int safe(int slot) const { return static_cast<int>(readLE32(&image_[SAFE_AT + 4 * slot])); }
+    int safe(int slot) const { return i32(SAFE_AT + 4 * slot); }
     FrameId inSlot(int slot) const { return last_ - (last_ + SLOTS - slot) % SLOTS; }
     // The frame's id prefix is still in the ring in front of its bytes.
-    bool intact(FrameId id) const {
-        size_t at = DATA_AT + position_[id];
-        return readLE32(&image_[at]) == static_cast<unsigned>(id) && readLE32(&image_[at + 4]) == id >> 32;
-    }
+    bool intact(FrameId id) const { return u64(DATA_AT + position_[id]) == id; }
     // Slot after slot, the first whose frame is intact.
     FrameId firstIntactFrom(int slot) const {
         while (!intact(inSlot(slot))) slot = (slot + 1) % SLOTS;
@@ -194,16 +186,13 @@ public:
     }
 
 private:
-    void set(size_t offset, long long value) { putLE32(&image_[offset], static_cast<unsigned>(value)); }
-    void setSafe(int slot, int value) { set(SAFE_AT + 4 * slot, value); }
     void resize(FrameId id) {
-        set(12, fps(id));
-        set(16, fps(id));
-        set(20, width(id));
-        set(24, height(id));
+        setWord(12, fps(id));
+        setWord(16, fps(id));
+        setWord(20, width(id));
+        setWord(24, height(id));
     }
 
-    std::vector<unsigned char> image_;
     std::vector<int> position_;  // data position of each frame, by id
     int writePosition_ = 0;
     FrameId last_ = 0;

@@ -147,32 +147,28 @@ constexpr Format SECOND_FORMAT{352, 288, 30};
 
 // The segment and its locks as the offers so far must have left them, following
 // the documented write steps without the library's structs.
-class Model {
+class Model : public SegmentImage {
 public:
-    explicit Model(const Pool& pool)
-        : p_(pool), image_(pool.segmentSize(), 0), locks_(pool.slots(), 1) {
-        set(0, p_.gopCount);
-        set(4, p_.framesPerGop);
-        set(8, p_.maxFrame);
-        set(36, 8);
-        set(40, p_.safeAt());
-        set(44, p_.infoAt());
-        set(48, p_.dataAt());
-        for (int s = 0; s < p_.slots(); ++s) set(record(s) + 28, s);
+    explicit Model(const Pool& pool) : SegmentImage(pool.segmentSize(), 0), p_(pool), locks_(pool.slots(), 1) {
+        setWord(0, p_.gopCount);
+        setWord(4, p_.framesPerGop);
+        setWord(8, p_.maxFrame);
+        setWord(36, 8);
+        setWord(40, p_.safeAt());
+        setWord(44, p_.infoAt());
+        setWord(48, p_.dataAt());
+        for (int s = 0; s < p_.slots(); ++s) setWord(record(s) + 28, s);
     }
 
+    // The header's format words, which every frame stored afterwards copies.
     void reset(const Format& f) {
-        width_ = f.width;
-        height_ = f.height;
-        fps_ = f.fps;
-        oneSafe_ = p_.framesPerGop * 1000 / f.fps;
-        set(16, f.fps);
-        set(20, f.fps);
-        set(24, f.width);
-        set(28, f.height);
-        set(32, oneSafe_);
+        setWord(16, f.fps);
+        setWord(20, f.fps);
+        setWord(24, f.width);
+        setWord(28, f.height);
+        setWord(32, p_.framesPerGop * 1000 / f.fps);
     }
-    void setRealFPS(int fps) { set(16, fps); }
+    void setRealFPS(int fps) { setWord(16, fps); }
 
     // What putIFrame returns, or 0 for a P frame.
     int put(const Offer& o) {
@@ -188,9 +184,9 @@ public:
             frame_ = 0;
             int after = (gop_ + 1) % p_.gopCount;
             for (int k = 0; k < p_.framesPerGop; ++k) locks_[slot(after, k)] = 1;
-            for (int i = 0; i <= p_.gopCount - 2; ++i) setGopSafe((gop_ + i) % p_.gopCount, oneSafe_ * i);
+            for (int i = 0; i <= p_.gopCount - 2; ++i) setGopSafe((gop_ + i) % p_.gopCount, i32(32) * i);
             setGopSafe((gop_ + p_.gopCount - 1) % p_.gopCount, 0);
-            set(12, gop_);
+            setWord(12, gop_);
             store(slot(gop_, 0), o, o.length);
             return 0;
         }
@@ -202,10 +198,7 @@ public:
 
     int slot(int gop, int frame) const { return gop * p_.framesPerGop + frame; }
     size_t record(int s) const { return p_.infoAt() + RECORD_SIZE * s; }
-    int i32(size_t offset) const { return static_cast<int>(readLE32(&image_[offset])); }
-    Id u64(size_t offset) const { return readLE32(&image_[offset]) | static_cast<Id>(readLE32(&image_[offset + 4])) << 32; }
 
-    const std::vector<unsigned char>& image() const { return image_; }
     int lock(int s) const { return locks_[s]; }
     int writerGop() const { return gop_; }
     // The slot the last stored frame went to; its lock opens last.
@@ -224,31 +217,27 @@ public:
     const Offer& source(Id id) const { return sources_[id]; }
 
 private:
-    void set(size_t offset, long long value) { putLE32(&image_[offset], static_cast<unsigned>(value)); }
     void setGopSafe(int gop, int value) {
-        for (int k = 0; k < p_.framesPerGop; ++k) set(p_.safeAt() + 4 * slot(gop, k), value);
+        for (int k = 0; k < p_.framesPerGop; ++k) setWord(p_.safeAt() + 4 * slot(gop, k), value);
     }
     void store(int s, const Offer& o, int length) {
         Id id = ++frameCounter_;
         int padding = (4 - length % 4) % 4;
         if (p_.ring < writePosition_ + 8 + length + padding) writePosition_ = 0;
         size_t r = record(s);
-        set(r + 0, static_cast<unsigned>(gopCounter_));
-        set(r + 4, static_cast<unsigned>(gopCounter_ >> 32));
-        set(r + 8, static_cast<unsigned>(id));
-        set(r + 12, static_cast<unsigned>(id >> 32));
-        set(r + 16, width_);
-        set(r + 20, height_);
-        set(r + 24, i32(20));
-        set(r + 32, length);
-        set(r + 36, o.sec);
-        set(r + 40, o.usec);
-        set(r + 44, writePosition_);
-        unsigned char* at = &image_[p_.dataAt() + writePosition_];
-        putLE32(at, static_cast<unsigned>(id));
-        putLE32(at + 4, static_cast<unsigned>(id >> 32));
-        for (int i = 0; i < length; ++i) at[8 + i] = offerByte(o, i);
-        memset(at + 8 + length, 0, padding);
+        setU64(r, gopCounter_);
+        setU64(r + 8, id);
+        setWord(r + 16, i32(24));
+        setWord(r + 20, i32(28));
+        setWord(r + 24, i32(20));
+        setWord(r + 32, length);
+        setWord(r + 36, o.sec);
+        setWord(r + 40, o.usec);
+        setWord(r + 44, writePosition_);
+        size_t at = p_.dataAt() + writePosition_;
+        setU64(at, id);
+        for (int i = 0; i < length; ++i) image_[at + 8 + i] = offerByte(o, i);
+        memset(&image_[at + 8 + length], 0, padding);
         writePosition_ += 8 + length + padding;
         sources_.resize(id + 1, o);
         sources_[id] = o;
@@ -257,10 +246,8 @@ private:
     }
 
     const Pool& p_;
-    std::vector<unsigned char> image_;
     std::vector<int> locks_;
     std::vector<Offer> sources_;
-    int width_ = 0, height_ = 0, fps_ = 0, oneSafe_ = 0;
     int gop_ = 0, frame_ = 0, writePosition_ = 0, lastSlot_ = 0;
     Id gopCounter_ = 0, frameCounter_ = 0;
     bool skipping_ = false;
