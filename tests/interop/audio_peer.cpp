@@ -171,11 +171,8 @@ std::string AudioModel::fieldAt(size_t offset) const {
 // Everything in the segment, and every slot lock.
 void audioCheckSegment(const AudioGeometry& g, const RawSegment& raw, const AudioModel& model, Checks& checks,
                        const std::string& phase) {
-    checks.equal(phase + ": segment size", g.segmentSize(), raw.size());
+    checkImage(checks, phase, raw, model, [&](size_t offset) { return model.fieldAt(offset); });
     checks.equal(phase + ": semaphores in the set", SLOTS, semCountOf(semIdOf(g.setKey())));
-    size_t compared = std::min(raw.size(), g.segmentSize());
-    checks.bytes(phase + ": segment", model.image().data(), raw.at(0), compared, 0,
-                 [&](size_t offset) { return model.fieldAt(offset); });
     std::vector<int> locks = lockValues(g.setKey(), SLOTS);
     int wrong = 0;
     for (int s = 0; s < SLOTS; ++s) {

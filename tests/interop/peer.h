@@ -11,6 +11,12 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace avpool {
+namespace test {
+class RawSegment;
+}
+}  // namespace avpool
+
 namespace interop {
 
 // How producer and consumer of one kind tell each other where they are: marker
@@ -105,6 +111,11 @@ public:
 protected:
     std::vector<unsigned char> image_;
 };
+
+// A live segment against the image it must hold: its size (one check), then
+// every byte the two have (one check, each differing word named by nameAt).
+void checkImage(Checks& checks, const std::string& phase, const avpool::test::RawSegment& raw,
+                const SegmentImage& image, const std::function<std::string(size_t offset)>& nameAt);
 
 // How long either side waits for the other at any one point.
 constexpr int WAIT_SECONDS = 30;

@@ -2,6 +2,7 @@
 
 #include "ipc_harness.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
@@ -105,6 +106,13 @@ bool awaitLockWaiter(const Rendezvous& meet, Checks& checks, key_t key, int inde
 void expectReleased(Checks& checks, key_t segmentKey, key_t setKey) {
     checks.expect(avpool::test::shmIdOf(segmentKey) == -1, "segment removed by release");
     checks.expect(avpool::test::semIdOf(setKey) == -1, "semaphore set removed by release");
+}
+
+void checkImage(Checks& checks, const std::string& phase, const avpool::test::RawSegment& raw,
+                const SegmentImage& image, const std::function<std::string(size_t offset)>& nameAt) {
+    size_t size = image.image().size();
+    checks.equal(phase + ": segment size", size, raw.size());
+    checks.bytes(phase + ": segment", image.image().data(), raw.at(0), std::min(raw.size(), size), 0, nameAt);
 }
 
 void SegmentImage::setU64(size_t offset, unsigned long long value) {
