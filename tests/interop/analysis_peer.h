@@ -16,7 +16,8 @@
 //   payload(const Getter&, int array)              the getter's pointer to array 0 or 1
 //   afterStatic(Putter&), afterStatic(AnalysisModel&)   written before "ready"
 //   beforeLive(Putter&), beforeLive(AnalysisModel&)     written once the consumer waits for the
-//                                                       first live frame, just before it
+//                                                       first live frame, just before it (played
+//                                                       on the model before the consumer follows)
 //   checkExtras(Getter&, const AnalysisModel&, Checks&, const std::string& phase)
 #pragma once
 
@@ -203,25 +204,11 @@ private:
     // Step onto the closed slot after the newest, block in waitReady until the
     // producer writes it, and read it; round the ring and one further.
     void followLiveWriter() {
-        int safe;
-        checks_.equal("live: toWorking", model_.last(), getter_.toWorking(safe));
-        for (FrameId k = 1; k <= analysisLiveFrames(g_); ++k) {
-            FrameId id = model_.last() + 1;
-            int slot = analysisSlotOf(g_, id);
-            std::string what = "live frame " + std::to_string(id);
-            checks_.equal(what + ": toNext", model_.inSlot(slot), getter_.toNext(safe));
-            checks_.equal(what + ": safe time before", model_.safe(slot), safe);
-            checks_.equal(what + ": lock closed before", 1, avpool::test::lockValue(g_.key(), slot));
-            getter_.waitReady();
-            if (k == 1) Kind::beforeLive(model_);
-            model_.write(id);
-            checks_.equal(what + ": getFrameID", id, getter_.getFrameID());
-            checks_.equal(what + ": lock open", 0, avpool::test::lockValue(g_.key(), slot));
-            checks_.equal(what + ": next lock closed", 1,
-                          avpool::test::lockValue(g_.key(), (slot + 1) % g_.slots));
-            checks_.equal(what + ": header current", slot, raw_.i32(0));
-            checkFrame(what, slot);
-        }
+        // What the producer writes before the first live frame; nothing checked
+        // before that frame arrives reads it.
+        Kind::beforeLive(model_);
+        followRingWriter(checks_, getter_, model_, g_.slots, analysisLiveFrames(g_), g_.key(), raw_, 0,
+                         [this](const std::string& what, int slot, FrameId) { checkFrame(what, slot); });
     }
 
     const AnalysisGeometry& g_ = Kind::geometry;

@@ -379,24 +379,11 @@ private:
     // Step onto the closed slot after the newest, block in waitReady until the
     // producer writes it, and read it; LIVE_FRAMES times, round the ring.
     void followLiveWriter() {
-        int safe;
-        checks_.equal("live: toWorking", model_.last(), getter_.toWorking(safe));
-        for (FrameId k = 1; k <= LIVE_FRAMES; ++k) {
-            FrameId id = model_.last() + 1;
-            int slot = slotOf(id);
-            std::string what = str("live frame ", id);
-            checks_.equal(what + ": toNext", model_.inSlot(slot), getter_.toNext(safe));
-            checks_.equal(what + ": safe time before", model_.safe(slot), safe);
-            checks_.equal(what + ": lock closed before", 1, lockValue(KEY, slot));
-            getter_.waitReady();
-            model_.write(id);
-            checks_.equal(what + ": getFrameID", id, getter_.getFrameID());
-            checks_.equal(what + ": lock open", 0, lockValue(KEY, slot));
-            checks_.equal(what + ": next lock closed", 1, lockValue(KEY, (slot + 1) % SLOTS));
-            checks_.equal(what + ": header current", slot, raw_.i32(8));
-            getter_.getFrame();
-            checkFrame(what, id);
-        }
+        followRingWriter(checks_, getter_, model_, SLOTS, LIVE_FRAMES, KEY, raw_, 8,
+                         [this](const std::string& what, int, FrameId id) {
+                             getter_.getFrame();
+                             checkFrame(what, id);
+                         });
     }
 
     Checks& checks_;

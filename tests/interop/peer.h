@@ -4,18 +4,14 @@
 // the shared records. Each pool kind is one section (a PoolKind) of it.
 #pragma once
 
+#include "ipc_harness.h"
+
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
 #include <string>
 #include <sys/types.h>
 #include <vector>
-
-namespace avpool {
-namespace test {
-class RawSegment;
-}
-}  // namespace avpool
 
 namespace interop {
 
@@ -167,6 +163,33 @@ void moveRingTo(Getter& getter, const Model& model, int slots, int slot) {
     int safe;
     getter.toWorking(safe);
     for (int s = model.current(); s != slot; s = (s + 1) % slots) getter.toNext(safe);
+}
+
+// The reader following a live writer on such a ring, `frames` times: step onto
+// the closed slot after the newest (lock `slot` of the set under `key`), block
+// in waitReady until the producer writes it, play that frame on the model
+// (write(id)), see the locks and the header's current word (at `currentAt` in
+// `raw`) move on, and read the frame with read(what, slot, id).
+template <class Getter, class Model, class Read>
+void followRingWriter(Checks& checks, Getter& getter, Model& model, int slots, unsigned long long frames, key_t key,
+                      const avpool::test::RawSegment& raw, size_t currentAt, Read read) {
+    int safe;
+    checks.equal("live: toWorking", model.last(), getter.toWorking(safe));
+    for (unsigned long long k = 1; k <= frames; ++k) {
+        auto id = model.last() + 1;
+        int slot = static_cast<int>(id % slots);
+        std::string what = str("live frame ", id);
+        checks.equal(what + ": toNext", model.inSlot(slot), getter.toNext(safe));
+        checks.equal(what + ": safe time before", model.safe(slot), safe);
+        checks.equal(what + ": lock closed before", 1, avpool::test::lockValue(key, slot));
+        getter.waitReady();
+        model.write(id);
+        checks.equal(what + ": getFrameID", id, getter.getFrameID());
+        checks.equal(what + ": lock open", 0, avpool::test::lockValue(key, slot));
+        checks.equal(what + ": next lock closed", 1, avpool::test::lockValue(key, (slot + 1) % slots));
+        checks.equal(what + ": header current", slot, raw.i32(currentAt));
+        read(what, slot, id);
+    }
 }
 
 // One pool kind's section of the peer. produce and consume may throw: the
