@@ -35,34 +35,34 @@ static_assert(std::is_same<PCMPoolHeader, avpool::AudioPoolHeader>::value &&
                   std::is_same<OPUSPoolHeader, avpool::AudioPoolHeader>::value,
               "one audio header");
 
-// The calls of the kinds with one fixed key, and of those with a channel.
+// The calls every kind shares: its classes and a fragment without a value of its own.
 template <class PutterType, class GetterType>
-struct FixedKeyCalls {
+struct KindCalls {
     using Putter = PutterType;
     using Getter = GetterType;
-    template <class Side>
-    static void init(Side& side, int) {
-        side.init();
-    }
-    static void reset(Putter& putter, const AudioFormat& f) { putter.reset(f.format, f.channels, f.rate); }
     static void put(Putter& putter, void* data, int length, const timeval& at, int) {
         putter.putFragment(data, length, at);
     }
 };
 
+// The calls of the kinds with one fixed key, and of those with a channel.
 template <class PutterType, class GetterType>
-struct ChannelCalls {
-    using Putter = PutterType;
-    using Getter = GetterType;
+struct FixedKeyCalls : KindCalls<PutterType, GetterType> {
+    template <class Side>
+    static void init(Side& side, int) {
+        side.init();
+    }
+    static void reset(PutterType& putter, const AudioFormat& f) { putter.reset(f.format, f.channels, f.rate); }
+};
+
+template <class PutterType, class GetterType>
+struct ChannelCalls : KindCalls<PutterType, GetterType> {
     template <class Side>
     static void init(Side& side, int channel) {
         side.init(channel);
     }
-    static void reset(Putter& putter, const AudioFormat& f) {
+    static void reset(PutterType& putter, const AudioFormat& f) {
         putter.reset(f.format, f.channels, f.rate, f.streamParam);
-    }
-    static void put(Putter& putter, void* data, int length, const timeval& at, int) {
-        putter.putFragment(data, length, at);
     }
 };
 
