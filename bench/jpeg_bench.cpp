@@ -4,7 +4,6 @@
 
 #include <avpool/jpg.h>
 
-#include <exception>
 #include <memory>
 
 using namespace avpool_bench;
@@ -21,15 +20,10 @@ constexpr int DATA_SIZE = (4 + static_cast<int>(sizeof(JPGFrameInfo))) * FRAME_C
 
 // Creates the pool with working parameters; on failure the benchmark fails.
 bool openPool(JPGPutter& putter, int channel, benchmark::State& state) {
-    try {
-        QuietSetup quiet;
+    return setUpQuietly(state, [&] {
         putter.init(channel, FRAME_COUNT, MAX_FRAME_SIZE, DATA_SIZE);
         putter.reset(1280, 720, 30, 80);
-    } catch (const std::exception& e) {
-        state.SkipWithError(e.what());
-        return false;
-    }
-    return true;
+    });
 }
 
 void BM_JpegPutFrame(benchmark::State& state) {

@@ -5,8 +5,6 @@
 
 #include <avpool/mp4.h>
 
-#include <cstdio>
-#include <exception>
 #include <memory>
 
 using namespace avpool_bench;
@@ -25,27 +23,12 @@ constexpr int RING_BYTES = 8 * (8 + MAX_FRAME_SIZE);
 constexpr int DATA_SIZE = (4 + static_cast<int>(sizeof(MP4FrameInfo))) * SLOTS + RING_BYTES;
 const timeval CAPTURED{1700000000, 0};
 
-// One pool per channel for the whole run, created on first use: MP4Putter::init
-// prints its geometry on standard output, which would otherwise land between the
-// result lines of every run the library makes of a benchmark. Null (and the
-// benchmark failed) when it cannot be created.
-MP4Putter* pool(int channel, benchmark::State& state) {
-    static MP4Putter putters[2];
-    static bool open[2] = {false, false};
-    MP4Putter& putter = putters[channel - COST_CHANNEL];
-    if (!open[channel - COST_CHANNEL]) {
-        try {
-            QuietSetup quiet;
-            putter.init(channel, GOP_COUNT, FRAMES_PER_GOP, MAX_FRAME_SIZE, DATA_SIZE);
-            putter.reset(1920, 1080, 30);
-            fflush(stdout);
-        } catch (const std::exception& e) {
-            state.SkipWithError(e.what());
-            return nullptr;
-        }
-        open[channel - COST_CHANNEL] = true;
-    }
-    return &putter;
+// Creates the pool with working parameters; on failure the benchmark fails.
+bool openPool(MP4Putter& putter, int channel, benchmark::State& state) {
+    return setUpQuietly(state, [&] {
+        putter.init(channel, GOP_COUNT, FRAMES_PER_GOP, MAX_FRAME_SIZE, DATA_SIZE);
+        putter.reset(1920, 1080, 30);
+    });
 }
 
 // Runs put as the timed part of one iteration (manual time), so the untimed frames
@@ -64,20 +47,20 @@ void timed(benchmark::State& state, Put put) {
 void BM_Mp4PutIFrame(benchmark::State& state) {
     const int length = static_cast<int>(state.range(0));
     const int pFrames = static_cast<int>(state.range(1));
-    MP4Putter* putter = pool(COST_CHANNEL, state);
-    if (putter == nullptr) return;
+    MP4Putter putter;
+    if (!openPool(putter, COST_CHANNEL, state)) return;
     std::unique_ptr<unsigned char[]> frame = makePayload(length);
     std::unique_ptr<unsigned char[]> pFrame = makePayload(8 << 10);
 
     AllocationCheck allocations;
     for (auto _ : state) {
         int result = 0;
-        timed(state, [&] { result = putter->putIFrame(frame.get(), length, CAPTURED); });
+        timed(state, [&] { result = putter.putIFrame(frame.get(), length, CAPTURED); });
         if (result != 0) {
             state.SkipWithError("putIFrame refused the frame");
             break;
         }
-        for (int k = 0; k < pFrames; ++k) putter->putPFrame(pFrame.get(), 8 << 10, CAPTURED);
+        for (int k = 0; k < pFrames; ++k) putter.putPFrame(pFrame.get(), 8 << 10, CAPTURED);
     }
     allocations.report(state, "allocs_per_put");
     state.SetBytesProcessed(state.iterations() * length);
@@ -91,19 +74,19 @@ BENCHMARK(BM_Mp4PutIFrame)
 // P frames; when a GOP is full an untimed I frame starts the next one.
 void BM_Mp4PutPFrame(benchmark::State& state) {
     const int length = static_cast<int>(state.range(0));
-    MP4Putter* putter = pool(COST_CHANNEL, state);
-    if (putter == nullptr) return;
+    MP4Putter putter;
+    if (!openPool(putter, COST_CHANNEL, state)) return;
     std::unique_ptr<unsigned char[]> frame = makePayload(length);
-    putter->putIFrame(frame.get(), length, CAPTURED);
+    putter.putIFrame(frame.get(), length, CAPTURED);
 
     AllocationCheck allocations;
     int inGop = 1;
     for (auto _ : state) {
         if (inGop == FRAMES_PER_GOP) {
-            putter->putIFrame(frame.get(), length, CAPTURED);
+            putter.putIFrame(frame.get(), length, CAPTURED);
             inGop = 1;
         }
-        timed(state, [&] { putter->putPFrame(frame.get(), length, CAPTURED); });
+        timed(state, [&] { putter.putPFrame(frame.get(), length, CAPTURED); });
         ++inGop;
     }
     allocations.report(state, "allocs_per_put");
@@ -149,13 +132,13 @@ private:
 void BM_Mp4WakeLatency(benchmark::State& state) {
     const int iLength = static_cast<int>(state.range(0));
     const int pLength = static_cast<int>(state.range(1));
-    MP4Putter* putter = pool(LATENCY_CHANNEL, state);
-    if (putter == nullptr) return;
+    MP4Putter putter;
+    if (!openPool(putter, LATENCY_CHANNEL, state)) return;
     std::unique_ptr<unsigned char[]> iFrame = makePayload(iLength);
     std::unique_ptr<unsigned char[]> pFrame = makePayload(pLength);
     // One full GOP before the reader comes: it starts at that GOP's end.
-    putter->putIFrame(iFrame.get(), iLength, CAPTURED);
-    for (int k = 1; k < FRAMES_PER_GOP; ++k) putter->putPFrame(pFrame.get(), pLength, CAPTURED);
+    putter.putIFrame(iFrame.get(), iLength, CAPTURED);
+    for (int k = 1; k < FRAMES_PER_GOP; ++k) putter.putPFrame(pFrame.get(), pLength, CAPTURED);
 
     for (auto _ : state) {
         int put = 0;
@@ -164,10 +147,10 @@ void BM_Mp4WakeLatency(benchmark::State& state) {
             [&](long long stampNs) {
                 if (put++ % FRAMES_PER_GOP == 0) {
                     writeStamp(iFrame.get(), stampNs);
-                    putter->putIFrame(iFrame.get(), iLength, CAPTURED);
+                    putter.putIFrame(iFrame.get(), iLength, CAPTURED);
                 } else {
                     writeStamp(pFrame.get(), stampNs);
-                    putter->putPFrame(pFrame.get(), pLength, CAPTURED);
+                    putter.putPFrame(pFrame.get(), pLength, CAPTURED);
                 }
             },
             [] { return std::unique_ptr<LatencyConsumer>(new Mp4Consumer(LATENCY_CHANNEL)); });

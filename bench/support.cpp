@@ -55,6 +55,17 @@ QuietSetup::~QuietSetup() {
     restore(STDERR_FILENO, savedErr_);
 }
 
+bool setUpQuietly(benchmark::State& state, const std::function<void()>& setUp) {
+    try {
+        QuietSetup quiet;
+        setUp();
+    } catch (const std::exception& e) {
+        state.SkipWithError(e.what());
+        return false;
+    }
+    return true;
+}
+
 std::unique_ptr<unsigned char[]> makePayload(int length) {
     int size = std::max(length, 8);
     std::unique_ptr<unsigned char[]> payload(new unsigned char[size]);

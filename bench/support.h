@@ -43,6 +43,10 @@ private:
     int savedErr_;
 };
 
+// Runs a pool's set-up inside a QuietSetup. When it throws, the benchmark fails
+// with the exception's message and the result is false.
+bool setUpQuietly(benchmark::State& state, const std::function<void()>& setUp);
+
 // A payload buffer of `length` bytes (at least 8, for a stamp) with varied content.
 std::unique_ptr<unsigned char[]> makePayload(int length);
 
