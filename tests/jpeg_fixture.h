@@ -95,13 +95,7 @@ protected:
     uint64_t frameIdIn(int slot) const {
         return avpool::test::RawSegment(KEY).u64(jpeg_layout::record(frameCount(), slot) + jpeg_layout::ID);
     }
-    std::vector<int> safeTimes() const {
-        avpool::test::RawSegment raw(KEY);
-        const int slots = frameCount();
-        std::vector<int> values;
-        for (int slot = 0; slot < slots; ++slot) values.push_back(raw.i32(jpeg_layout::safeTime(slot)));
-        return values;
-    }
+    std::vector<int> safeTimes() const { return jpeg_layout::Tables::safeTimes(KEY, frameCount()); }
     std::vector<int> locks() const { return avpool::test::lockValues(KEY, frameCount()); }
 
     static std::string text(const JPGFrame& frame) {

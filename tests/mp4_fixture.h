@@ -117,13 +117,7 @@ protected:
     uint64_t gopIdIn(int slot) const {
         return avpool::test::RawSegment(KEY).u64(mp4_layout::record(poolSize(), slot) + mp4_layout::GOP_ID);
     }
-    std::vector<int> safeTimes() const {
-        avpool::test::RawSegment raw(KEY);
-        const int slots = poolSize();
-        std::vector<int> values;
-        for (int slot = 0; slot < slots; ++slot) values.push_back(raw.i32(mp4_layout::safeTime(slot)));
-        return values;
-    }
+    std::vector<int> safeTimes() const { return mp4_layout::Tables::safeTimes(KEY, poolSize()); }
     // Lock values of every slot, each read from its group's set.
     std::vector<int> locks() const {
         const int slots = poolSize();

@@ -3,7 +3,10 @@
 // frame record per slot and then the data ring (the JPEG and the video pools).
 #pragma once
 
+#include "ipc_harness.h"
+
 #include <cstddef>
+#include <vector>
 
 #include <sys/time.h>
 
@@ -32,6 +35,14 @@ struct SlotTables {
     static size_t ring(int slots) { return Header + PER_SLOT * static_cast<size_t>(slots); }
     // The size to create a pool of slots with a ring of ringBytes.
     static int sizeFor(int slots, int ringBytes) { return ringBytes + static_cast<int>(PER_SLOT) * slots; }
+
+    // The safe-time words of every slot of the pool under key.
+    static std::vector<int> safeTimes(key_t key, int slots) {
+        RawSegment raw(key);
+        std::vector<int> values;
+        for (int slot = 0; slot < slots; ++slot) values.push_back(raw.i32(safeTime(slot)));
+        return values;
+    }
 };
 
 }  // namespace avpool::test
