@@ -9,6 +9,7 @@
 
 #include "expect.h"
 #include "ipc_harness.h"
+#include "pool_layout.h"
 
 #include <gtest/gtest.h>
 
@@ -17,8 +18,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <sys/time.h>
 
 namespace analysis_layout {
 // Header, both kinds.
@@ -68,6 +67,7 @@ struct MdKind : KindClasses<MDPutter, MDGetter, MDPutterError, MDGetterError> {
     static constexpr int SLOTS = 5;
     static constexpr size_t SIZE = 123040;
     static constexpr size_t RECORD = 24600;
+    static constexpr size_t VIBRATION = 16;  // index 0; indexes 1 to 5 are the safe times
     static constexpr size_t SAFE_TIMES = 20;
     static constexpr size_t ELEMENT = 4;
     static constexpr size_t ARRAY = 12288;
@@ -113,10 +113,7 @@ protected:
         Arrays arrays;
         const size_t bytes = static_cast<size_t>(std::max(length, 0)) * Kind::ELEMENT;
         for (int a = 0; a < ARRAYS; ++a) arrays.push_back(payload(k, a, bytes));
-        timeval t{};
-        t.tv_sec = k;
-        t.tv_usec = 10 * k;
-        Kind::put(p, arrays, length, t);
+        Kind::put(p, arrays, length, avpool::test::at(k, 10 * k));
     }
     void put(int k, int length) { put(putter, k, length); }
 

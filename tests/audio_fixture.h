@@ -11,13 +11,12 @@
 
 #include "expect.h"
 #include "ipc_harness.h"
+#include "pool_layout.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include <sys/time.h>
 
 namespace audio_layout {
 // Header.
@@ -36,6 +35,7 @@ constexpr size_t RATE = 28;
 constexpr size_t SEC = 32;
 constexpr size_t USEC = 36;
 constexpr size_t SAMPLES = 40;
+constexpr size_t HEAD = SAMPLES + 4;  // where a kind's extras begin
 constexpr size_t NONE = 0;  // no such field in this kind
 
 constexpr int SLOTS = 200;
@@ -149,12 +149,7 @@ inline std::vector<unsigned char> payload(int seed, size_t count) {
     return bytes;
 }
 
-inline timeval at(int second, int microsecond = 0) {
-    timeval t{};
-    t.tv_sec = second;
-    t.tv_usec = microsecond;
-    return t;
-}
+using avpool::test::at;
 
 template <class Kind>
 class AudioPool : public ::testing::Test {

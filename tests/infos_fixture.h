@@ -15,6 +15,7 @@
 #include <string>
 
 namespace infos_layout {
+constexpr key_t KEY = 1168;  // the segment's and the lock's
 constexpr size_t SIZE = 6552;
 constexpr size_t SIZEOF_POOLS = 0;
 constexpr size_t MAX_CONN = 4;
@@ -65,9 +66,16 @@ inline size_t profile(int p, long field) {
 }
 }  // namespace infos_layout
 
+// The 32-bit word at p, in the machine's byte order.
+inline int32_t wordAt(const void* p) {
+    int32_t value;
+    memcpy(&value, p, sizeof value);
+    return value;
+}
+
 class InfosArea : public ::testing::Test {
 protected:
-    static constexpr key_t KEY = 1168;
+    static constexpr key_t KEY = infos_layout::KEY;
 
     // The encoder's start: area created, profile count and budget published.
     void start(int maxConn = 10, int sizeofPools = MAX_MEDIA_POOL) {
@@ -91,11 +99,6 @@ protected:
     void fillWithOwnOffsets(int sizeofPools = MAX_MEDIA_POOL) {
         for (size_t offset = 0; offset < infos_layout::SIZE; offset += 4) writeWord(offset, static_cast<int32_t>(offset));
         encoder.putSizeofPools(sizeofPools);
-    }
-    static int32_t wordAt(const void* p) {
-        int32_t value;
-        memcpy(&value, p, sizeof value);
-        return value;
     }
 
     // Raw reads of the segment under KEY.

@@ -7,13 +7,12 @@
 
 #include "expect.h"
 #include "ipc_harness.h"
+#include "pool_layout.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include <sys/time.h>
 
 namespace jpeg_layout {
 // Header.
@@ -44,17 +43,14 @@ constexpr size_t QUALITY = 36;
 constexpr size_t POSITION = 40;
 constexpr size_t RECORD = 48;
 
-inline size_t safeTime(int slot) {
-    return HEADER + 4 * static_cast<size_t>(slot);
-}
-inline size_t record(int frameCount, int slot) {
-    return HEADER + 4 * static_cast<size_t>(frameCount) + RECORD * static_cast<size_t>(slot);
-}
-inline size_t ring(int frameCount) {
-    return HEADER + 52 * static_cast<size_t>(frameCount);
-}
+// safeTime(slot), record(frameCount, slot), ring(frameCount).
+using Tables = avpool::test::SlotTables<HEADER, RECORD>;
+inline constexpr auto safeTime = &Tables::safeTime;
+inline constexpr auto record = &Tables::record;
+inline constexpr auto ring = &Tables::ring;
 }  // namespace jpeg_layout
 
+using avpool::test::at;
 using avpool::test::failureOf;
 
 class JpegPool : public ::testing::Test {
@@ -68,15 +64,9 @@ protected:
         create(putter, frameCount, maxFrameSize, ringBytes);
     }
     void create(JPGPutter& p, int frameCount, int maxFrameSize, int ringBytes) {
-        frameCount_ = frameCount;
-        testing::internal::CaptureStderr();
-        try {
-            p.init(CHANNEL, frameCount, maxFrameSize, ringBytes + 52 * frameCount);
-        } catch (...) {
-            initLog = testing::internal::GetCapturedStderr();
-            throw;
-        }
-        initLog = testing::internal::GetCapturedStderr();
+        avpool::test::captureOutput(
+            [&] { p.init(CHANNEL, frameCount, maxFrameSize, jpeg_layout::Tables::sizeFor(frameCount, ringBytes)); },
+            initLog);
     }
 
     // create() and working parameters of 10 fps (100 ms per frame), 1 x 1.
@@ -85,12 +75,6 @@ protected:
         putter.reset(1, 1, 10, 1);
     }
 
-    static timeval at(int second, int microsecond = 0) {
-        timeval t{};
-        t.tv_sec = second;
-        t.tv_usec = microsecond;
-        return t;
-    }
     int put(const std::string& bytes, int second = 0, int microsecond = 0) {
         return put(putter, bytes, second, microsecond);
     }
@@ -98,15 +82,21 @@ protected:
         return p.putFrame(const_cast<char*>(bytes.data()), static_cast<int>(bytes.size()), at(second, microsecond));
     }
 
-    // Raw reads of this test's pool.
+    // Raw reads of this test's pool; its frame count is read from its header
+    // (0 while there is no pool).
+    static int frameCount() {
+        avpool::test::RawSegment raw(KEY);
+        return raw.attached() ? raw.i32(jpeg_layout::FRAME_COUNT) : 0;
+    }
     int32_t header(size_t offset) const { return avpool::test::RawSegment(KEY).i32(offset); }
     int32_t field(int slot, size_t offset) const {
-        return avpool::test::RawSegment(KEY).i32(jpeg_layout::record(frameCount_, slot) + offset);
+        return avpool::test::RawSegment(KEY).i32(jpeg_layout::record(frameCount(), slot) + offset);
     }
     uint64_t frameIdIn(int slot) const {
-        return avpool::test::RawSegment(KEY).u64(jpeg_layout::record(frameCount_, slot) + jpeg_layout::ID);
+        return avpool::test::RawSegment(KEY).u64(jpeg_layout::record(frameCount(), slot) + jpeg_layout::ID);
     }
-    std::vector<int> locks() const { return avpool::test::lockValues(KEY, frameCount_); }
+    std::vector<int> safeTimes() const { return jpeg_layout::Tables::safeTimes(KEY, frameCount()); }
+    std::vector<int> locks() const { return avpool::test::lockValues(KEY, frameCount()); }
 
     static std::string text(const JPGFrame& frame) {
         return std::string(reinterpret_cast<const char*>(frame.data), static_cast<size_t>(frame.frameLength));
@@ -115,5 +105,4 @@ protected:
     avpool::test::IpcKeys keys{KEY};
     JPGPutter putter;  // declared after keys: its pool is released before the keys are cleaned
     std::string initLog;
-    int frameCount_ = 0;
 };

@@ -7,13 +7,12 @@
 
 #include "expect.h"
 #include "ipc_harness.h"
+#include "pool_layout.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include <sys/time.h>
 
 namespace mp4_layout {
 // Header, 52 bytes.
@@ -44,17 +43,14 @@ constexpr size_t USEC = 40;
 constexpr size_t POSITION = 44;
 constexpr size_t RECORD = 48;
 
-inline size_t safeTime(int slot) {
-    return HEADER + 4 * static_cast<size_t>(slot);
-}
-inline size_t record(int poolSize, int slot) {
-    return HEADER + 4 * static_cast<size_t>(poolSize) + RECORD * static_cast<size_t>(slot);
-}
-inline size_t ring(int poolSize) {
-    return HEADER + 52 * static_cast<size_t>(poolSize);
-}
+// safeTime(slot), record(poolSize, slot), ring(poolSize).
+using Tables = avpool::test::SlotTables<HEADER, RECORD>;
+inline constexpr auto safeTime = &Tables::safeTime;
+inline constexpr auto record = &Tables::record;
+inline constexpr auto ring = &Tables::ring;
 }  // namespace mp4_layout
 
+using avpool::test::at;
 using avpool::test::failureOf;
 
 class Mp4Pool : public ::testing::Test {
@@ -69,11 +65,9 @@ protected:
         create(putter, gopCount, framesPerGop, maxFrameSize, ringBytes);
     }
     void create(MP4Putter& p, int gopCount, int framesPerGop, int maxFrameSize, int ringBytes) {
-        framesPerGop_ = framesPerGop;
-        poolSize_ = gopCount * framesPerGop;
-        avpool::test::captureOutput(
-            [&] { p.init(CHANNEL, gopCount, framesPerGop, maxFrameSize, ringBytes + 52 * poolSize_); }, initErr,
-            &initOut);
+        const int size = mp4_layout::Tables::sizeFor(gopCount * framesPerGop, ringBytes);
+        avpool::test::captureOutput([&] { p.init(CHANNEL, gopCount, framesPerGop, maxFrameSize, size); }, initErr,
+                                    &initOut);
     }
 
     // create() and working parameters of 640 x 480 at fps.
@@ -82,12 +76,6 @@ protected:
         putter.reset(640, 480, fps);
     }
 
-    static timeval at(int second, int microsecond = 0) {
-        timeval t{};
-        t.tv_sec = second;
-        t.tv_usec = microsecond;
-        return t;
-    }
     static void* bytesOf(const std::string& bytes) { return const_cast<char*>(bytes.data()); }
     static int lengthOf(const std::string& bytes) { return static_cast<int>(bytes.size()); }
     int putI(const std::string& bytes, int second = 0, int microsecond = 0) {
@@ -113,27 +101,28 @@ protected:
         avpool::test::captureOutput([&] { reader.init(CHANNEL); }, attachLog);
     }
 
-    // Raw reads of this test's pool.
+    // Raw reads of this test's pool; its number of slots is read from its
+    // header (0 while there is no pool).
+    static int poolSize() {
+        avpool::test::RawSegment raw(KEY);
+        return raw.attached() ? raw.i32(mp4_layout::GOP_COUNT) * raw.i32(mp4_layout::FRAMES_PER_GOP) : 0;
+    }
     int32_t header(size_t offset) const { return avpool::test::RawSegment(KEY).i32(offset); }
     int32_t field(int slot, size_t offset) const {
-        return avpool::test::RawSegment(KEY).i32(mp4_layout::record(poolSize_, slot) + offset);
+        return avpool::test::RawSegment(KEY).i32(mp4_layout::record(poolSize(), slot) + offset);
     }
     uint64_t frameIdIn(int slot) const {
-        return avpool::test::RawSegment(KEY).u64(mp4_layout::record(poolSize_, slot) + mp4_layout::FRAME_ID);
+        return avpool::test::RawSegment(KEY).u64(mp4_layout::record(poolSize(), slot) + mp4_layout::FRAME_ID);
     }
     uint64_t gopIdIn(int slot) const {
-        return avpool::test::RawSegment(KEY).u64(mp4_layout::record(poolSize_, slot) + mp4_layout::GOP_ID);
+        return avpool::test::RawSegment(KEY).u64(mp4_layout::record(poolSize(), slot) + mp4_layout::GOP_ID);
     }
-    std::vector<int> safeTimes() const {
-        avpool::test::RawSegment raw(KEY);
-        std::vector<int> values;
-        for (int slot = 0; slot < poolSize_; ++slot) values.push_back(raw.i32(mp4_layout::safeTime(slot)));
-        return values;
-    }
+    std::vector<int> safeTimes() const { return mp4_layout::Tables::safeTimes(KEY, poolSize()); }
     // Lock values of every slot, each read from its group's set.
     std::vector<int> locks() const {
+        const int slots = poolSize();
         std::vector<int> values;
-        for (int slot = 0; slot < poolSize_; ++slot) values.push_back(lockOf(slot));
+        for (int slot = 0; slot < slots; ++slot) values.push_back(lockOf(slot));
         return values;
     }
     static int lockOf(int slot) { return avpool::test::lockValue(semKey(slot / 250), slot % 250); }
@@ -148,8 +137,6 @@ protected:
     std::string initErr;
     std::string initOut;
     std::string attachLog;
-    int framesPerGop_ = 0;
-    int poolSize_ = 0;
 };
 
 // Per-slot expectations written GOP by GOP: {{1, 0, 0}, {0, 1, 1}} for two GOPs of three.

@@ -267,7 +267,7 @@ TEST_F(MdPool, vibrationIsClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
     const int cases[][2] = {{150, 100}, {-3, 0}, {42, 42}, {100, 100}, {0, 0}, {INT_MIN, 0}, {INT_MAX, 100}};
     for (const auto& c : cases) {
         putter.putVibration(0, c[0]);
-        EXPECT_EQ(word(16), c[1]) << c[0];
+        EXPECT_EQ(word(MdKind::VIBRATION), c[1]) << c[0];
         EXPECT_EQ(reader.getVibration(0), c[1]) << c[0];
     }
 

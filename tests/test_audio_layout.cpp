@@ -5,9 +5,6 @@
 #include <algorithm>
 #include <functional>
 
-#include <sys/sem.h>
-#include <sys/shm.h>
-
 using namespace audio_layout;
 using avpool::test::failureOf;
 using avpool::test::RawSegment;
@@ -86,7 +83,7 @@ TYPED_TEST(AudioPutterTest, putFragmentStoresTheSlotByTheKindsCopyAndLengthRules
         data.resize(Kind::CAPACITY, FILL);
         EXPECT_EQ(raw.bytes(this->slot(s) + Kind::DATA, Kind::CAPACITY), data);
         // Whatever follows the head and precedes the data, or trails it, is fill.
-        size_t extras = 44 + (Kind::STREAM_PARAM != NONE ? 4 : 0) + (Kind::FRAGMENT_PARAM != NONE ? 4 : 0);
+        size_t extras = HEAD + (Kind::STREAM_PARAM != NONE ? 4 : 0) + (Kind::FRAGMENT_PARAM != NONE ? 4 : 0);
         EXPECT_EQ(raw.bytes(this->slot(s) + extras, Kind::DATA - extras), std::vector<unsigned char>(Kind::DATA - extras, FILL));
         size_t tail = Kind::DATA + Kind::CAPACITY;
         EXPECT_EQ(raw.bytes(this->slot(s) + tail, Kind::SLOT - tail), std::vector<unsigned char>(Kind::SLOT - tail, FILL));
@@ -212,7 +209,7 @@ TYPED_TEST(AudioPutterTest, releaseRemovesEverythingAndInitReplacesLeftoversItCa
     this->putter.release();
 
     // A segment of the pool's size and a set of any size are found and replaced.
-    int staleShm = shmget(Kind::KEY, Kind::SEGMENT, IPC_CREAT | 0600);
+    int staleShm = avpool::test::plantSegment(Kind::KEY, Kind::SEGMENT, 0);
     int staleSet = avpool::test::plantSemSet(Kind::SET_KEY, 3);
     ASSERT_NE(staleShm, -1);
     ASSERT_NE(staleSet, -1);
@@ -227,7 +224,7 @@ TYPED_TEST(AudioPutterTest, releaseRemovesEverythingAndInitReplacesLeftoversItCa
     EXPECT_EQ(avpool::test::semIdOf(Kind::SET_KEY), -1);
 
     // A smaller segment cannot be looked up with the full size: it stays and the retry fails.
-    int smaller = shmget(Kind::KEY, 64, IPC_CREAT | 0600);
+    int smaller = avpool::test::plantSegment(Kind::KEY, 64, 0);
     ASSERT_NE(smaller, -1);
     auto [message, log] = failureOf<typename Kind::PutterError>([&] { Kind::init(this->putter); });
     EXPECT_EQ(message, "shmget failed.");
@@ -262,8 +259,8 @@ TEST_F(AmrPool, newestFragmentIsReadByTheLayoutWithAtMostItsCapacityAndTheFragme
     ASSERT_EQ(newest, 1);
     EXPECT_EQ(avpool::test::lockValue(AmrKind::SET_KEY, field(raw, newest, LOCK_INDEX)), 0);
     EXPECT_EQ(field(raw, newest, LENGTH), 1024);
-    EXPECT_EQ(field(raw, newest, 44), 5);
-    EXPECT_EQ(field(raw, newest, 48), 7);
-    EXPECT_EQ(raw.bytes(slot(newest) + 52, 1024), payload(1, 1024));
+    EXPECT_EQ(field(raw, newest, AmrKind::STREAM_PARAM), 5);
+    EXPECT_EQ(field(raw, newest, AmrKind::FRAGMENT_PARAM), 7);
+    EXPECT_EQ(raw.bytes(slot(newest) + AmrKind::DATA, 1024), payload(1, 1024));
     EXPECT_EQ(avpool::test::lockValue(AmrKind::SET_KEY, newest + 1), 1);
 }

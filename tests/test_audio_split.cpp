@@ -4,6 +4,7 @@
 
 #include "media/adts_stream.h"
 #include "media/wav_stream.h"
+#include "media_bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -11,13 +12,8 @@
 #include <vector>
 
 using namespace avpool::media;
-using Bytes = std::vector<unsigned char>;
 
 namespace {
-
-void append(Bytes& out, const Bytes& more) {
-    out.insert(out.end(), more.begin(), more.end());
-}
 
 Bytes le32(uint32_t v) {
     return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v >> 16),
@@ -65,17 +61,6 @@ Bytes riff(std::initializer_list<Bytes> chunks) {
     append(out, le32(static_cast<uint32_t>(inner.size())));
     append(out, inner);
     return out;
-}
-
-// The FormatError message of read on the bytes, or "accepted".
-template <class Read>
-std::string errorOf(Read read, const Bytes& bytes) {
-    try {
-        read(bytes.data(), bytes.size());
-    } catch (const FormatError& error) {
-        return error.what();
-    }
-    return "accepted";
 }
 
 std::string wavError(const Bytes& file) {

@@ -15,9 +15,6 @@
 #include <string>
 #include <vector>
 
-#include <sys/sem.h>
-#include <sys/shm.h>
-
 using namespace avpool::detail;
 using namespace avpool::test;
 
@@ -82,9 +79,9 @@ TEST(SemGroups, groupsLiveUnderConsecutiveKeysAndAreRemovedTogether) {
 
     // A slot's lock is found by group and index: slot 251 is index 1 of group 1.
     setGroupedLock(groups, 251, LOCK_CLOSED, fail);
-    EXPECT_EQ(semctl(groups.id[1], 1, GETVAL), 1);
-    EXPECT_EQ(semctl(groups.id[0], 251 % 250, GETVAL), 0);
-    EXPECT_EQ(semctl(groups.id[1], 0, GETVAL), 0);
+    EXPECT_EQ(lockValue(FIRST_KEY + 1, 1), 1);
+    EXPECT_EQ(lockValue(FIRST_KEY, 251 % 250), 0);
+    EXPECT_EQ(lockValue(FIRST_KEY + 1, 0), 0);
 
     SemGroups opened;
     openSemGroups(FIRST_KEY, 600, opened, fail);
@@ -136,7 +133,7 @@ TEST(SemGroups, leftoverGroupIsForcedOutOnceAndOtherwiseFailsCreation) {
 
 TEST(Segments, creationForcesOutALeftoverOnceAndRemovalLeavesNothing) {
     avpool::test::IpcKeys keys{FIRST_KEY};
-    int leftover = shmget(FIRST_KEY, 64, IPC_CREAT | 0600);
+    int leftover = plantSegment(FIRST_KEY, 64, 0);
     ASSERT_NE(leftover, -1);
     int forced = 0;
     int id = createSegment(
@@ -219,7 +216,7 @@ protected:
     }
     void interruptWait(ForkedChild& child) {
         ASSERT_NO_FATAL_FAILURE(expectLine(child, "waiting"));
-        ASSERT_TRUE(eventually([&] { return semctl(set, 1, GETZCNT) == 1; }));
+        ASSERT_TRUE(eventually([&] { return lockWaiters(FIRST_KEY, 1) == 1; }));
         child.signal(SIGUSR1);
         ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
     }
@@ -229,8 +226,8 @@ protected:
 };
 
 TEST_F(LockWait, openLockReturnsAtOnceAndSetLockWritesTheValue) {
-    EXPECT_EQ(semctl(set, 0, GETVAL), 0);
-    EXPECT_EQ(semctl(set, 1, GETVAL), 1);
+    EXPECT_EQ(lockValue(FIRST_KEY, 0), 0);
+    EXPECT_EQ(lockValue(FIRST_KEY, 1), 1);
     ForkedChild child([&](ChildLink& link) {
         waitForOpen(set, 0, OnSignal::Fail, fail);
         link.say("open");
@@ -246,7 +243,7 @@ TEST_F(LockWait, openLockReturnsAtOnceAndSetLockWritesTheValue) {
 TEST_F(LockWait, retryingWaitOutlastsASignalAndEndsWhenTheLockOpens) {
     ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Retry); });
     ASSERT_NO_FATAL_FAILURE(interruptWait(child));
-    ASSERT_TRUE(eventually([&] { return semctl(set, 1, GETZCNT) == 1; }));
+    ASSERT_TRUE(eventually([&] { return lockWaiters(FIRST_KEY, 1) == 1; }));
     EXPECT_TRUE(child.running());
     setLock(set, 1, LOCK_OPEN, fail);
     expectLastLine(child, "open");
@@ -257,5 +254,5 @@ TEST_F(LockWait, failingWaitEndsOnASignalWithTheSemopText) {
     ASSERT_NO_FATAL_FAILURE(interruptWait(child));
     ASSERT_NO_FATAL_FAILURE(expectLine(child, "threw: semop failed."));
     EXPECT_EQ(child.wait().code, 99);
-    EXPECT_EQ(semctl(set, 1, GETVAL), 1);
+    EXPECT_EQ(lockValue(FIRST_KEY, 1), 1);
 }

@@ -15,7 +15,7 @@ namespace {
 // A take that must be refused with text, changing no byte of the area and
 // writing nothing to stderr.
 void expectTakeRefused(InfosGetter& getter, int weight, const std::string& text) {
-    auto area = [] { return RawSegment(1168).bytes(0, SIZE); };
+    auto area = [] { return RawSegment(KEY).bytes(0, SIZE); };
     const auto bytes = area();
     auto [message, log] = failureOf<InfosGetterError>([&] { getter.takeConn("late", "refused", 1, weight, true); });
     EXPECT_EQ(message, text) << "weight " << weight;
@@ -25,7 +25,7 @@ void expectTakeRefused(InfosGetter& getter, int weight, const std::string& text)
 
 // A client's getter attached and holding a slat, expected to get that index.
 void attachHolding(InfosGetter& client, const char* name, int weight, bool autoReturn, int expectedSlat) {
-    client.init(1168);
+    client.init(KEY);
     EXPECT_EQ(client.takeConn(name, "client", 1, weight, autoReturn), expectedSlat);
 }
 

@@ -54,8 +54,8 @@ using Clock = std::chrono::steady_clock;
 // count, so that the servers overlap however the machine schedules them.
 int work(Board& board, int index, Clock::time_point until, ChildLink& link) {
     InfosGetter getter;
-    getter.init(1168);
-    RawSegment area(1168);
+    getter.init(KEY);
+    RawSegment area(KEY);
     const int32_t pid = getpid();
     const std::string tag = "worker " + std::to_string(pid);
     if (!link.awaitGo()) return 3;
@@ -97,16 +97,16 @@ int work(Board& board, int index, Clock::time_point until, ChildLink& link) {
 // Reads the area under the servers' own lock, so that total and weights are
 // seen together.
 int check(Board& board) {
-    RawSegment area(1168);
+    RawSegment area(KEY);
     while (__atomic_load_n(&board.stop, __ATOMIC_SEQ_CST) == 0) {
-        if (!adjustWithUndo(1168, 0, -1)) return 2;
+        if (!adjustWithUndo(KEY, 0, -1)) return 2;
         int32_t sum = 0;
         for (int i = 0; i < MAX_USER_SLATS; ++i)
             if (area.i32(slat(i, SLAT_ID)) != FREE && area.i32(weight(i)) != 0) sum += area.i32(weight(i));
         const int32_t total = area.i32(TOTAL);
         if (total != sum) bump(board.inconsistent);
         if (total > area.i32(MAX_CONN)) bump(board.overBudget);
-        if (!adjustWithUndo(1168, 0, +1)) return 2;
+        if (!adjustWithUndo(KEY, 0, +1)) return 2;
         bump(board.checks);
         usleep(100);
     }

@@ -64,11 +64,6 @@ std::vector<int32_t> everyValueOf(InfosGetter& g, int p) {
     g.getInfo(p, state, channel, param3);
     g.getVideoInfo(p, width, height, videoParam3);
     g.getAudioInfo(p, a1, a2, a3);
-    auto word = [](const void* at) {
-        int32_t value;
-        memcpy(&value, at, sizeof value);
-        return value;
-    };
     return {state,
             channel,
             param3,
@@ -80,12 +75,12 @@ std::vector<int32_t> everyValueOf(InfosGetter& g, int p) {
             a3,
             g.getAudioFrameDuration(p),
             g.getSharedMemSize(p),
-            word(g.getSDPHeader(p)),
-            word(g.getSPS(p)),
+            wordAt(g.getSDPHeader(p)),
+            wordAt(g.getSPS(p)),
             g.getSPSSize(p),
-            word(g.getPPS(p)),
+            wordAt(g.getPPS(p)),
             g.getPPSSize(p),
-            word(g.getVOL(p)),
+            wordAt(g.getVOL(p)),
             g.getVOLSize(p)};
 }
 

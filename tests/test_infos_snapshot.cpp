@@ -8,19 +8,7 @@
 #include <climits>
 #include <vector>
 
-#include <sys/shm.h>
-
 using namespace avpool::test;
-
-namespace {
-
-int attachmentsOf(key_t key) {
-    shmid_ds ds{};
-    if (shmctl(shmIdOf(key), IPC_STAT, &ds) != 0) return -1;
-    return static_cast<int>(ds.shm_nattch);
-}
-
-}  // namespace
 
 class InfosSnapshot : public InfosArea {
 protected:

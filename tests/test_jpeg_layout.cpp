@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include <sys/shm.h>
-
 using namespace jpeg_layout;
 using avpool::test::RawSegment;
 
@@ -79,7 +77,7 @@ TEST_F(JpegPool, frameCountOfThirtyIsTheLimitAndAboveItNothingIsCreated) {
     putter.release();
 
     JPGPutter refused;
-    auto [message, log] = failureOf<JPGPutterError>([&] { refused.init(CHANNEL, 31, 16, 64 + 52 * 31); });
+    auto [message, log] = failureOf<JPGPutterError>([&] { refused.init(CHANNEL, 31, 16, Tables::sizeFor(31, 64)); });
     EXPECT_EQ(message, "programming error, frameCount exceed JPG_MAX_FRAME_COUNT");
     EXPECT_EQ(log, "");  // refused before the size is even logged
     EXPECT_EQ(avpool::test::shmIdOf(KEY), -1);
@@ -89,7 +87,7 @@ TEST_F(JpegPool, frameCountOfThirtyIsTheLimitAndAboveItNothingIsCreated) {
 TEST_F(JpegPool, leftoversUnderTheKeyAreReplacedUnlessTheSetIsSmallerThanThePool) {
     // A leftover segment of any size is removed. A larger leftover set is found
     // by the lookup with frameCount semaphores and removed.
-    int staleSegment = shmget(KEY, 16, IPC_CREAT | 0600);
+    int staleSegment = avpool::test::plantSegment(KEY, 16, 0);
     ASSERT_NE(staleSegment, -1);
     ASSERT_NE(avpool::test::plantSemSet(KEY, 6), -1);
     create(4, 16, 64);
@@ -104,7 +102,7 @@ TEST_F(JpegPool, leftoversUnderTheKeyAreReplacedUnlessTheSetIsSmallerThanThePool
     int stale = avpool::test::plantSemSet(KEY, 2);
     ASSERT_NE(stale, -1);
     JPGPutter second;
-    auto [message, log] = failureOf<JPGPutterError>([&] { second.init(CHANNEL, 4, 16, 64 + 52 * 4); });
+    auto [message, log] = failureOf<JPGPutterError>([&] { second.init(CHANNEL, 4, 16, Tables::sizeFor(4, 64)); });
     EXPECT_EQ(message, "semget failed.");
     EXPECT_NE(log.find("\nsemget failed: "), std::string::npos) << log;
     EXPECT_EQ(avpool::test::semIdOf(KEY), stale);
@@ -247,25 +245,19 @@ TEST_F(JpegPool, singleSlotPoolRewritesSlotZeroAndLeavesItOpen) {
 }
 
 TEST_F(JpegPool, safeTimesCountIntervalsAheadOfTheWriterAndZeroBehindIt) {
-    auto safeTimes = [&](int n) {
-        std::vector<int> values;
-        RawSegment raw(KEY);
-        for (int slot = 0; slot < n; ++slot) values.push_back(raw.i32(safeTime(slot)));
-        return values;
-    };
     start(3, 16, 128);  // 100 ms per frame
     put("a");
-    EXPECT_EQ(safeTimes(3), (std::vector<int>{0, 0, 100}));  // writer at 1
+    EXPECT_EQ(safeTimes(), (std::vector<int>{0, 0, 100}));  // writer at 1
     put("b");
     put("c");
-    EXPECT_EQ(safeTimes(3), (std::vector<int>{0, 100, 0}));  // writer at 0
+    EXPECT_EQ(safeTimes(), (std::vector<int>{0, 100, 0}));  // writer at 0
     putter.release();
 
     JPGPutter larger;
     create(larger, 7, 16, 512);
     larger.reset(1, 1, 30, 1);  // 1000 / 30 = 33 ms
     for (int k = 0; k < 10; ++k) put(larger, "f");
-    EXPECT_EQ(safeTimes(7), (std::vector<int>{132, 165, 0, 0, 33, 66, 99}));  // writer at 3
+    EXPECT_EQ(safeTimes(), (std::vector<int>{132, 165, 0, 0, 33, 66, 99}));  // writer at 3
 
     // Readers get the same values through their positioning calls.
     JPGGetter reader;

@@ -111,7 +111,6 @@ TEST_F(JpegPool, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOver) {
     const int oldSem = avpool::test::semIdOf(KEY);
     ASSERT_NE(oldShm, -1);
     ASSERT_NE(oldSem, -1);
-    frameCount_ = 4;
 
     // The slot after the newest is closed, whatever the writer was doing.
     ForkedChild reader([](ChildLink& link) {

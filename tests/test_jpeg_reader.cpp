@@ -4,7 +4,6 @@
 
 #include <ctime>
 #include <functional>
-#include <type_traits>
 
 using namespace jpeg_layout;
 
@@ -141,9 +140,8 @@ TEST_F(JpegPool, probeAgeAcceptsExactlyMaxAgeInBothDirections) {
     reader.init(CHANNEL);
     auto ageFails = [&](long stampOffset, int maxAge) {
         // A stamp relative to now; repeated if the second changes meanwhile.
-        for (;;) {
-            time_t before = time(nullptr);
-            put("t", static_cast<int>(before + stampOffset));
+        return avpool::test::withinOneSecond([&](time_t now) {
+            put("t", static_cast<int>(now + stampOffset));
             int safe;
             reader.toWorking(safe);
             bool failed = false;
@@ -153,8 +151,8 @@ TEST_F(JpegPool, probeAgeAcceptsExactlyMaxAgeInBothDirections) {
                 EXPECT_STREQ(e.what(), "age too old");
                 failed = true;
             }
-            if (time(nullptr) == before) return failed;
-        }
+            return failed;
+        });
     };
     EXPECT_FALSE(ageFails(-5, 5));
     EXPECT_TRUE(ageFails(-6, 5));
@@ -186,12 +184,7 @@ TEST_F(JpegPool, useBeforeInitIsAProgrammingErrorOnBothSides) {
         [&] { reader.toExactWorking(safe, 1, 1); },
         [&] { reader.getFrameID(); },       [&] { reader.waitReady(); },
     };
-    for (size_t i = 0; i < getterCalls.size(); ++i) {
-        SCOPED_TRACE(i);
-        auto [message, log] = failureOf<JPGGetterError>(getterCalls[i]);
-        EXPECT_EQ(message, "programming error");
-        EXPECT_EQ(log, "programming error\n");
-    }
+    avpool::test::expectProgrammingErrors<JPGGetterError>(getterCalls);
 
     JPGPutter writer;
     unsigned char table[64] = {};
@@ -200,12 +193,7 @@ TEST_F(JpegPool, useBeforeInitIsAProgrammingErrorOnBothSides) {
         [&] { writer.putRealFPS(1); },
         [&] { writer.putQuantTables(table, table); },
     };
-    for (size_t i = 0; i < putterCalls.size(); ++i) {
-        SCOPED_TRACE(i);
-        auto [message, log] = failureOf<JPGPutterError>(putterCalls[i]);
-        EXPECT_EQ(message, "programming error");
-        EXPECT_EQ(log, "programming error\n");
-    }
+    avpool::test::expectProgrammingErrors<JPGPutterError>(putterCalls);
     // An uninitialised writer has a maximum frame size of 0: any frame with bytes
     // is refused, an empty one reaches the lock and fails there.
     EXPECT_EQ(put(writer, "x"), 0);
@@ -215,25 +203,6 @@ TEST_F(JpegPool, useBeforeInitIsAProgrammingErrorOnBothSides) {
 }
 
 TEST(JpegErrors, eachClassHasItsOwnStandardErrorType) {
-    static_assert(std::is_base_of_v<std::exception, JPGPutterError>);
-    static_assert(std::is_base_of_v<std::exception, JPGGetterError>);
-    static_assert(!std::is_base_of_v<JPGPutterError, JPGGetterError>);
-    static_assert(!std::is_base_of_v<JPGGetterError, JPGPutterError>);
-    auto caughtAsGetterError = [](auto error) {
-        try {
-            throw error;
-        } catch (const JPGGetterError&) {
-            return true;
-        } catch (const std::exception&) {
-            return false;
-        }
-    };
-    EXPECT_FALSE(caughtAsGetterError(JPGPutterError("x")));
-    EXPECT_TRUE(caughtAsGetterError(JPGGetterError("x")));
-
-    std::string message = "semop failed.";
-    JPGGetterError error(message);
-    message[0] = 'X';  // the error keeps its own copy
-    const std::exception& base = error;
-    EXPECT_STREQ(base.what(), "semop failed.");
+    avpool::test::expectOwnErrorType<JPGPutterError, JPGGetterError>();
+    avpool::test::expectOwnErrorType<JPGGetterError, JPGPutterError>();
 }

@@ -9,7 +9,6 @@
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
 using namespace mp4_layout;
@@ -75,7 +74,8 @@ TEST_F(Mp4Pool, slotLocksAreSpreadOverGroupsOfAtMost250UpToAThousandSlots) {
     putter.release();
 
     MP4Putter refused;
-    auto [message, log] = failureOf<MP4PutterError>([&] { refused.init(CHANNEL, 7, 143, 16, 64 + 52 * 1001); });
+    auto [message, log] =
+        failureOf<MP4PutterError>([&] { refused.init(CHANNEL, 7, 143, 16, Tables::sizeFor(7 * 143, 64)); });
     EXPECT_EQ(message, "programming error, poolSize exceed MP4_MAX_FRAME_COUNT");
     EXPECT_EQ(log, "");  // refused before the size is even logged
     EXPECT_EQ(shmIdOf(KEY), -1);
@@ -130,7 +130,7 @@ TEST_F(Mp4Pool, putterReleaseRemovesEverythingAndAReaderReleaseNothing) {
 }
 
 TEST_F(Mp4Pool, leftoversUnderTheSegmentKeyAndEveryGroupKeyAreReplaced) {
-    int staleSegment = shmget(KEY, 16, IPC_CREAT | 0600);
+    int staleSegment = avpool::test::plantSegment(KEY, 16, 0);
     ASSERT_NE(staleSegment, -1);
     int stale0 = avpool::test::plantSemSet(semKey(0), 3);
     int stale1 = avpool::test::plantSemSet(semKey(1), 400);

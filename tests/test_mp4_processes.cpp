@@ -163,7 +163,7 @@ TEST_F(Mp4Processes, overtakenReaderSeesItAndJumpsBackToTheWritersGop) {
 TEST_F(Mp4Processes, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOver) {
     ForkedChild writer([](ChildLink& link) -> int {
         MP4Putter crashing;
-        crashing.init(CHANNEL, 30, 10, 16, 4096 + 52 * 300);
+        crashing.init(CHANNEL, 30, 10, 16, mp4_layout::Tables::sizeFor(300, 4096));
         crashing.reset(320, 240, 25);
         for (int gop = 1;; ++gop) {
             timeval t{};
@@ -182,8 +182,6 @@ TEST_F(Mp4Processes, writerKilledMidStreamIsReplacedAndItsBlockedReaderStartsOve
     ASSERT_NE(oldShm, -1);
     ASSERT_NE(oldSems[0], -1);
     ASSERT_NE(oldSems[1], -1);
-    poolSize_ = 300;
-    framesPerGop_ = 10;
 
     // The GOP after the writer's is closed, whatever the writer was doing.
     ForkedChild reader([](ChildLink& link) {

@@ -209,12 +209,12 @@ bool withinOneSecond(const std::function<bool(time_t now)>& attempt) {
 // --------------------------------------------------------------- raw access
 
 RawSegment::RawSegment(key_t key) {
-    id_ = shmget(key, 0, 0);
-    if (id_ == -1) return;
+    const int id = shmget(key, 0, 0);
+    if (id == -1) return;
     shmid_ds ds{};
-    if (shmctl(id_, IPC_STAT, &ds) != 0) return;
+    if (shmctl(id, IPC_STAT, &ds) != 0) return;
     size_ = ds.shm_segsz;
-    void* address = shmat(id_, nullptr, SHM_RDONLY);
+    void* address = shmat(id, nullptr, SHM_RDONLY);
     if (address == reinterpret_cast<void*>(-1)) return;
     base_ = static_cast<const unsigned char*>(address);
 }
@@ -262,6 +262,12 @@ int semCountOf(int semId) {
 bool shmIdAlive(int shmId) {
     shmid_ds ds{};
     return shmctl(shmId, IPC_STAT, &ds) == 0;
+}
+
+int attachmentsOf(key_t key) {
+    shmid_ds ds{};
+    if (shmctl(shmIdOf(key), IPC_STAT, &ds) != 0) return -1;
+    return static_cast<int>(ds.shm_nattch);
 }
 
 bool semIdAlive(int semId) {

@@ -98,7 +98,6 @@ public:
     RawSegment& operator=(const RawSegment&) = delete;
 
     bool attached() const { return base_ != nullptr; }
-    int id() const { return id_; }
     size_t size() const { return size_; }
     // 32-bit words in the machine's byte order at a byte offset.
     int32_t i32(size_t offset) const;
@@ -109,7 +108,6 @@ public:
     const unsigned char* at(size_t offset) const { return base_ + offset; }
 
 private:
-    int id_ = -1;
     size_t size_ = 0;
     const unsigned char* base_ = nullptr;
 };
@@ -118,6 +116,7 @@ int shmIdOf(key_t key);  // -1 when no segment is under key
 int semIdOf(key_t key);  // -1 when no semaphore set is under key
 int semCountOf(int semId);  // sem_nsems from IPC_STAT, -1 on failure
 bool shmIdAlive(int shmId);   // IPC_STAT still succeeds on this id
+int attachmentsOf(key_t key);  // shm_nattch of the segment under key, -1 when none
 bool semIdAlive(int semId);
 
 // GETVAL / GETZCNT of one semaphore of the set under key (-1 on failure).
@@ -166,9 +165,10 @@ public:
     IpcKeys(std::initializer_list<key_t> keys);
     ~IpcKeys();
     void add(key_t key);
-    void removeAll() const;
 
 private:
+    void removeAll() const;
+
     std::vector<key_t> keys_;
 };
 
