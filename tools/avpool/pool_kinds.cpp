@@ -1,6 +1,6 @@
 #include "pool_kinds.h"
 #include "cli.h"
-
+#include "clock.h"
 
 #include <avpool/aac.h>
 #include <avpool/amr.h>
@@ -12,8 +12,6 @@
 #include <avpool/opus.h>
 #include <avpool/pcm.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 
@@ -25,10 +23,6 @@ namespace {
 template <class T>
 bool at(const SegmentView& view, size_t offset, T& out) {
     return view.read(offset, &out, sizeof out);
-}
-
-long long captureUs(int32_t sec, int32_t usec) {
-    return static_cast<long long>(sec) * 1000000 + usec;
 }
 
 std::string pictureParams(int width, int height, int fps) {
@@ -62,7 +56,7 @@ void readJpg(const SegmentView& view, unsigned long long since, PoolState& state
     for (int i = 0; i < header.frameCount; ++i) {
         JPGFrameInfo info;
         if (!at(view, header.frameInfoOffset + sizeof info * i, info)) return;
-        countSlot(state, info.frameID.get(), captureUs(info.tv_sec, info.tv_usec), info.frameLength, since);
+        countSlot(state, info.frameID.get(), microseconds(info.tv_sec, info.tv_usec), info.frameLength, since);
     }
     state.params = pictureParams(header.workingWidth, header.workingHeight, header.workingFPS);
     state.paramsJson = pictureJson(header.workingWidth, header.workingHeight, header.workingFPS);
@@ -80,7 +74,7 @@ void readMp4(const SegmentView& view, unsigned long long since, PoolState& state
     for (int i = 0; i < n; ++i) {
         MP4FrameInfo info;
         if (!at(view, header.frameInfoOffset + sizeof info * i, info)) return;
-        countSlot(state, info.frameID.get(), captureUs(info.tv_sec, info.tv_usec), info.frameLength, since);
+        countSlot(state, info.frameID.get(), microseconds(info.tv_sec, info.tv_usec), info.frameLength, since);
     }
     state.params = pictureParams(header.width, header.height, header.workingFPS) + ", " +
                    std::to_string(header.gopCount) + " GOPs of " + std::to_string(header.framesPerGop);
@@ -107,7 +101,7 @@ void readAudio(const SegmentView& view, unsigned long long since, PoolState& sta
         int32_t length = 0;
         int32_t time[2];
         if (!at(view, slot + 8, id) || !at(view, slot + 16, length) || !at(view, slot + 32, time)) return;
-        countSlot(state, id.get(), captureUs(time[0], time[1]), length, since);
+        countSlot(state, id.get(), microseconds(time[0], time[1]), length, since);
     }
     char text[96];
     snprintf(text, sizeof text, "format %d, %d ch, %d Hz", format[1], format[2], format[3]);
@@ -129,7 +123,7 @@ void readAnalysis(const SegmentView& view, unsigned long long since, PoolState& 
         avpool::Word64 id;
         int32_t fields[3];  // frameLength, tv_sec, tv_usec
         if (!at(view, slot, id) || !at(view, slot + 12, fields)) return;
-        countSlot(state, id.get(), captureUs(fields[1], fields[2]),
+        countSlot(state, id.get(), microseconds(fields[1], fields[2]),
                   static_cast<long long>(fields[0]) * BytesPerElement, since);
     }
     state.params = pictureParams(header[2], header[3], header[1]);
@@ -187,10 +181,6 @@ void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* 
 
 const std::vector<PoolKindInfo>& poolKinds() {
     return kinds;
-}
-
-bool processAlive(pid_t pid) {
-    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
 std::vector<FoundPool> findPools(const std::vector<FoundPool>* earlier) {

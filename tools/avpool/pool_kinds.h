@@ -76,6 +76,4 @@ int segmentKey(const PoolKindInfo& kind, int channel);
 // sets of a grouped pool follow it.
 int firstLockKey(const PoolKindInfo& kind, int channel);
 
-bool processAlive(pid_t pid);
-
 }  // namespace avpool::cli

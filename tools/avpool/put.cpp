@@ -61,8 +61,8 @@ struct Period {
 // A live producer must not lose its pool: creating one under its key would
 // remove the segment it writes.
 void refuseLivePool(int key, const char* kind, int channel) {
-    pid_t creator = 0;
-    if (findSegment(key, creator) && processAlive(creator))
+    pid_t creator = runningCreator(key);
+    if (creator != 0)
         throw CliError(std::string("put: the ") + kind + " pool on channel " + std::to_string(channel) +
                        " is in use by process " + std::to_string(creator));
 }
