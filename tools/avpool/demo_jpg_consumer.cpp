@@ -70,7 +70,7 @@ Outcome JpgConsumer::readCurrent(unsigned long long& id) {
                  frame.height, frame.fps, frame.quality);
         whole = false;
     }
-    captureUs_ = static_cast<long long>(frame.tv_sec) * 1000000 + frame.tv_usec;
+    captureUs_ = avpool::cli::microseconds(frame.tv_sec, frame.tv_usec);
     return core_.settle(whole, [&] { return stillUntouched(frame.data, id, slot); });
 }
 

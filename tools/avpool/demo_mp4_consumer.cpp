@@ -110,7 +110,7 @@ bool Mp4Consumer::rightFrame(int k, unsigned long long gopId, unsigned long long
 Outcome Mp4Consumer::checkFrame(int k, unsigned long long gopId, unsigned long long id) {
     const unsigned char* bytes = getter_.frameData;
     int length = getter_.frameLength;
-    captureUs_ = static_cast<long long>(getter_.frameTime.tv_sec) * 1000000 + getter_.frameTime.tv_usec;
+    captureUs_ = avpool::cli::microseconds(getter_.frameTime.tv_sec, getter_.frameTime.tv_usec);
     bool whole = checkStamp(bytes, length, id, core_.why(), core_.whySize()) && rightFrame(k, gopId, id, length);
     // Untouched: the prefix still names the frame, the slot still holds it with
     // its bytes, and its lock is open (the writer closes a whole GOP before it

@@ -26,10 +26,6 @@ namespace avpool::demo {
 
 namespace {
 
-long long microseconds(long long sec, long long usec) {
-    return sec * 1000000 + usec;
-}
-
 // The AMR pool has no getter in the library: this one reads the segment by
 // its layout in amr.h, with the getters' cursor moves and wait. The slot's lock
 // is polled: a value that can no longer be read means the producer removed
@@ -173,7 +169,7 @@ public:
     bool read(const PoolPlan& plan, unsigned long long id, long long& captureUs, char* why, size_t whySize) {
         getter_.getFragment();
         const auto& fragment = getter_.fragment;
-        captureUs = microseconds(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
+        captureUs = avpool::cli::microseconds(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
         // The length recorded: Opus keeps the caller's, the others what they
         // stored. Checked first, as the stamp is read over that many bytes.
         if (fragment.length < plan.minFrame || fragment.length > plan.maxFrame) {
@@ -234,7 +230,7 @@ public:
 
     bool read(const PoolPlan& plan, unsigned long long id, long long& captureUs, char* why, size_t whySize) {
         getter_.getFrame();
-        captureUs = microseconds(getter_.tv_sec, getter_.tv_usec);
+        captureUs = avpool::cli::microseconds(getter_.tv_sec, getter_.tv_usec);
         if (getter_.frameLength != plan.width * plan.height) {
             snprintf(why, whySize, "record %llu: %d elements, not %d x %d", id, getter_.frameLength, plan.width,
                      plan.height);
