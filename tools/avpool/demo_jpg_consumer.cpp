@@ -92,7 +92,7 @@ void JpgConsumer::catchUp() {
 int JpgConsumer::run() {
     if (!core_.waitForPools()) return 0;
     getter_.init(pool_.channel);
-    avpool::cli::LockView locks(JPG_BASE_KEY + pool_.channel, pool_.slots);
+    avpool::cli::LockView locks(lockKey(pool_), pool_.slots);
     locks_ = &locks;
 
     // A fresh pool's newest slot is slot 0, which the writer fills only when the

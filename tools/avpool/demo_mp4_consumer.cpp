@@ -173,7 +173,7 @@ GopEnd Mp4Consumer::readGop() {
 int Mp4Consumer::run() {
     if (!core_.waitForPools()) return 0;
     getter_.init(pool_.channel);
-    avpool::cli::GroupedLockView locks(MP4_BASE_KEY + pool_.channel * 16, pool_.slots * pool_.framesPerGop);
+    avpool::cli::GroupedLockView locks(lockKey(pool_), pool_.slots * pool_.framesPerGop);
     locks_ = &locks;
     checkStream();
 

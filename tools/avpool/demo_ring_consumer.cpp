@@ -248,8 +248,7 @@ public:
     int run() {
         if (!core_.waitForPools()) return 0;
         ring_.init(pool_);
-        const avpool::cli::PoolKindInfo* kind = avpool::cli::findPoolKind(kindName(pool_.kind));
-        avpool::cli::GroupedLockView locks(avpool::cli::firstLockKey(*kind, pool_.channel), pool_.slots);
+        avpool::cli::GroupedLockView locks(lockKey(pool_), pool_.slots);
         if (!ring_.describedAs(pool_, core_.why(), core_.whySize())) core_.damaged();
 
         // The first element goes to slot 1; the newest slot of a fresh pool is

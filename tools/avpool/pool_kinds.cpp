@@ -217,6 +217,12 @@ int firstLockKey(const PoolKindInfo& kind, int channel) {
     return segmentKey(kind, channel);
 }
 
+int parseChannel(const PoolKindInfo& kind, const std::string& text, const char* verb, FixedKeyRefusal refusal) {
+    int channel = parseInt(text, (std::string(verb) + ": channel").c_str(), 0, MAX_CHANNEL);
+    if (!kind.perChannel && channel != 0) throw UsageError(refusal(verb, kind, text, channel));
+    return channel;
+}
+
 std::string poolName(const FoundPool& pool) {
     if (!pool.kind->perChannel) return pool.kind->name;
     return std::string(pool.kind->name) + " " + std::to_string(pool.channel);

@@ -76,4 +76,14 @@ int segmentKey(const PoolKindInfo& kind, int channel);
 // sets of a grouped pool follow it.
 int firstLockKey(const PoolKindInfo& kind, int channel);
 
+// The words of the usage error for a channel other than 0 given to a verb on
+// a kind with one pool under a fixed key.
+using FixedKeyRefusal = std::string (*)(const char* verb, const PoolKindInfo& kind, const std::string& text,
+                                        int channel);
+
+// The channel argument of a verb on a kind: a usage error when it is not a
+// channel number, or when it is not 0 for a kind with one pool under a fixed
+// key (worded by refusal).
+int parseChannel(const PoolKindInfo& kind, const std::string& text, const char* verb, FixedKeyRefusal refusal);
+
 }  // namespace avpool::cli

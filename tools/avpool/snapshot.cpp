@@ -2,6 +2,7 @@
 // through the information area, written to a file.
 
 #include "infos_view.h"
+#include "pool_kinds.h"
 #include "verbs.h"
 
 #include <avpool/infos.h>
@@ -63,7 +64,7 @@ int runSnapshot(const ParsedArgs& args) {
     // A buffer for the largest picture the profile's pool takes.
     int maxFrameSize;
     {
-        SegmentView pool(JPG_BASE_KEY + channel, JPG_HEADER_SIZE, poolName("jpg", channel));
+        SegmentView pool(segmentKey(*findPoolKind("jpg"), channel), JPG_HEADER_SIZE, poolName("jpg", channel));
         maxFrameSize = readHeader<JPGPoolHeader>(pool, "jpg", channel).maxFrameSize;
     }
     if (maxFrameSize <= 0)

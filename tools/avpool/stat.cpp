@@ -102,8 +102,7 @@ void checkGeometry(const Geometry& geometry, const SegmentView& view, int channe
     else if (geometry.dataOffset < 0 || static_cast<size_t>(geometry.dataOffset) > size)
         problem = "data ring outside the segment";
     if (problem != nullptr)
-        throw CliError(std::string(geometry.kind) + " pool on channel " + std::to_string(channel) +
-                       " has a damaged header: " + problem);
+        throw CliError(poolName(geometry.kind, channel) + " has a damaged header: " + problem);
 }
 
 enum class Bytes { Unwritten, Outside, Intact, Overwritten };
@@ -146,14 +145,13 @@ void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, 
 
 int statJpg(const StatRequest& request) {
     int channel = request.channel;
-    int key = JPG_BASE_KEY + channel;
-    SegmentView view(key, JPG_HEADER_SIZE, poolName("jpg", channel));
+    SegmentView view(segmentKey(*request.pool, channel), JPG_HEADER_SIZE, poolText(request));
     JPGPoolHeader header = readHeader<JPGPoolHeader>(view, "jpg", channel);
     checkGeometry({"jpg", header.frameCount, JPG_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(JPGFrameInfo), header.dataOffset},
                   view, channel);
     int n = header.frameCount;
-    LockView locks(key, n);
+    LockView locks(firstLockKey(*request.pool, channel), n);
 
     printSegment(request, view);
     printFields({{"frameCount", header.frameCount},
@@ -200,8 +198,7 @@ void printMp4Cell(const SegmentView& view, const MP4PoolHeader& header, const Gr
 
 int statMp4(const StatRequest& request) {
     int channel = request.channel;
-    int key = MP4_BASE_KEY + channel;
-    SegmentView view(key, MP4_HEADER_SIZE, poolName("mp4", channel));
+    SegmentView view(segmentKey(*request.pool, channel), MP4_HEADER_SIZE, poolText(request));
     MP4PoolHeader header = readHeader<MP4PoolHeader>(view, "mp4", channel);
     int frames = header.framesPerGop;
     bool sane = header.gopCount > 0 && frames > 0 && header.gopCount <= MP4_MAX_FRAME_COUNT &&
@@ -210,7 +207,7 @@ int statMp4(const StatRequest& request) {
     checkGeometry({"mp4", n, MP4_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(MP4FrameInfo), header.dataOffset},
                   view, channel);
-    GroupedLockView locks(MP4_BASE_KEY + channel * 16, n);
+    GroupedLockView locks(firstLockKey(*request.pool, channel), n);
 
     printSegment(request, view);
     printFields({{"gopCount", header.gopCount},
@@ -388,11 +385,10 @@ static_assert(sizeof(AnalysisHead) == offsetof(MDFrameInfo, firstArray), "analys
 // Both headers start with current, fps, width and height.
 int statAnalysis(const StatRequest& request) {
     const AnalysisKind& kind = findNamed(analysisKinds, request.pool->name, "stat: unknown analysis kind");
-    int key = segmentKey(*request.pool, request.channel);
-    SegmentView view(key, kind.headerSize, poolText(request));
+    SegmentView view(segmentKey(*request.pool, request.channel), kind.headerSize, poolText(request));
     LUMPoolHeader header = readHeader<LUMPoolHeader>(view, kind.name, request.channel);
     requireSize(view, kind.segmentSize, request);
-    LockView locks(key, kind.slots);
+    LockView locks(firstLockKey(*request.pool, request.channel), kind.slots);
 
     printSegment(request, view);
     printFields({{"current", header.current}, {"workingFPS", header.workingFPS}});
@@ -433,14 +429,14 @@ int runStat(const ParsedArgs& args) {
     const std::vector<std::string>& words = args.positional();
     if (words.empty() || words.size() > 2) args.expectPositional(2, "a pool kind and a channel");
     const StatKind& kind = findNamed(kinds, words[0], "stat: unknown pool kind");
-    const PoolKindInfo* pool = findPoolKind(kind.name);
-    if (pool == nullptr) throw CliError(std::string("stat: no keys known for ") + kind.name);
+    const PoolKindInfo* pool = findPoolKind(kind.name);  // every kind stat knows has a row there
     int channel = 0;
     if (words.size() == 2) {
-        channel = parseInt(words[1], "stat: channel", 0, MAX_CHANNEL);
-        if (!pool->perChannel && channel != 0)
-            throw UsageError(std::string("stat: ") + kind.name + " has one pool under a fixed key and no channel " +
-                             std::to_string(channel));
+        channel = parseChannel(*pool, words[1], "stat", [](const char* verb, const PoolKindInfo& fixed,
+                                                              const std::string&, int given) {
+            return std::string(verb) + ": " + fixed.name + " has one pool under a fixed key and no channel " +
+                   std::to_string(given);
+        });
     } else if (pool->perChannel) {
         args.expectPositional(2, "a pool kind and a channel");
     }
