@@ -12,6 +12,7 @@
 #include <avpool/opus.h>
 #include <avpool/pcm.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -64,11 +65,9 @@ void readJpg(const SegmentView& view, unsigned long long since, PoolState& state
 
 void readMp4(const SegmentView& view, unsigned long long since, PoolState& state) {
     MP4PoolHeader header;
-    if (!at(view, 0, header) || header.gopCount < 1 || header.framesPerGop < 1 ||
-        header.gopCount > MP4_MAX_FRAME_COUNT || header.framesPerGop > MP4_MAX_FRAME_COUNT ||
-        header.gopCount * header.framesPerGop > MP4_MAX_FRAME_COUNT)
-        return;
-    int n = header.gopCount * header.framesPerGop;
+    if (!at(view, 0, header)) return;
+    int n = mp4SlotCount(header);
+    if (n == 0) return;
     state.slots = n;
     state.lockSets = (n + GroupedLockView::GROUP_SIZE - 1) / GroupedLockView::GROUP_SIZE;
     for (int i = 0; i < n; ++i) {
@@ -83,61 +82,56 @@ void readMp4(const SegmentView& view, unsigned long long since, PoolState& state
                        ", \"framesPerGop\": " + std::to_string(header.framesPerGop);
 }
 
-// The audio pools share one layout: current, format, channels, rate and 200
-// safe times, then 200 slots from offset 816 whose size is the kind's;
-// fragmentID at 8, length at 16, capture time at 32 in each slot.
-constexpr int AUDIO_SLOTS = AUDIO_SLOT_COUNT;
-constexpr size_t AUDIO_SLOTS_OFFSET = AUDIO_HEADER_SIZE;
-
+// The audio pools share one header and one head in front of each slot; only
+// the slot's size is the kind's.
 template <size_t SlotSize>
 void readAudio(const SegmentView& view, unsigned long long since, PoolState& state) {
-    int32_t format[4];
-    if (!at(view, 0, format)) return;
-    state.slots = AUDIO_SLOTS;
+    avpool::AudioPoolHeader header;
+    if (!at(view, 0, header)) return;
+    state.slots = AUDIO_SLOT_COUNT;
     state.lockSets = 1;
-    for (int i = 0; i < AUDIO_SLOTS; ++i) {
-        size_t slot = AUDIO_SLOTS_OFFSET + SlotSize * i;
-        avpool::Word64 id;
-        int32_t length = 0;
-        int32_t time[2];
-        if (!at(view, slot + 8, id) || !at(view, slot + 16, length) || !at(view, slot + 32, time)) return;
-        countSlot(state, id.get(), microseconds(time[0], time[1]), length, since);
+    for (int i = 0; i < AUDIO_SLOT_COUNT; ++i) {
+        avpool::AudioFragmentHead head;
+        if (!at(view, AUDIO_HEADER_SIZE + SlotSize * i, head)) return;
+        countSlot(state, head.fragmentID.get(), microseconds(head.tv_sec, head.tv_usec), head.length, since);
     }
     char text[96];
-    snprintf(text, sizeof text, "format %d, %d ch, %d Hz", format[1], format[2], format[3]);
+    snprintf(text, sizeof text, "format %d, %d ch, %d Hz", header.workingFormat, header.workingChannels,
+             header.workingRate);
     state.params = text;
-    snprintf(text, sizeof text, "\"format\": %d, \"channels\": %d, \"rate\": %d", format[1], format[2], format[3]);
+    snprintf(text, sizeof text, "\"format\": %d, \"channels\": %d, \"rate\": %d", header.workingFormat,
+             header.workingChannels, header.workingRate);
     state.paramsJson = text;
 }
 
-// The analysis pools: current, fps, width, height in a 40-byte header, then
-// the slots with frameID at 0, frameLength (elements) at 12, capture time at 16.
-template <int Slots, size_t SlotSize, int BytesPerElement>
+// The analysis pools: the kind's header, then the slots, each starting with
+// an AnalysisHead; frameLength counts elements of BytesPerElement bytes.
+template <class Header, class FrameInfo, int Slots, int BytesPerElement>
 void readAnalysis(const SegmentView& view, unsigned long long since, PoolState& state) {
-    int32_t header[4];
+    Header header;
     if (!at(view, 0, header)) return;
     state.slots = Slots;
     state.lockSets = 1;
     for (int i = 0; i < Slots; ++i) {
-        size_t slot = 40 + SlotSize * i;
-        avpool::Word64 id;
-        int32_t fields[3];  // frameLength, tv_sec, tv_usec
-        if (!at(view, slot, id) || !at(view, slot + 12, fields)) return;
-        countSlot(state, id.get(), microseconds(fields[1], fields[2]),
-                  static_cast<long long>(fields[0]) * BytesPerElement, since);
+        AnalysisHead head;
+        if (!at(view, sizeof header + sizeof(FrameInfo) * i, head)) return;
+        countSlot(state, head.frameID.get(), microseconds(head.tv_sec, head.tv_usec),
+                  static_cast<long long>(head.frameLength) * BytesPerElement, since);
     }
-    state.params = pictureParams(header[2], header[3], header[1]);
-    state.paramsJson = pictureJson(header[2], header[3], header[1]);
+    state.params = pictureParams(header.workingWidth, header.workingHeight, header.workingFPS);
+    state.paramsJson = pictureJson(header.workingWidth, header.workingHeight, header.workingFPS);
 }
 
 void readInfos(const SegmentView& view, unsigned long long, PoolState& state) {
-    int32_t head[3];
-    if (!at(view, 0, head)) return;
+    int32_t profiles, maxConnections, connections;
+    if (!at(view, offsetof(InfoArea, sizeofPools), profiles) || !at(view, offsetof(InfoArea, maxConn), maxConnections) ||
+        !at(view, offsetof(InfoArea, currentTotalConnections), connections))
+        return;
     char text[96];
-    snprintf(text, sizeof text, "%d profiles, connections %d of %d", head[0], head[2], head[1]);
+    snprintf(text, sizeof text, "%d profiles, connections %d of %d", profiles, connections, maxConnections);
     state.params = text;
-    snprintf(text, sizeof text, "\"profiles\": %d, \"connections\": %d, \"maxConnections\": %d", head[0], head[2],
-             head[1]);
+    snprintf(text, sizeof text, "\"profiles\": %d, \"connections\": %d, \"maxConnections\": %d", profiles,
+             connections, maxConnections);
     state.paramsJson = text;
 }
 
@@ -148,8 +142,8 @@ const std::vector<PoolKindInfo> kinds = {
     {"aac", AAC_BASE_KEY, true, LockKeys::Grouped, readAudio<sizeof(AACFragmentInfo)>},
     {"amr", AMR_BASE_KEY, true, LockKeys::Grouped, readAudio<sizeof(AMRFragmentInfo)>},
     {"opus", OPUS_KEY, false, LockKeys::Grouped, readAudio<sizeof(OPUSFragmentInfo)>},
-    {"lum", LUM_BASE_KEY, true, LockKeys::Single, readAnalysis<LUM_FRAME_COUNT, sizeof(LUMFrameInfo), 2>},
-    {"md", MD_BASE_KEY, true, LockKeys::Single, readAnalysis<MD_FRAME_COUNT, sizeof(MDFrameInfo), 8>},
+    {"lum", LUM_BASE_KEY, true, LockKeys::Single, readAnalysis<LUMPoolHeader, LUMFrameInfo, LUM_FRAME_COUNT, 2>},
+    {"md", MD_BASE_KEY, true, LockKeys::Single, readAnalysis<MDPoolHeader, MDFrameInfo, MD_FRAME_COUNT, 8>},
     {"infos", INFOS_KEY, false, LockKeys::None, readInfos},
 };
 
@@ -179,10 +173,6 @@ void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* 
 
 }  // namespace
 
-const std::vector<PoolKindInfo>& poolKinds() {
-    return kinds;
-}
-
 std::vector<FoundPool> findPools(const std::vector<FoundPool>* earlier) {
     std::vector<FoundPool> found;
     for (const PoolKindInfo& kind : kinds)
@@ -205,6 +195,13 @@ const PoolKindInfo* findPoolKind(const std::string& name) {
     for (const PoolKindInfo& kind : kinds)
         if (name == kind.name) return &kind;
     return nullptr;
+}
+
+int mp4SlotCount(const MP4PoolHeader& header) {
+    if (header.gopCount < 1 || header.framesPerGop < 1 || header.gopCount > MP4_MAX_FRAME_COUNT ||
+        header.framesPerGop > MP4_MAX_FRAME_COUNT || header.gopCount * header.framesPerGop > MP4_MAX_FRAME_COUNT)
+        return 0;
+    return header.gopCount * header.framesPerGop;
 }
 
 int segmentKey(const PoolKindInfo& kind, int channel) {

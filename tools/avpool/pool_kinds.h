@@ -6,6 +6,12 @@
 
 #include "shm_view.h"
 
+#include <avpool/lum.h>
+#include <avpool/md.h>
+#include <avpool/mp4.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -41,7 +47,16 @@ struct PoolKindInfo {
     void (*read)(const SegmentView& view, unsigned long long since, PoolState& state);
 };
 
-const std::vector<PoolKindInfo>& poolKinds();
+// The start of every luminance and motion slot.
+struct AnalysisHead {
+    avpool::Word64 frameID;
+    int32_t lockIndex;
+    int32_t frameLength;  // elements
+    int32_t tv_sec;
+    int32_t tv_usec;
+};
+static_assert(sizeof(AnalysisHead) == offsetof(LUMFrameInfo, samples), "analysis slot head");
+static_assert(sizeof(AnalysisHead) == offsetof(MDFrameInfo, firstArray), "analysis slot head");
 
 struct FoundPool {
     const PoolKindInfo* kind;
@@ -68,6 +83,10 @@ std::string poolName(const FoundPool& pool);
 
 // The row of the kind called name, or null.
 const PoolKindInfo* findPoolKind(const std::string& name);
+
+// The frame slots an mp4 pool's header gives it, 0 when its GOP count or size
+// is out of range (a damaged header, or one not yet written).
+int mp4SlotCount(const MP4PoolHeader& header);
 
 // The segment key of a kind's pool on a channel (fixed-key kinds ignore it).
 int segmentKey(const PoolKindInfo& kind, int channel);

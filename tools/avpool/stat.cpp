@@ -201,9 +201,7 @@ int statMp4(const StatRequest& request) {
     SegmentView view(segmentKey(*request.pool, channel), MP4_HEADER_SIZE, poolText(request));
     MP4PoolHeader header = readHeader<MP4PoolHeader>(view, "mp4", channel);
     int frames = header.framesPerGop;
-    bool sane = header.gopCount > 0 && frames > 0 && header.gopCount <= MP4_MAX_FRAME_COUNT &&
-                frames <= MP4_MAX_FRAME_COUNT;
-    int n = sane ? header.gopCount * frames : 0;
+    int n = mp4SlotCount(header);
     checkGeometry({"mp4", n, MP4_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(MP4FrameInfo), header.dataOffset},
                   view, channel);
@@ -370,17 +368,6 @@ const AnalysisKind analysisKinds[] = {
     {"md", MD_FRAME_COUNT, sizeof(MDFrameInfo), sizeof(MDPoolHeader), offsetof(MDPoolHeader, safeTime), MD_POOL_SIZE,
      true},
 };
-
-// Offsets 0..23 of a luminance or motion slot.
-struct AnalysisHead {
-    avpool::Word64 frameID;
-    int32_t lockIndex;
-    int32_t frameLength;
-    int32_t tv_sec;
-    int32_t tv_usec;
-};
-static_assert(sizeof(AnalysisHead) == offsetof(LUMFrameInfo, samples), "analysis slot head");
-static_assert(sizeof(AnalysisHead) == offsetof(MDFrameInfo, firstArray), "analysis slot head");
 
 // Both headers start with current, fps, width and height.
 int statAnalysis(const StatRequest& request) {
