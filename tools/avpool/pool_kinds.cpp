@@ -161,10 +161,11 @@ void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* 
     if (!findSegment(key, creator)) return;
     try {
         SegmentView view(key, 0, std::string(kind.name) + " pool");
-        FoundPool pool{&kind, channel, key, view.id(), view.size(), view.attached(), view.creator(),
-                       processAlive(view.creator()), {}};
         const FoundPool* before = earlierByKey(earlier, key);
-        kind.read(view, before != nullptr && before->id == view.id() ? before->state.newest : 0, pool.state);
+        bool seen = before != nullptr && before->id == view.id();
+        FoundPool pool{&kind,        channel, key, view.id(), view.size(), view.attached(), view.creator(),
+                       processAlive(view.creator()), seen, seen ? before->state.newest : 0, {}};
+        kind.read(view, pool.since, pool.state);
         found.push_back(pool);
     } catch (const CliError&) {
         // Removed between the lookup and the attach: it is gone, so not listed.

@@ -67,6 +67,10 @@ struct FoundPool {
     unsigned long attached;
     pid_t creator;
     bool creatorAlive;
+    // Whether the earlier call found this very segment (same key and id), and
+    // then its newest running number there; 0 otherwise.
+    bool seenBefore;
+    unsigned long long since;
     PoolState state;
 };
 
