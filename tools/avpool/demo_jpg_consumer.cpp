@@ -15,8 +15,6 @@ namespace avpool::demo {
 
 namespace {
 
-using avpool::cli::sleepMs;
-
 constexpr int MAX_AGE_SECONDS = 2;
 
 class JpgConsumer {
@@ -98,10 +96,7 @@ int JpgConsumer::run() {
     // A fresh pool's newest slot is slot 0, which the writer fills only when the
     // ring wraps; wait for a first frame instead of blocking on it.
     int safeTime = 0;
-    while (getter_.toWorking(safeTime) == 0) {
-        if (core_.stopping()) return 0;
-        sleepMs(5);
-    }
+    if (!core_.waitUntil([&] { return getter_.toWorking(safeTime) != 0; })) return 0;
     while (!core_.stopping()) {
         unsigned long long id = 0;
         Outcome outcome = readCurrent(id);

@@ -179,10 +179,7 @@ int Mp4Consumer::run() {
 
     // Until the first I frame the writer's GOP has never been written.
     int safeTime = 0;
-    while (getter_.toWorkingGop(safeTime) == 0) {
-        if (core_.stopping()) return 0;
-        avpool::cli::sleepMs(5);
-    }
+    if (!core_.waitUntil([&] { return getter_.toWorkingGop(safeTime) != 0; })) return 0;
     while (!core_.stopping()) {
         if (readGop() == GopEnd::Done) {
             getter_.toNextGop(safeTime);

@@ -254,10 +254,7 @@ public:
         // The first element goes to slot 1; the newest slot of a fresh pool is
         // slot 0, never written until the ring wraps.
         int safeTime = 0;
-        while (ring_.toWorking(safeTime) == 0) {
-            if (core_.stopping()) return 0;
-            avpool::cli::sleepMs(5);
-        }
+        if (!core_.waitUntil([&] { return ring_.toWorking(safeTime) != 0; })) return 0;
         while (!core_.stopping()) {
             ring_.waitReady();
             unsigned long long id = ring_.id();

@@ -26,21 +26,34 @@ constexpr int POLL_MS = 2;
 constexpr int LIVENESS_POLLS = 100;   // check the creator about every 0.2 s of waiting
 constexpr int AGE_MARGIN_SECONDS = 3;  // beyond --since, how old an element may get
 
-enum class Wait { Open, Gone, Interrupted };
+// Pending only while a poll goes on.
+enum class Wait { Open, Gone, Interrupted, Pending };
+
+// Polls look() until it gives an outcome, so that an interrupt or the death
+// of the pool's creator also end the wait.
+template <class Look>
+Wait poll(Look look, pid_t creator) {
+    for (int polls = 1;; ++polls) {
+        Wait seen = look();
+        if (seen != Wait::Pending) return seen;
+        if (interrupted) return Wait::Interrupted;
+        if (polls % LIVENESS_POLLS == 0 && !processAlive(creator)) return Wait::Gone;
+        sleepMs(POLL_MS);
+    }
+}
 
 // Waits for a slot's lock to open, polling, so that an interrupt, the pool's
 // removal or its creator's death end the wait. The pool's own wait follows
 // and then returns at once.
 template <class Locks>
 Wait waitOpen(const Locks& locks, int slot, pid_t creator) {
-    for (int polls = 1;; ++polls) {
-        int value = locks.value(slot);
-        if (value == 0) return Wait::Open;
-        if (value < 0) return Wait::Gone;
-        if (interrupted) return Wait::Interrupted;
-        if (polls % LIVENESS_POLLS == 0 && !processAlive(creator)) return Wait::Gone;
-        sleepMs(POLL_MS);
-    }
+    return poll(
+        [&] {
+            int value = locks.value(slot);
+            if (value == 0) return Wait::Open;
+            return value < 0 ? Wait::Gone : Wait::Pending;
+        },
+        creator);
 }
 
 // The pool must exist and its creator still run; otherwise a one-line error
@@ -97,12 +110,13 @@ void initGetter(const GetJob& job, Init init) {
 // Sleeps until the first element exists; false when interrupted or the pool went away first.
 template <class First, class Locks>
 bool awaitFirst(First first, const Locks& locks, pid_t creator) {
-    for (int polls = 1; first() == 0; ++polls) {
-        if (interrupted || locks.value(0) < 0) return false;
-        if (polls % LIVENESS_POLLS == 0 && !processAlive(creator)) return false;
-        sleepMs(POLL_MS);
-    }
-    return true;
+    Wait wait = poll(
+        [&] {
+            if (first() != 0) return Wait::Open;
+            return locks.value(0) < 0 ? Wait::Gone : Wait::Pending;
+        },
+        creator);
+    return wait == Wait::Open;
 }
 
 // Reads a ring whose element k sits in slot k % slots, in order, from the
