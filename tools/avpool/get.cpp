@@ -17,6 +17,7 @@
 #include <avpool/pcm.h>
 
 #include <cstdio>
+#include <optional>
 
 namespace avpool::cli {
 
@@ -396,8 +397,13 @@ int runGet(const ParsedArgs& args) {
     int since = args.intOption("--since", -1, 0, 24 * 3600);
     int count = args.intOption("--count", 0, 1, 2000000000);
     catchInterrupts();
-    Output out(args.stringOption("-o", args.stringOption("--output", "")));
-    GetJob job{&kind.pool(), channel, since, count, &out};
+    std::string path = args.stringOption("-o", args.stringOption("--output", ""));
+    std::optional<Output> out;
+    if (path.empty() || path == "-")
+        out.emplace("get");
+    else
+        out.emplace(path, "get");
+    GetJob job{&kind.pool(), channel, since, count, &*out};
     return kind.get(job);
 }
 

@@ -287,7 +287,7 @@ int runPut(const ParsedArgs& args) {
     const MediaKind& kind = findMediaKind(args.positional()[0], "put");
     PutJob job{&kind.pool(), mediaChannel(kind, args.positional()[1], "put"), args.positional()[2], {}, &args,
                args.has("--loop"), args.intOption("--linger", 1000, 0, 3600 * 1000)};
-    job.bytes = readWholeFile(job.path);
+    job.bytes = readWholeFile(job.path, "put");
     return kind.put(job);
 }
 

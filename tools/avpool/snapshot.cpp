@@ -2,6 +2,7 @@
 // through the information area, written to a file.
 
 #include "infos_view.h"
+#include "media_io.h"
 #include "pool_kinds.h"
 #include "verbs.h"
 
@@ -29,18 +30,6 @@ void onTimeout(int) {
     ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
     (void)written;
     _exit(EXIT_FAILED);
-}
-
-void writeFile(const std::string& path, const unsigned char* bytes, size_t size) {
-    FILE* file = fopen(path.c_str(), "wb");
-    if (file == nullptr) throw CliError("snapshot: cannot write " + path + ": " + strerror(errno));
-    bool written = fwrite(bytes, 1, size, file) == size;
-    int error = errno;
-    if (fclose(file) != 0 && written) {
-        written = false;
-        error = errno;
-    }
-    if (!written) throw CliError("snapshot: cannot write " + path + ": " + strerror(error));
 }
 
 int runSnapshot(const ParsedArgs& args) {
@@ -83,7 +72,12 @@ int runSnapshot(const ParsedArgs& args) {
     if (length <= 0)
         throw CliError("snapshot: profile " + std::to_string(profile) + " gave no picture (" + poolName("jpg", channel) +
                        ")");
-    writeFile(path, buffer.data(), static_cast<size_t>(length));
+    {
+        Output out(path, "snapshot");
+        // False only for a fifo whose reader went away: for snapshot, a failure too.
+        if (!out.write(buffer.data(), static_cast<size_t>(length)))
+            throw CliError("snapshot: cannot write " + path + ": " + strerror(EPIPE));
+    }
     printf("%d bytes of profile %d (%s) written to %s\n", length, profile, poolName("jpg", channel).c_str(),
            path.c_str());
     return 0;
