@@ -50,27 +50,23 @@ std::string titleOf(const StatRequest& request) {
 
 void printSegment(const StatRequest& request, const SegmentView& view) {
     printf("%s\n", titleOf(request).c_str());
-    printf("key:              %s\n", keyText(view.key()).c_str());
-    printf("segment id:       %d\n", view.id());
-    printf("size:             %zu\n", view.size());
-    printf("creator pid:      %d\n", static_cast<int>(view.creator()));
-    printf("attached:         %lu\n", view.attached());
+    printTextField("key", keyText(view.key()));
+    printFields({{"segment id", view.id()}});
+    printTextField("size", std::to_string(view.size()));
+    printFields({{"creator pid", static_cast<int>(view.creator())}});
+    printTextField("attached", std::to_string(view.attached()));
 }
 
-void printLocks(const char* label, const LockView& locks, int count) {
-    if (locks.id() == -1)
-        printf("%-18snone readable (%s)\n", label, strerror(locks.error()));
-    else
-        printf("%-18ssemaphore set %d, %d semaphores\n", label, locks.id(), count);
+// "semaphore set 5, 30 semaphores", or why there is none to read.
+std::string lockSetText(const LockView& locks, int count) {
+    if (locks.id() == -1) return std::string("none readable (") + strerror(locks.error()) + ")";
+    return "semaphore set " + std::to_string(locks.id()) + ", " + std::to_string(count) + " semaphores";
 }
 
 void printLockGroups(const GroupedLockView& locks) {
-    for (int g = 0; g < locks.groups(); ++g) {
-        char label[48];
-        snprintf(label, sizeof label, "lock group %d:", g);
-        printf("%-18skey %s\n", label, keyText(locks.key(g)).c_str());
-        printLocks("", locks.group(g), locks.count(g));
-    }
+    for (int g = 0; g < locks.groups(); ++g)
+        printTextField(("lock group " + std::to_string(g)).c_str(),
+                       "key " + keyText(locks.key(g)) + "\n" + lockSetText(locks.group(g), locks.count(g)));
 }
 
 std::string lockText(int value) {
@@ -132,7 +128,7 @@ const char* bytesText(Bytes state) {
 }
 
 void printPicture(int width, int height) {
-    printf("picture:          %d x %d\n", width, height);
+    printTextField("picture", std::to_string(width) + " x " + std::to_string(height));
 }
 
 void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, int dataOffset, size_t size) {
@@ -140,7 +136,7 @@ void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, 
                  {"safeTimeOffset", safeTimeOffset},
                  {"frameInfoOffset", frameInfoOffset},
                  {"dataOffset", dataOffset}});
-    printf("RawDataLen:       %zu\n", size - static_cast<size_t>(dataOffset));
+    printTextField("RawDataLen", std::to_string(size - static_cast<size_t>(dataOffset)));
 }
 
 int statJpg(const StatRequest& request) {
@@ -162,7 +158,7 @@ int statJpg(const StatRequest& request) {
     printPicture(header.workingWidth, header.workingHeight);
     printTableOffsets(header.framePrefixSize, header.safeTimeOffset, header.frameInfoOffset, header.dataOffset,
                       view.size());
-    printLocks("locks: ", locks, n);
+    printTextField("locks", lockSetText(locks, n));
     printf("\n  slot %20s %17s %8s %12s %8s %4s  %s\n", "frameID", "captured", "length", "dataPosition",
            "safe ms", "lock", "bytes");
     for (int i = 0; i < n; ++i) {
@@ -387,7 +383,7 @@ int statAnalysis(const StatRequest& request) {
     }
     std::vector<int32_t> safe = safeTimes(view, kind.safeTimeOffset, kind.slots);
     printTextField("safeTime ms", safeTimeText(safe, header.current));
-    printLocks("locks: ", locks, kind.slots);
+    printTextField("locks", lockSetText(locks, kind.slots));
     printf("\n  slot %20s %17s %11s %7s %4s\n", "frameID", "captured", "frameLength", "safe ms", "lock");
     for (int i = 0; i < kind.slots; ++i) {
         AnalysisHead head;
