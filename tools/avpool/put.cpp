@@ -188,21 +188,23 @@ int putMp4(const PutJob& job) {
     // A GOP begins at an IDR picture; pictures before the first have nothing
     // to refer to and are left out.
     std::vector<Element> elements;
+    int gopFrames = 0;
     int longestGop = 0;
     size_t gopBytes = 0;
     size_t mostGopBytes = 0;
     for (const media::AccessUnit& unit : stream.units) {
         if (elements.empty() && !unit.idr) continue;
-        if (unit.idr) gopBytes = 0;
+        if (unit.idr) {
+            gopFrames = 0;
+            gopBytes = 0;
+        }
+        ++gopFrames;
         gopBytes += unit.length + RECORD_OVERHEAD;
+        longestGop = std::max(longestGop, gopFrames);
         mostGopBytes = std::max(mostGopBytes, gopBytes);
         elements.push_back({unit.offset, unit.length, unit.idr});
     }
     if (elements.empty()) throw CliError("put: " + job.path + " has no IDR picture to start a GOP with");
-    for (size_t i = 0, run = 0; i < elements.size(); ++i) {
-        run = elements[i].key ? 1 : run + 1;
-        longestGop = std::max(longestGop, static_cast<int>(run));
-    }
     const ParsedArgs& args = *job.args;
     int fps = args.intOption("--fps", stream.picture.fps > 0 ? stream.picture.fps : DEFAULT_FPS, 1, MAX_FPS);
     int framesPerGop = args.intOption("--gop-frames", longestGop, 1, MP4_MAX_FRAME_COUNT / MP4_MIN_GOPS);
