@@ -15,10 +15,16 @@ inline long long monotonicNs() {
     return static_cast<long long>(now.tv_sec) * NS_PER_S + now.tv_nsec;
 }
 
+// A time given as seconds and microseconds (a timeval's, a capture time's),
+// in microseconds.
+inline long long microseconds(long long sec, long long usec) {
+    return sec * 1000000 + usec;
+}
+
 inline long long wallClockUs() {
     timeval now;
     gettimeofday(&now, nullptr);
-    return static_cast<long long>(now.tv_sec) * 1000000 + now.tv_usec;
+    return microseconds(now.tv_sec, now.tv_usec);
 }
 
 // Sleeps; a signal may end it early.

@@ -58,11 +58,10 @@ const char* kindName(PoolKind kind) {
     return "md";
 }
 
-// The keys come from the tool's table of pool kinds.
+// The keys come from the tool's table of pool kinds, which has a row for
+// every kind the demo runs.
 static const avpool::cli::PoolKindInfo& poolKind(PoolKind kind) {
-    const avpool::cli::PoolKindInfo* info = avpool::cli::findPoolKind(kindName(kind));
-    if (info == nullptr) throw avpool::cli::CliError(std::string("demo: no keys known for ") + kindName(kind));
-    return *info;
+    return *avpool::cli::findPoolKind(kindName(kind));
 }
 
 int baseKey(PoolKind kind) {
@@ -89,8 +88,7 @@ int segmentKey(const PoolPlan& plan) {
     return avpool::cli::segmentKey(poolKind(plan.kind), plan.channel);
 }
 
-// Every pool of the demo keeps its locks in one semaphore set.
-static int lockKey(const PoolPlan& plan) {
+int lockKey(const PoolPlan& plan) {
     return avpool::cli::firstLockKey(poolKind(plan.kind), plan.channel);
 }
 
@@ -262,9 +260,8 @@ void castPools(int firstChannel, Cast& cast) {
             continue;
         }
         if (creator != 0)
-            throw CliError(std::string("demo: the ") + kindName(plan.kind) + " pool on channel " +
-                           std::to_string(plan.channel) + " belongs to running pid " + std::to_string(creator) +
-                           "; choose other channels with --channel");
+            throw CliError("demo: the " + avpool::cli::poolName(kindName(plan.kind), plan.channel) +
+                           " belongs to running pid " + std::to_string(creator) + "; choose other channels with --channel");
         index[p] = cast.poolCount;
         cast.pools[cast.poolCount++] = plan;
     }
@@ -340,8 +337,8 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     // this frame over an older one also finds this number here.
     published.started.store(number, std::memory_order_seq_cst);
     if (!pool.writer->put(pool.buffer.data(), length, number, key, captured))
-        throw CliError(std::string("demo: the ") + kindName(plan.kind) + " pool on channel " +
-                       std::to_string(plan.channel) + " refused frame " + std::to_string(number));
+        throw CliError("demo: the " + avpool::cli::poolName(kindName(plan.kind), plan.channel) + " refused frame " +
+                       std::to_string(number));
     if (key) {
         ++pool.gop;
         pool.inGop = 0;

@@ -71,6 +71,9 @@ struct PoolPlan {
 
 // The pool's segment key, and how the report names it: "jpg 0 ", "pcm - ".
 int segmentKey(const PoolPlan& plan);
+// The key of the pool's first semaphore set; every pool of the demo keeps its
+// locks in one set.
+int lockKey(const PoolPlan& plan);
 const char* poolLabel(const PoolPlan& plan, char* text, int size);
 // Time between two elements.
 long long periodNs(const PoolPlan& plan);

@@ -26,10 +26,7 @@ ConsumerCore::ConsumerCore(const ConsumerJob& job)
     : plan_(*job.plan), pool_(*job.pool), board_(*job.board), counters_(*job.counters) {}
 
 bool ConsumerCore::waitForPools() {
-    while (board_.ready.load(std::memory_order_acquire) == 0) {
-        if (stopping()) return false;
-        avpool::cli::sleepMs(5);
-    }
+    if (!waitUntil([&] { return board_.ready.load(std::memory_order_acquire) != 0; })) return false;
     // Slats are for the streams of a profile, not for the audio and analysis pools.
     if (board_.published.load(std::memory_order_relaxed) == 0 || !hasProfile(pool_.kind)) return true;
     // As a server takes a slat for a client: named after the consumer, the

@@ -7,6 +7,7 @@
 // untouched both before and after the check.
 #pragma once
 
+#include "clock.h"
 #include "demo.h"
 
 #include <atomic>
@@ -24,6 +25,15 @@ public:
     explicit ConsumerCore(const ConsumerJob& job);
 
     bool stopping() const { return board_.stop.load(std::memory_order_acquire) != 0; }
+    // Polls until ready() holds; false when asked to stop first.
+    template <class Ready>
+    bool waitUntil(Ready ready) const {
+        while (!ready()) {
+            if (stopping()) return false;
+            avpool::cli::sleepMs(5);
+        }
+        return true;
+    }
     // Waits until the pools exist; false when asked to stop first. Then takes
     // this consumer's connection slat, given back when the core goes, if the
     // demo published its profiles.

@@ -15,8 +15,6 @@ namespace avpool::demo {
 
 namespace {
 
-using avpool::cli::sleepMs;
-
 constexpr int MAX_AGE_SECONDS = 2;
 
 class JpgConsumer {
@@ -70,7 +68,7 @@ Outcome JpgConsumer::readCurrent(unsigned long long& id) {
                  frame.height, frame.fps, frame.quality);
         whole = false;
     }
-    captureUs_ = static_cast<long long>(frame.tv_sec) * 1000000 + frame.tv_usec;
+    captureUs_ = avpool::cli::microseconds(frame.tv_sec, frame.tv_usec);
     return core_.settle(whole, [&] { return stillUntouched(frame.data, id, slot); });
 }
 
@@ -92,16 +90,13 @@ void JpgConsumer::catchUp() {
 int JpgConsumer::run() {
     if (!core_.waitForPools()) return 0;
     getter_.init(pool_.channel);
-    avpool::cli::LockView locks(JPG_BASE_KEY + pool_.channel, pool_.slots);
+    avpool::cli::LockView locks(lockKey(pool_), pool_.slots);
     locks_ = &locks;
 
     // A fresh pool's newest slot is slot 0, which the writer fills only when the
     // ring wraps; wait for a first frame instead of blocking on it.
     int safeTime = 0;
-    while (getter_.toWorking(safeTime) == 0) {
-        if (core_.stopping()) return 0;
-        sleepMs(5);
-    }
+    if (!core_.waitUntil([&] { return getter_.toWorking(safeTime) != 0; })) return 0;
     while (!core_.stopping()) {
         unsigned long long id = 0;
         Outcome outcome = readCurrent(id);

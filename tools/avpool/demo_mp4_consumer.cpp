@@ -110,7 +110,7 @@ bool Mp4Consumer::rightFrame(int k, unsigned long long gopId, unsigned long long
 Outcome Mp4Consumer::checkFrame(int k, unsigned long long gopId, unsigned long long id) {
     const unsigned char* bytes = getter_.frameData;
     int length = getter_.frameLength;
-    captureUs_ = static_cast<long long>(getter_.frameTime.tv_sec) * 1000000 + getter_.frameTime.tv_usec;
+    captureUs_ = avpool::cli::microseconds(getter_.frameTime.tv_sec, getter_.frameTime.tv_usec);
     bool whole = checkStamp(bytes, length, id, core_.why(), core_.whySize()) && rightFrame(k, gopId, id, length);
     // Untouched: the prefix still names the frame, the slot still holds it with
     // its bytes, and its lock is open (the writer closes a whole GOP before it
@@ -173,16 +173,13 @@ GopEnd Mp4Consumer::readGop() {
 int Mp4Consumer::run() {
     if (!core_.waitForPools()) return 0;
     getter_.init(pool_.channel);
-    avpool::cli::GroupedLockView locks(MP4_BASE_KEY + pool_.channel * 16, pool_.slots * pool_.framesPerGop);
+    avpool::cli::GroupedLockView locks(lockKey(pool_), pool_.slots * pool_.framesPerGop);
     locks_ = &locks;
     checkStream();
 
     // Until the first I frame the writer's GOP has never been written.
     int safeTime = 0;
-    while (getter_.toWorkingGop(safeTime) == 0) {
-        if (core_.stopping()) return 0;
-        avpool::cli::sleepMs(5);
-    }
+    if (!core_.waitUntil([&] { return getter_.toWorkingGop(safeTime) != 0; })) return 0;
     while (!core_.stopping()) {
         if (readGop() == GopEnd::Done) {
             getter_.toNextGop(safeTime);

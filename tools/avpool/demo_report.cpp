@@ -24,18 +24,23 @@ void paceText(const ConsumerPlan& consumer, char* text, int size) {
         snprintf(text, size, "%dms", consumer.pauseMs);
 }
 
+// Frames the producer has put since consumer i's last read.
+unsigned long long framesBehind(const RunView& run, int i) {
+    unsigned long long last = load(run.board->consumers[i].lastId);
+    unsigned long long newest = load(run.board->pools[run.consumers[i].pool].completed);
+    return newest > last ? newest - last : 0;
+}
+
 // Frames the producer has put since the consumer's last read, and how old the
 // frame it read last is.
 void lagText(const RunView& run, int i, char* text, int size) {
     const ConsumerBoard& counters = run.board->consumers[i];
-    unsigned long long last = load(counters.lastId);
-    if (last == 0) {
+    if (load(counters.lastId) == 0) {
         snprintf(text, size, "-");
         return;
     }
-    unsigned long long newest = load(run.board->pools[run.consumers[i].pool].completed);
     long long ageMs = (avpool::cli::wallClockUs() - counters.lastCaptureUs.load(std::memory_order_relaxed)) / 1000;
-    snprintf(text, size, "%llu fr, %lld ms", newest > last ? newest - last : 0, ageMs);
+    snprintf(text, size, "%llu fr, %lld ms", framesBehind(run, i), ageMs);
 }
 
 void printConsumerHeader(int lagWidth) {
@@ -161,10 +166,8 @@ int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSig
     printf(" %8s  %s\n", "pid", "ended");
     for (int i = 0; i < run.consumerCount; ++i) {
         const avpool::cli::Child& child = run.children[i];
-        unsigned long long last = load(run.board->consumers[i].lastId);
-        unsigned long long newest = load(run.board->pools[run.consumers[i].pool].completed);
         char lag[32];
-        snprintf(lag, sizeof lag, "%-*llu", LAG_WIDTH, newest > last ? newest - last : 0);
+        snprintf(lag, sizeof lag, "%-*llu", LAG_WIDTH, framesBehind(run, i));
         char outcome[40];
         printConsumerRow(run, i, lag);
         printf(" %8d  %s\n", static_cast<int>(child.pid), avpool::cli::childOutcome(child, outcome, sizeof outcome));

@@ -26,10 +26,6 @@ namespace avpool::demo {
 
 namespace {
 
-long long microseconds(long long sec, long long usec) {
-    return sec * 1000000 + usec;
-}
-
 // The AMR pool has no getter in the library: this one reads the segment by
 // its layout in amr.h, with the getters' cursor moves and wait. The slot's lock
 // is polled: a value that can no longer be read means the producer removed
@@ -173,7 +169,7 @@ public:
     bool read(const PoolPlan& plan, unsigned long long id, long long& captureUs, char* why, size_t whySize) {
         getter_.getFragment();
         const auto& fragment = getter_.fragment;
-        captureUs = microseconds(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
+        captureUs = avpool::cli::microseconds(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
         // The length recorded: Opus keeps the caller's, the others what they
         // stored. Checked first, as the stamp is read over that many bytes.
         if (fragment.length < plan.minFrame || fragment.length > plan.maxFrame) {
@@ -234,7 +230,7 @@ public:
 
     bool read(const PoolPlan& plan, unsigned long long id, long long& captureUs, char* why, size_t whySize) {
         getter_.getFrame();
-        captureUs = microseconds(getter_.tv_sec, getter_.tv_usec);
+        captureUs = avpool::cli::microseconds(getter_.tv_sec, getter_.tv_usec);
         if (getter_.frameLength != plan.width * plan.height) {
             snprintf(why, whySize, "record %llu: %d elements, not %d x %d", id, getter_.frameLength, plan.width,
                      plan.height);
@@ -252,17 +248,13 @@ public:
     int run() {
         if (!core_.waitForPools()) return 0;
         ring_.init(pool_);
-        const avpool::cli::PoolKindInfo* kind = avpool::cli::findPoolKind(kindName(pool_.kind));
-        avpool::cli::GroupedLockView locks(avpool::cli::firstLockKey(*kind, pool_.channel), pool_.slots);
+        avpool::cli::GroupedLockView locks(lockKey(pool_), pool_.slots);
         if (!ring_.describedAs(pool_, core_.why(), core_.whySize())) core_.damaged();
 
         // The first element goes to slot 1; the newest slot of a fresh pool is
         // slot 0, never written until the ring wraps.
         int safeTime = 0;
-        while (ring_.toWorking(safeTime) == 0) {
-            if (core_.stopping()) return 0;
-            avpool::cli::sleepMs(5);
-        }
+        if (!core_.waitUntil([&] { return ring_.toWorking(safeTime) != 0; })) return 0;
         while (!core_.stopping()) {
             ring_.waitReady();
             unsigned long long id = ring_.id();

@@ -17,6 +17,7 @@
 #include <avpool/pcm.h>
 
 #include <cstdio>
+#include <optional>
 
 namespace avpool::cli {
 
@@ -26,38 +27,51 @@ constexpr int POLL_MS = 2;
 constexpr int LIVENESS_POLLS = 100;   // check the creator about every 0.2 s of waiting
 constexpr int AGE_MARGIN_SECONDS = 3;  // beyond --since, how old an element may get
 
-enum class Wait { Open, Gone, Interrupted };
+// Pending only while a poll goes on.
+enum class Wait { Open, Gone, Interrupted, Pending };
 
-// Waits for a slot's lock to open, polling, so that an interrupt, the pool's
-// removal or its creator's death end the wait. The pool's own wait follows
-// and then returns at once.
-template <class Locks>
-Wait waitOpen(const Locks& locks, int slot, pid_t creator) {
+// Polls look() until it gives an outcome, so that an interrupt or the death
+// of the pool's creator also end the wait.
+template <class Look>
+Wait poll(Look look, pid_t creator) {
     for (int polls = 1;; ++polls) {
-        int value = locks.value(slot);
-        if (value == 0) return Wait::Open;
-        if (value < 0) return Wait::Gone;
+        Wait seen = look();
+        if (seen != Wait::Pending) return seen;
         if (interrupted) return Wait::Interrupted;
         if (polls % LIVENESS_POLLS == 0 && !processAlive(creator)) return Wait::Gone;
         sleepMs(POLL_MS);
     }
 }
 
+// Waits for a slot's lock to open, polling, so that an interrupt, the pool's
+// removal or its creator's death end the wait. The pool's own wait follows
+// and then returns at once.
+template <class Locks>
+Wait waitOpen(const Locks& locks, int slot, pid_t creator) {
+    return poll(
+        [&] {
+            int value = locks.value(slot);
+            if (value == 0) return Wait::Open;
+            return value < 0 ? Wait::Gone : Wait::Pending;
+        },
+        creator);
+}
+
 // The pool must exist and its creator still run; otherwise a one-line error
 // that names what the channel has instead.
-void requirePool(const GetJob& job, const char* kind, int key) {
+void requirePool(const GetJob& job) {
+    int key = segmentKey(*job.pool, job.channel);
     pid_t creator = 0;
     if (findSegment(key, creator)) {
         if (processAlive(creator)) return;
-        throw CliError(std::string("get: the ") + kind + " pool on channel " + std::to_string(job.channel) +
-                       " is stale: its creator " + std::to_string(creator) + " is gone");
+        throw CliError("get: the " + poolName(job.pool->name, job.channel) + " is stale: its creator " +
+                       std::to_string(creator) + " is gone");
     }
     std::string others;
     for (const FoundPool& pool : findPools())
         if (pool.kind->perChannel && pool.channel == job.channel)
             others += (others.empty() ? "" : ", ") + std::string(pool.kind->name);
-    std::string message = std::string("get: no ") + kind + " pool on channel " + std::to_string(job.channel) +
-                          " (key " + hexKey(key) + ")";
+    std::string message = "get: no " + poolName(job.pool->name, job.channel) + " (key " + hexKey(key) + ")";
     if (!others.empty()) message += "; channel " + std::to_string(job.channel) + " has: " + others;
     throw CliError(message);
 }
@@ -75,13 +89,12 @@ void reportGap(unsigned long long expected, unsigned long long got, const char* 
 // geometry and creator the waits need beside the getter.
 template <class Header>
 struct OpenPool {
-    OpenPool(const GetJob& job, const char* kind, int key)
-        : view((requirePool(job, kind, key), key), sizeof(Header),
-               std::string(kind) + " pool on channel " + std::to_string(job.channel)) {
-        view.read(0, &header, sizeof header);
-    }
+    explicit OpenPool(const GetJob& job)
+        : view((requirePool(job), segmentKey(*job.pool, job.channel)), sizeof(Header),
+               poolName(job.pool->name, job.channel)),
+          header(readHeader<Header>(view, job.pool->name, job.channel)) {}
     SegmentView view;
-    Header header{};
+    Header header;
 };
 
 int maxAge(const GetJob& job) {
@@ -91,20 +104,20 @@ int maxAge(const GetJob& job) {
 // Attaches a getter through init, silencing the pool's diagnostics; a
 // failure becomes one line naming the pool.
 template <class GetterError, class Init>
-void initGetter(const char* kind, int channel, Init init) {
-    quietly<GetterError>(std::string("get: cannot open the ") + kind + " pool on channel " + std::to_string(channel),
-                         init);
+void initGetter(const GetJob& job, Init init) {
+    quietly<GetterError>("get: cannot open the " + poolName(job.pool->name, job.channel), init);
 }
 
 // Sleeps until the first element exists; false when interrupted or the pool went away first.
 template <class First, class Locks>
 bool awaitFirst(First first, const Locks& locks, pid_t creator) {
-    for (int polls = 1; first() == 0; ++polls) {
-        if (interrupted || locks.value(0) < 0) return false;
-        if (polls % LIVENESS_POLLS == 0 && !processAlive(creator)) return false;
-        sleepMs(POLL_MS);
-    }
-    return true;
+    Wait wait = poll(
+        [&] {
+            if (first() != 0) return Wait::Open;
+            return locks.value(0) < 0 ? Wait::Gone : Wait::Pending;
+        },
+        creator);
+    return wait == Wait::Open;
 }
 
 // Reads a ring whose element k sits in slot k % slots, in order, from the
@@ -276,24 +289,23 @@ private:
 }  // namespace
 
 int getJpg(const GetJob& job) {
-    int key = JPG_BASE_KEY + job.channel;
-    OpenPool<JPGPoolHeader> pool(job, "jpg", key);
-    LockView locks(key, pool.header.frameCount);
+    OpenPool<JPGPoolHeader> pool(job);
+    LockView locks(firstLockKey(*job.pool, job.channel), pool.header.frameCount);
     JPGGetter getter;
-    initGetter<JPGGetterError>("jpg", job.channel, [&] { getter.init(job.channel); });
+    initGetter<JPGGetterError>(job, [&] { getter.init(job.channel); });
     JpgRing ring{getter, locks, pool.view.creator(), pool.header.frameCount, *job.out};
     followRing(job, ring, "frame");
     return 0;
 }
 
 int getMp4(const GetJob& job) {
-    OpenPool<MP4PoolHeader> pool(job, "mp4", MP4_BASE_KEY + job.channel);
+    OpenPool<MP4PoolHeader> pool(job);
     const SegmentView& view = pool.view;
     int gops = pool.header.gopCount;
     int frames = pool.header.framesPerGop;
-    GroupedLockView locks(MP4_BASE_KEY + job.channel * 16, gops * frames);
+    GroupedLockView locks(firstLockKey(*job.pool, job.channel), gops * frames);
     MP4Getter getter;
-    initGetter<MP4GetterError>("mp4", job.channel, [&] { getter.init(job.channel); });
+    initGetter<MP4GetterError>(job, [&] { getter.init(job.channel); });
 
     int safe = 0;
     if (!awaitFirst([&] { return getter.toWorkingGop(safe); }, locks, view.creator())) return 0;
@@ -354,10 +366,10 @@ int getMp4(const GetJob& job) {
 
 // The fragments of the pcm pool as a WAV file.
 int getPcm(const GetJob& job) {
-    OpenPool<PCMPoolHeader> pool(job, "pcm", PCM_KEY);
-    GroupedLockView locks(PCM_KEY, AUDIO_SLOT_COUNT);
+    OpenPool<PCMPoolHeader> pool(job);
+    GroupedLockView locks(firstLockKey(*job.pool, job.channel), AUDIO_SLOT_COUNT);
     PCMGetter getter;
-    initGetter<PCMGetterError>("pcm", 0, [&] { getter.init(); });
+    initGetter<PCMGetterError>(job, [&] { getter.init(); });
     WavSink sink(*job.out, getter);
     AudioRing<PCMGetter, PCMGetterError, WavSink> ring{getter, pool.view, locks, pool.view.creator(), sink};
     followRing(job, ring, "fragment");
@@ -366,10 +378,10 @@ int getPcm(const GetJob& job) {
 
 // The fragments of an aac pool back to back: each is one ADTS frame.
 int getAac(const GetJob& job) {
-    OpenPool<AACPoolHeader> pool(job, "aac", AAC_BASE_KEY + job.channel);
-    GroupedLockView locks(AAC_BASE_KEY + job.channel * 16, AUDIO_SLOT_COUNT);
+    OpenPool<AACPoolHeader> pool(job);
+    GroupedLockView locks(firstLockKey(*job.pool, job.channel), AUDIO_SLOT_COUNT);
     AACGetter getter;
-    initGetter<AACGetterError>("aac", job.channel, [&] { getter.init(job.channel); });
+    initGetter<AACGetterError>(job, [&] { getter.init(job.channel); });
     AudioRing<AACGetter, AACGetterError, Output> ring{getter, pool.view, locks, pool.view.creator(),
                                                          *job.out};
     followRing(job, ring, "fragment");
@@ -385,8 +397,13 @@ int runGet(const ParsedArgs& args) {
     int since = args.intOption("--since", -1, 0, 24 * 3600);
     int count = args.intOption("--count", 0, 1, 2000000000);
     catchInterrupts();
-    Output out(args.stringOption("-o", args.stringOption("--output", "")));
-    GetJob job{channel, since, count, &out};
+    std::string path = args.stringOption("-o", args.stringOption("--output", ""));
+    std::optional<Output> out;
+    if (path.empty() || path == "-")
+        out.emplace("get");
+    else
+        out.emplace(path, "get");
+    GetJob job{&kind.pool(), channel, since, count, &*out};
     return kind.get(job);
 }
 

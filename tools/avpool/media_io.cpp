@@ -11,9 +11,9 @@
 
 namespace avpool::cli {
 
-std::vector<unsigned char> readWholeFile(const std::string& path) {
+std::vector<unsigned char> readWholeFile(const std::string& path, const char* verb) {
     FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr) throw CliError("put: cannot read " + path + ": " + strerror(errno));
+    if (file == nullptr) throw CliError(std::string(verb) + ": cannot read " + path + ": " + strerror(errno));
     std::vector<unsigned char> bytes;
     unsigned char block[65536];
     size_t got;
@@ -21,22 +21,24 @@ std::vector<unsigned char> readWholeFile(const std::string& path) {
     bool failed = ferror(file) != 0;
     int error = errno;
     fclose(file);
-    if (failed) throw CliError("put: cannot read " + path + ": " + strerror(error));
+    if (failed) throw CliError(std::string(verb) + ": cannot read " + path + ": " + strerror(error));
     return bytes;
 }
 
-Output::Output(const std::string& path)
-    : fd_(STDOUT_FILENO), start_(-1), owned_(false), name_("standard output") {
+Output::Output(const char* verb)
+    : fd_(STDOUT_FILENO), start_(-1), owned_(false), name_("standard output"), verb_(verb) {
     // A reader that goes away ends the output with EPIPE instead of a signal.
     signal(SIGPIPE, SIG_IGN);
-    if (!path.empty() && path != "-") {
-        fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd_ == -1) throw CliError("get: cannot write " + path + ": " + strerror(errno));
-        owned_ = true;
-        name_ = path;
-    }
     int flags = fcntl(fd_, F_GETFL);
     if (flags != -1 && (flags & O_APPEND) == 0) start_ = lseek(fd_, 0, SEEK_CUR);
+}
+
+Output::Output(const std::string& path, const char* verb) : Output(verb) {
+    fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd_ == -1) throw CliError(verb_ + ": cannot write " + path + ": " + strerror(errno));
+    owned_ = true;
+    name_ = path;
+    start_ = lseek(fd_, 0, SEEK_CUR);
 }
 
 Output::~Output() {
@@ -48,7 +50,7 @@ bool Output::write(const unsigned char* data, size_t size) {
         ssize_t done = ::write(fd_, data, size);
         if (done < 0 && errno == EINTR) continue;
         if (done < 0 && errno == EPIPE) return false;
-        if (done < 0) throw CliError("get: cannot write " + name_ + ": " + strerror(errno));
+        if (done < 0) throw CliError(verb_ + ": cannot write " + name_ + ": " + strerror(errno));
         data += done;
         size -= static_cast<size_t>(done);
     }

@@ -9,14 +9,17 @@
 
 namespace avpool::cli {
 
-// The whole file; a CliError names the file and the reason when it cannot be read.
-std::vector<unsigned char> readWholeFile(const std::string& path);
+// The whole file; a CliError, led by the verb ("put"), names the file and the
+// reason when it cannot be read.
+std::vector<unsigned char> readWholeFile(const std::string& path, const char* verb);
 
-// Where get writes: standard output, or a file created or truncated. Writes
-// go straight to the descriptor, so nothing is left to flush at the end.
+// Where a verb writes: standard output, or a file created or truncated.
+// Writes go straight to the descriptor, so nothing is left to flush at the
+// end. Errors are led by the verb ("get").
 class Output {
 public:
-    explicit Output(const std::string& path);  // "" or "-" for standard output
+    explicit Output(const char* verb);  // standard output
+    Output(const std::string& path, const char* verb);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -32,6 +35,7 @@ private:
     long long start_;  // file offset of the first byte written; -1 when not seekable
     bool owned_;
     std::string name_;
+    std::string verb_;
 };
 
 // Silences standard output and error while it lives: the pool classes print

@@ -7,10 +7,10 @@ namespace avpool::cli {
 namespace {
 
 const MediaKind kinds[] = {
-    {"jpg", true, putJpg, getJpg},
-    {"mp4", true, putMp4, getMp4},
-    {"pcm", false, putPcm, getPcm},
-    {"aac", true, putAac, getAac},
+    {"jpg", putJpg, getJpg},
+    {"mp4", putMp4, getMp4},
+    {"pcm", putPcm, getPcm},
+    {"aac", putAac, getAac},
 };
 
 }  // namespace
@@ -19,12 +19,15 @@ const MediaKind& findMediaKind(const std::string& name, const char* verb) {
     return findKind(kinds, name, verb);
 }
 
+const PoolKindInfo& MediaKind::pool() const {
+    return *findPoolKind(name);  // every media kind has a row there
+}
+
 int mediaChannel(const MediaKind& kind, const std::string& text, const char* verb) {
-    int channel = parseInt(text, (std::string(verb) + ": channel").c_str(), 0, MAX_CHANNEL);
-    if (!kind.perChannel && channel != 0)
-        throw UsageError(std::string(verb) + ": there is one " + kind.name +
-                         " pool per machine: CHANNEL must be 0, not " + text);
-    return channel;
+    return parseChannel(kind.pool(), text, verb, [](const char* named, const PoolKindInfo& pool, const std::string& given, int) {
+        return std::string(named) + ": there is one " + pool.name + " pool per machine: CHANNEL must be 0, not " +
+               given;
+    });
 }
 
 }  // namespace avpool::cli

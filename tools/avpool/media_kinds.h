@@ -10,8 +10,10 @@
 namespace avpool::cli {
 
 class Output;
+struct PoolKindInfo;
 
 struct PutJob {
+    const PoolKindInfo* pool;  // the kind's keys
     int channel;
     std::string path;
     std::vector<unsigned char> bytes;  // the whole file
@@ -21,6 +23,7 @@ struct PutJob {
 };
 
 struct GetJob {
+    const PoolKindInfo* pool;  // the kind's keys
     int channel;
     int since;  // seconds back to start from; -1 to follow live
     int count;  // elements to write; 0 for no limit
@@ -29,9 +32,11 @@ struct GetJob {
 
 struct MediaKind {
     const char* name;
-    bool perChannel;  // false: one pool per machine, channel 0
     int (*put)(const PutJob& job);
     int (*get)(const GetJob& job);
+    // Its row in the table of pool kinds: keys, and one pool per channel or
+    // one per machine (channel 0).
+    const PoolKindInfo& pool() const;
 };
 
 // The row that name names, for verb ("put", "get"); otherwise a usage error.

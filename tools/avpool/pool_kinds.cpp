@@ -1,6 +1,6 @@
 #include "pool_kinds.h"
 #include "cli.h"
-
+#include "clock.h"
 
 #include <avpool/aac.h>
 #include <avpool/amr.h>
@@ -12,8 +12,7 @@
 #include <avpool/opus.h>
 #include <avpool/pcm.h>
 
-#include <cerrno>
-#include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -25,10 +24,6 @@ namespace {
 template <class T>
 bool at(const SegmentView& view, size_t offset, T& out) {
     return view.read(offset, &out, sizeof out);
-}
-
-long long captureUs(int32_t sec, int32_t usec) {
-    return static_cast<long long>(sec) * 1000000 + usec;
 }
 
 std::string pictureParams(int width, int height, int fps) {
@@ -62,7 +57,7 @@ void readJpg(const SegmentView& view, unsigned long long since, PoolState& state
     for (int i = 0; i < header.frameCount; ++i) {
         JPGFrameInfo info;
         if (!at(view, header.frameInfoOffset + sizeof info * i, info)) return;
-        countSlot(state, info.frameID.get(), captureUs(info.tv_sec, info.tv_usec), info.frameLength, since);
+        countSlot(state, info.frameID.get(), microseconds(info.tv_sec, info.tv_usec), info.frameLength, since);
     }
     state.params = pictureParams(header.workingWidth, header.workingHeight, header.workingFPS);
     state.paramsJson = pictureJson(header.workingWidth, header.workingHeight, header.workingFPS);
@@ -70,17 +65,15 @@ void readJpg(const SegmentView& view, unsigned long long since, PoolState& state
 
 void readMp4(const SegmentView& view, unsigned long long since, PoolState& state) {
     MP4PoolHeader header;
-    if (!at(view, 0, header) || header.gopCount < 1 || header.framesPerGop < 1 ||
-        header.gopCount > MP4_MAX_FRAME_COUNT || header.framesPerGop > MP4_MAX_FRAME_COUNT ||
-        header.gopCount * header.framesPerGop > MP4_MAX_FRAME_COUNT)
-        return;
-    int n = header.gopCount * header.framesPerGop;
+    if (!at(view, 0, header)) return;
+    int n = mp4SlotCount(header);
+    if (n == 0) return;
     state.slots = n;
     state.lockSets = (n + GroupedLockView::GROUP_SIZE - 1) / GroupedLockView::GROUP_SIZE;
     for (int i = 0; i < n; ++i) {
         MP4FrameInfo info;
         if (!at(view, header.frameInfoOffset + sizeof info * i, info)) return;
-        countSlot(state, info.frameID.get(), captureUs(info.tv_sec, info.tv_usec), info.frameLength, since);
+        countSlot(state, info.frameID.get(), microseconds(info.tv_sec, info.tv_usec), info.frameLength, since);
     }
     state.params = pictureParams(header.width, header.height, header.workingFPS) + ", " +
                    std::to_string(header.gopCount) + " GOPs of " + std::to_string(header.framesPerGop);
@@ -89,61 +82,56 @@ void readMp4(const SegmentView& view, unsigned long long since, PoolState& state
                        ", \"framesPerGop\": " + std::to_string(header.framesPerGop);
 }
 
-// The audio pools share one layout: current, format, channels, rate and 200
-// safe times, then 200 slots from offset 816 whose size is the kind's;
-// fragmentID at 8, length at 16, capture time at 32 in each slot.
-constexpr int AUDIO_SLOTS = AUDIO_SLOT_COUNT;
-constexpr size_t AUDIO_SLOTS_OFFSET = AUDIO_HEADER_SIZE;
-
+// The audio pools share one header and one head in front of each slot; only
+// the slot's size is the kind's.
 template <size_t SlotSize>
 void readAudio(const SegmentView& view, unsigned long long since, PoolState& state) {
-    int32_t format[4];
-    if (!at(view, 0, format)) return;
-    state.slots = AUDIO_SLOTS;
+    avpool::AudioPoolHeader header;
+    if (!at(view, 0, header)) return;
+    state.slots = AUDIO_SLOT_COUNT;
     state.lockSets = 1;
-    for (int i = 0; i < AUDIO_SLOTS; ++i) {
-        size_t slot = AUDIO_SLOTS_OFFSET + SlotSize * i;
-        avpool::Word64 id;
-        int32_t length = 0;
-        int32_t time[2];
-        if (!at(view, slot + 8, id) || !at(view, slot + 16, length) || !at(view, slot + 32, time)) return;
-        countSlot(state, id.get(), captureUs(time[0], time[1]), length, since);
+    for (int i = 0; i < AUDIO_SLOT_COUNT; ++i) {
+        avpool::AudioFragmentHead head;
+        if (!at(view, AUDIO_HEADER_SIZE + SlotSize * i, head)) return;
+        countSlot(state, head.fragmentID.get(), microseconds(head.tv_sec, head.tv_usec), head.length, since);
     }
     char text[96];
-    snprintf(text, sizeof text, "format %d, %d ch, %d Hz", format[1], format[2], format[3]);
+    snprintf(text, sizeof text, "format %d, %d ch, %d Hz", header.workingFormat, header.workingChannels,
+             header.workingRate);
     state.params = text;
-    snprintf(text, sizeof text, "\"format\": %d, \"channels\": %d, \"rate\": %d", format[1], format[2], format[3]);
+    snprintf(text, sizeof text, "\"format\": %d, \"channels\": %d, \"rate\": %d", header.workingFormat,
+             header.workingChannels, header.workingRate);
     state.paramsJson = text;
 }
 
-// The analysis pools: current, fps, width, height in a 40-byte header, then
-// the slots with frameID at 0, frameLength (elements) at 12, capture time at 16.
-template <int Slots, size_t SlotSize, int BytesPerElement>
+// The analysis pools: the kind's header, then the slots, each starting with
+// an AnalysisHead; frameLength counts elements of BytesPerElement bytes.
+template <class Header, class FrameInfo, int Slots, int BytesPerElement>
 void readAnalysis(const SegmentView& view, unsigned long long since, PoolState& state) {
-    int32_t header[4];
+    Header header;
     if (!at(view, 0, header)) return;
     state.slots = Slots;
     state.lockSets = 1;
     for (int i = 0; i < Slots; ++i) {
-        size_t slot = 40 + SlotSize * i;
-        avpool::Word64 id;
-        int32_t fields[3];  // frameLength, tv_sec, tv_usec
-        if (!at(view, slot, id) || !at(view, slot + 12, fields)) return;
-        countSlot(state, id.get(), captureUs(fields[1], fields[2]),
-                  static_cast<long long>(fields[0]) * BytesPerElement, since);
+        AnalysisHead head;
+        if (!at(view, sizeof header + sizeof(FrameInfo) * i, head)) return;
+        countSlot(state, head.frameID.get(), microseconds(head.tv_sec, head.tv_usec),
+                  static_cast<long long>(head.frameLength) * BytesPerElement, since);
     }
-    state.params = pictureParams(header[2], header[3], header[1]);
-    state.paramsJson = pictureJson(header[2], header[3], header[1]);
+    state.params = pictureParams(header.workingWidth, header.workingHeight, header.workingFPS);
+    state.paramsJson = pictureJson(header.workingWidth, header.workingHeight, header.workingFPS);
 }
 
 void readInfos(const SegmentView& view, unsigned long long, PoolState& state) {
-    int32_t head[3];
-    if (!at(view, 0, head)) return;
+    int32_t profiles, maxConnections, connections;
+    if (!at(view, offsetof(InfoArea, sizeofPools), profiles) || !at(view, offsetof(InfoArea, maxConn), maxConnections) ||
+        !at(view, offsetof(InfoArea, currentTotalConnections), connections))
+        return;
     char text[96];
-    snprintf(text, sizeof text, "%d profiles, connections %d of %d", head[0], head[2], head[1]);
+    snprintf(text, sizeof text, "%d profiles, connections %d of %d", profiles, connections, maxConnections);
     state.params = text;
-    snprintf(text, sizeof text, "\"profiles\": %d, \"connections\": %d, \"maxConnections\": %d", head[0], head[2],
-             head[1]);
+    snprintf(text, sizeof text, "\"profiles\": %d, \"connections\": %d, \"maxConnections\": %d", profiles,
+             connections, maxConnections);
     state.paramsJson = text;
 }
 
@@ -154,8 +142,8 @@ const std::vector<PoolKindInfo> kinds = {
     {"aac", AAC_BASE_KEY, true, LockKeys::Grouped, readAudio<sizeof(AACFragmentInfo)>},
     {"amr", AMR_BASE_KEY, true, LockKeys::Grouped, readAudio<sizeof(AMRFragmentInfo)>},
     {"opus", OPUS_KEY, false, LockKeys::Grouped, readAudio<sizeof(OPUSFragmentInfo)>},
-    {"lum", LUM_BASE_KEY, true, LockKeys::Single, readAnalysis<LUM_FRAME_COUNT, sizeof(LUMFrameInfo), 2>},
-    {"md", MD_BASE_KEY, true, LockKeys::Single, readAnalysis<MD_FRAME_COUNT, sizeof(MDFrameInfo), 8>},
+    {"lum", LUM_BASE_KEY, true, LockKeys::Single, readAnalysis<LUMPoolHeader, LUMFrameInfo, LUM_FRAME_COUNT, 2>},
+    {"md", MD_BASE_KEY, true, LockKeys::Single, readAnalysis<MDPoolHeader, MDFrameInfo, MD_FRAME_COUNT, 8>},
     {"infos", INFOS_KEY, false, LockKeys::None, readInfos},
 };
 
@@ -173,10 +161,11 @@ void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* 
     if (!findSegment(key, creator)) return;
     try {
         SegmentView view(key, 0, std::string(kind.name) + " pool");
-        FoundPool pool{&kind, channel, key, view.id(), view.size(), view.attached(), view.creator(),
-                       processAlive(view.creator()), {}};
         const FoundPool* before = earlierByKey(earlier, key);
-        kind.read(view, before != nullptr && before->id == view.id() ? before->state.newest : 0, pool.state);
+        bool seen = before != nullptr && before->id == view.id();
+        FoundPool pool{&kind,        channel, key, view.id(), view.size(), view.attached(), view.creator(),
+                       processAlive(view.creator()), seen, seen ? before->state.newest : 0, {}};
+        kind.read(view, pool.since, pool.state);
         found.push_back(pool);
     } catch (const CliError&) {
         // Removed between the lookup and the attach: it is gone, so not listed.
@@ -184,14 +173,6 @@ void probe(const PoolKindInfo& kind, int channel, const std::vector<FoundPool>* 
 }
 
 }  // namespace
-
-const std::vector<PoolKindInfo>& poolKinds() {
-    return kinds;
-}
-
-bool processAlive(pid_t pid) {
-    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
-}
 
 std::vector<FoundPool> findPools(const std::vector<FoundPool>* earlier) {
     std::vector<FoundPool> found;
@@ -217,6 +198,13 @@ const PoolKindInfo* findPoolKind(const std::string& name) {
     return nullptr;
 }
 
+int mp4SlotCount(const MP4PoolHeader& header) {
+    if (header.gopCount < 1 || header.framesPerGop < 1 || header.gopCount > MP4_MAX_FRAME_COUNT ||
+        header.framesPerGop > MP4_MAX_FRAME_COUNT || header.gopCount * header.framesPerGop > MP4_MAX_FRAME_COUNT)
+        return 0;
+    return header.gopCount * header.framesPerGop;
+}
+
 int segmentKey(const PoolKindInfo& kind, int channel) {
     return kind.baseKey + (kind.perChannel ? channel : 0);
 }
@@ -225,6 +213,12 @@ int segmentKey(const PoolKindInfo& kind, int channel) {
 int firstLockKey(const PoolKindInfo& kind, int channel) {
     if (kind.locks == LockKeys::Grouped) return kind.baseKey + (kind.perChannel ? channel * 16 : 0);
     return segmentKey(kind, channel);
+}
+
+int parseChannel(const PoolKindInfo& kind, const std::string& text, const char* verb, FixedKeyRefusal refusal) {
+    int channel = parseInt(text, (std::string(verb) + ": channel").c_str(), 0, MAX_CHANNEL);
+    if (!kind.perChannel && channel != 0) throw UsageError(refusal(verb, kind, text, channel));
+    return channel;
 }
 
 std::string poolName(const FoundPool& pool) {

@@ -6,6 +6,12 @@
 
 #include "shm_view.h"
 
+#include <avpool/lum.h>
+#include <avpool/md.h>
+#include <avpool/mp4.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -41,7 +47,16 @@ struct PoolKindInfo {
     void (*read)(const SegmentView& view, unsigned long long since, PoolState& state);
 };
 
-const std::vector<PoolKindInfo>& poolKinds();
+// The start of every luminance and motion slot.
+struct AnalysisHead {
+    avpool::Word64 frameID;
+    int32_t lockIndex;
+    int32_t frameLength;  // elements
+    int32_t tv_sec;
+    int32_t tv_usec;
+};
+static_assert(sizeof(AnalysisHead) == offsetof(LUMFrameInfo, samples), "analysis slot head");
+static_assert(sizeof(AnalysisHead) == offsetof(MDFrameInfo, firstArray), "analysis slot head");
 
 struct FoundPool {
     const PoolKindInfo* kind;
@@ -52,6 +67,10 @@ struct FoundPool {
     unsigned long attached;
     pid_t creator;
     bool creatorAlive;
+    // Whether the earlier call found this very segment (same key and id), and
+    // then its newest running number there; 0 otherwise.
+    bool seenBefore;
+    unsigned long long since;
     PoolState state;
 };
 
@@ -69,6 +88,10 @@ std::string poolName(const FoundPool& pool);
 // The row of the kind called name, or null.
 const PoolKindInfo* findPoolKind(const std::string& name);
 
+// The frame slots an mp4 pool's header gives it, 0 when its GOP count or size
+// is out of range (a damaged header, or one not yet written).
+int mp4SlotCount(const MP4PoolHeader& header);
+
 // The segment key of a kind's pool on a channel (fixed-key kinds ignore it).
 int segmentKey(const PoolKindInfo& kind, int channel);
 
@@ -76,6 +99,14 @@ int segmentKey(const PoolKindInfo& kind, int channel);
 // sets of a grouped pool follow it.
 int firstLockKey(const PoolKindInfo& kind, int channel);
 
-bool processAlive(pid_t pid);
+// The words of the usage error for a channel other than 0 given to a verb on
+// a kind with one pool under a fixed key.
+using FixedKeyRefusal = std::string (*)(const char* verb, const PoolKindInfo& kind, const std::string& text,
+                                        int channel);
+
+// The channel argument of a verb on a kind: a usage error when it is not a
+// channel number, or when it is not 0 for a kind with one pool under a fixed
+// key (worded by refusal).
+int parseChannel(const PoolKindInfo& kind, const std::string& text, const char* verb, FixedKeyRefusal refusal);
 
 }  // namespace avpool::cli

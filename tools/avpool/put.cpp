@@ -60,20 +60,19 @@ struct Period {
 
 // A live producer must not lose its pool: creating one under its key would
 // remove the segment it writes.
-void refuseLivePool(int key, const char* kind, int channel) {
-    pid_t creator = 0;
-    if (findSegment(key, creator) && processAlive(creator))
-        throw CliError(std::string("put: the ") + kind + " pool on channel " + std::to_string(channel) +
-                       " is in use by process " + std::to_string(creator));
+void refuseLivePool(const PutJob& job) {
+    pid_t creator = runningCreator(segmentKey(*job.pool, job.channel));
+    if (creator != 0)
+        throw CliError("put: the " + poolName(job.pool->name, job.channel) + " is in use by process " +
+                       std::to_string(creator));
 }
 
 // Creates the kind's pool through init, silencing the pool's set-up
 // diagnostics; a failure becomes one line naming the pool.
 template <class PutterError, class Init>
-void createPool(const char* kind, int key, int channel, Init init) {
-    refuseLivePool(key, kind, channel);
-    quietly<PutterError>(std::string("put: cannot create the ") + kind + " pool on channel " + std::to_string(channel),
-                         init);
+void createPool(const PutJob& job, Init init) {
+    refuseLivePool(job);
+    quietly<PutterError>("put: cannot create the " + poolName(job.pool->name, job.channel), init);
 }
 
 // The file split by the kind's splitter; a format error names the file.
@@ -137,8 +136,7 @@ int putJpg(const PutJob& job) {
     int dataSize = args.intOption("--data-size", slots * (SLOT_RECORDS + maxFrame + RECORD_OVERHEAD), 1, MAX_BYTES);
 
     JPGPutter putter;
-    createPool<JPGPutterError>("jpg", JPG_BASE_KEY + job.channel, job.channel,
-                               [&] { putter.init(job.channel, slots, maxFrame, dataSize); });
+    createPool<JPGPutterError>(job, [&] { putter.init(job.channel, slots, maxFrame, dataSize); });
     putter.reset(pictures[0].width, pictures[0].height, fps, 0);
     size_t next = 0;
     pace(job, elements, {NS_PER_S, fps}, [&](const Element& element, const timeval& now) {
@@ -190,21 +188,23 @@ int putMp4(const PutJob& job) {
     // A GOP begins at an IDR picture; pictures before the first have nothing
     // to refer to and are left out.
     std::vector<Element> elements;
+    int gopFrames = 0;
     int longestGop = 0;
     size_t gopBytes = 0;
     size_t mostGopBytes = 0;
     for (const media::AccessUnit& unit : stream.units) {
         if (elements.empty() && !unit.idr) continue;
-        if (unit.idr) gopBytes = 0;
+        if (unit.idr) {
+            gopFrames = 0;
+            gopBytes = 0;
+        }
+        ++gopFrames;
         gopBytes += unit.length + RECORD_OVERHEAD;
+        longestGop = std::max(longestGop, gopFrames);
         mostGopBytes = std::max(mostGopBytes, gopBytes);
         elements.push_back({unit.offset, unit.length, unit.idr});
     }
     if (elements.empty()) throw CliError("put: " + job.path + " has no IDR picture to start a GOP with");
-    for (size_t i = 0, run = 0; i < elements.size(); ++i) {
-        run = elements[i].key ? 1 : run + 1;
-        longestGop = std::max(longestGop, static_cast<int>(run));
-    }
     const ParsedArgs& args = *job.args;
     int fps = args.intOption("--fps", stream.picture.fps > 0 ? stream.picture.fps : DEFAULT_FPS, 1, MAX_FPS);
     int framesPerGop = args.intOption("--gop-frames", longestGop, 1, MP4_MAX_FRAME_COUNT / MP4_MIN_GOPS);
@@ -218,7 +218,7 @@ int putMp4(const PutJob& job) {
     int dataSize = args.intOption("--data-size", static_cast<int>(std::min<long long>(ring, MAX_BYTES)), 1, MAX_BYTES);
 
     MP4Putter putter;
-    createPool<MP4PutterError>("mp4", MP4_BASE_KEY + job.channel, job.channel, [&] {
+    createPool<MP4PutterError>(job, [&] {
         putter.init(job.channel, gops, framesPerGop, maxFrame, dataSize + gops * framesPerGop * SLOT_RECORDS);
     });
     putter.reset(stream.picture.width, stream.picture.height, fps);
@@ -244,7 +244,7 @@ int putPcm(const PutJob& job) {
         elements.push_back({audio.dataOffset + at, std::min<size_t>(PCM_FRAGMENT_SIZE, audio.dataLength - at), false});
 
     PCMPutter putter;
-    createPool<PCMPutterError>("pcm", PCM_KEY, 0, [&] { putter.init(); });
+    createPool<PCMPutterError>(job, [&] { putter.init(); });
     // The format code is the number of bits per sample.
     putter.reset(audio.bits, audio.channels, audio.rate);
     unsigned char last[PCM_FRAGMENT_SIZE];
@@ -274,7 +274,7 @@ int putAac(const PutJob& job) {
     }
 
     AACPutter putter;
-    createPool<AACPutterError>("aac", AAC_BASE_KEY + job.channel, job.channel, [&] { putter.init(job.channel); });
+    createPool<AACPutterError>(job, [&] { putter.init(job.channel); });
     putter.reset(16, stream.channels, stream.rate, stream.objectType);
     pace(job, elements, {AAC_FRAME_SAMPLES * NS_PER_S, stream.rate}, [&](const Element& element, const timeval& now) {
         putter.putFragment(elementData(job, element), static_cast<int>(element.length), now);
@@ -287,9 +287,9 @@ namespace {
 int runPut(const ParsedArgs& args) {
     args.expectPositional(3, "a pool kind, a channel and a file");
     const MediaKind& kind = findMediaKind(args.positional()[0], "put");
-    PutJob job{mediaChannel(kind, args.positional()[1], "put"), args.positional()[2], {}, &args,
+    PutJob job{&kind.pool(), mediaChannel(kind, args.positional()[1], "put"), args.positional()[2], {}, &args,
                args.has("--loop"), args.intOption("--linger", 1000, 0, 3600 * 1000)};
-    job.bytes = readWholeFile(job.path);
+    job.bytes = readWholeFile(job.path, "put");
     return kind.put(job);
 }
 

@@ -34,10 +34,13 @@ bool findSegment(int key, pid_t& creator) {
     return true;
 }
 
+bool processAlive(pid_t pid) {
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
 pid_t runningCreator(int key) {
     pid_t creator = 0;
-    if (!findSegment(key, creator) || creator <= 0) return 0;
-    return kill(creator, 0) == 0 || errno == EPERM ? creator : 0;
+    return findSegment(key, creator) && processAlive(creator) ? creator : 0;
 }
 
 SegmentView::SegmentView(int key, size_t headerSize, const std::string& what) : key_(key) {

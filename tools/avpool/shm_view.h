@@ -100,6 +100,9 @@ std::string keyText(int key);
 // created it.
 bool findSegment(int key, pid_t& creator);
 
+// Whether the process pid still runs (one of another user's counts as running).
+bool processAlive(pid_t pid);
+
 // The pid that created the segment under key if that process still runs,
 // else 0 (no segment, or one left by a process that died).
 pid_t runningCreator(int key);

@@ -2,6 +2,8 @@
 // through the information area, written to a file.
 
 #include "infos_view.h"
+#include "media_io.h"
+#include "pool_kinds.h"
 #include "verbs.h"
 
 #include <avpool/infos.h>
@@ -30,18 +32,6 @@ void onTimeout(int) {
     _exit(EXIT_FAILED);
 }
 
-void writeFile(const std::string& path, const unsigned char* bytes, size_t size) {
-    FILE* file = fopen(path.c_str(), "wb");
-    if (file == nullptr) throw CliError("snapshot: cannot write " + path + ": " + strerror(errno));
-    bool written = fwrite(bytes, 1, size, file) == size;
-    int error = errno;
-    if (fclose(file) != 0 && written) {
-        written = false;
-        error = errno;
-    }
-    if (!written) throw CliError("snapshot: cannot write " + path + ": " + strerror(error));
-}
-
 int runSnapshot(const ParsedArgs& args) {
     args.expectPositional(2, "a profile and a file");
     int profile = parseInt(args.positional()[0], "snapshot: profile", 0, MAX_MEDIA_POOL - 1);
@@ -63,7 +53,7 @@ int runSnapshot(const ParsedArgs& args) {
     // A buffer for the largest picture the profile's pool takes.
     int maxFrameSize;
     {
-        SegmentView pool(JPG_BASE_KEY + channel, JPG_HEADER_SIZE, poolName("jpg", channel));
+        SegmentView pool(segmentKey(*findPoolKind("jpg"), channel), JPG_HEADER_SIZE, poolName("jpg", channel));
         maxFrameSize = readHeader<JPGPoolHeader>(pool, "jpg", channel).maxFrameSize;
     }
     if (maxFrameSize <= 0)
@@ -82,7 +72,12 @@ int runSnapshot(const ParsedArgs& args) {
     if (length <= 0)
         throw CliError("snapshot: profile " + std::to_string(profile) + " gave no picture (" + poolName("jpg", channel) +
                        ")");
-    writeFile(path, buffer.data(), static_cast<size_t>(length));
+    {
+        Output out(path, "snapshot");
+        // False only for a fifo whose reader went away: for snapshot, a failure too.
+        if (!out.write(buffer.data(), static_cast<size_t>(length)))
+            throw CliError("snapshot: cannot write " + path + ": " + strerror(EPIPE));
+    }
     printf("%d bytes of profile %d (%s) written to %s\n", length, profile, poolName("jpg", channel).c_str(),
            path.c_str());
     return 0;

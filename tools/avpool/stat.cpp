@@ -50,27 +50,23 @@ std::string titleOf(const StatRequest& request) {
 
 void printSegment(const StatRequest& request, const SegmentView& view) {
     printf("%s\n", titleOf(request).c_str());
-    printf("key:              %s\n", keyText(view.key()).c_str());
-    printf("segment id:       %d\n", view.id());
-    printf("size:             %zu\n", view.size());
-    printf("creator pid:      %d\n", static_cast<int>(view.creator()));
-    printf("attached:         %lu\n", view.attached());
+    printTextField("key", keyText(view.key()));
+    printFields({{"segment id", view.id()}});
+    printTextField("size", std::to_string(view.size()));
+    printFields({{"creator pid", static_cast<int>(view.creator())}});
+    printTextField("attached", std::to_string(view.attached()));
 }
 
-void printLocks(const char* label, const LockView& locks, int count) {
-    if (locks.id() == -1)
-        printf("%-18snone readable (%s)\n", label, strerror(locks.error()));
-    else
-        printf("%-18ssemaphore set %d, %d semaphores\n", label, locks.id(), count);
+// "semaphore set 5, 30 semaphores", or why there is none to read.
+std::string lockSetText(const LockView& locks, int count) {
+    if (locks.id() == -1) return std::string("none readable (") + strerror(locks.error()) + ")";
+    return "semaphore set " + std::to_string(locks.id()) + ", " + std::to_string(count) + " semaphores";
 }
 
 void printLockGroups(const GroupedLockView& locks) {
-    for (int g = 0; g < locks.groups(); ++g) {
-        char label[48];
-        snprintf(label, sizeof label, "lock group %d:", g);
-        printf("%-18skey %s\n", label, keyText(locks.key(g)).c_str());
-        printLocks("", locks.group(g), locks.count(g));
-    }
+    for (int g = 0; g < locks.groups(); ++g)
+        printTextField(("lock group " + std::to_string(g)).c_str(),
+                       "key " + keyText(locks.key(g)) + "\n" + lockSetText(locks.group(g), locks.count(g)));
 }
 
 std::string lockText(int value) {
@@ -102,8 +98,7 @@ void checkGeometry(const Geometry& geometry, const SegmentView& view, int channe
     else if (geometry.dataOffset < 0 || static_cast<size_t>(geometry.dataOffset) > size)
         problem = "data ring outside the segment";
     if (problem != nullptr)
-        throw CliError(std::string(geometry.kind) + " pool on channel " + std::to_string(channel) +
-                       " has a damaged header: " + problem);
+        throw CliError(poolName(geometry.kind, channel) + " has a damaged header: " + problem);
 }
 
 enum class Bytes { Unwritten, Outside, Intact, Overwritten };
@@ -133,7 +128,7 @@ const char* bytesText(Bytes state) {
 }
 
 void printPicture(int width, int height) {
-    printf("picture:          %d x %d\n", width, height);
+    printTextField("picture", std::to_string(width) + " x " + std::to_string(height));
 }
 
 void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, int dataOffset, size_t size) {
@@ -141,19 +136,18 @@ void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, 
                  {"safeTimeOffset", safeTimeOffset},
                  {"frameInfoOffset", frameInfoOffset},
                  {"dataOffset", dataOffset}});
-    printf("RawDataLen:       %zu\n", size - static_cast<size_t>(dataOffset));
+    printTextField("RawDataLen", std::to_string(size - static_cast<size_t>(dataOffset)));
 }
 
 int statJpg(const StatRequest& request) {
     int channel = request.channel;
-    int key = JPG_BASE_KEY + channel;
-    SegmentView view(key, JPG_HEADER_SIZE, poolName("jpg", channel));
+    SegmentView view(segmentKey(*request.pool, channel), JPG_HEADER_SIZE, poolText(request));
     JPGPoolHeader header = readHeader<JPGPoolHeader>(view, "jpg", channel);
     checkGeometry({"jpg", header.frameCount, JPG_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(JPGFrameInfo), header.dataOffset},
                   view, channel);
     int n = header.frameCount;
-    LockView locks(key, n);
+    LockView locks(firstLockKey(*request.pool, channel), n);
 
     printSegment(request, view);
     printFields({{"frameCount", header.frameCount},
@@ -164,7 +158,7 @@ int statJpg(const StatRequest& request) {
     printPicture(header.workingWidth, header.workingHeight);
     printTableOffsets(header.framePrefixSize, header.safeTimeOffset, header.frameInfoOffset, header.dataOffset,
                       view.size());
-    printLocks("locks: ", locks, n);
+    printTextField("locks", lockSetText(locks, n));
     printf("\n  slot %20s %17s %8s %12s %8s %4s  %s\n", "frameID", "captured", "length", "dataPosition",
            "safe ms", "lock", "bytes");
     for (int i = 0; i < n; ++i) {
@@ -200,17 +194,14 @@ void printMp4Cell(const SegmentView& view, const MP4PoolHeader& header, const Gr
 
 int statMp4(const StatRequest& request) {
     int channel = request.channel;
-    int key = MP4_BASE_KEY + channel;
-    SegmentView view(key, MP4_HEADER_SIZE, poolName("mp4", channel));
+    SegmentView view(segmentKey(*request.pool, channel), MP4_HEADER_SIZE, poolText(request));
     MP4PoolHeader header = readHeader<MP4PoolHeader>(view, "mp4", channel);
     int frames = header.framesPerGop;
-    bool sane = header.gopCount > 0 && frames > 0 && header.gopCount <= MP4_MAX_FRAME_COUNT &&
-                frames <= MP4_MAX_FRAME_COUNT;
-    int n = sane ? header.gopCount * frames : 0;
+    int n = mp4SlotCount(header);
     checkGeometry({"mp4", n, MP4_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(MP4FrameInfo), header.dataOffset},
                   view, channel);
-    GroupedLockView locks(MP4_BASE_KEY + channel * 16, n);
+    GroupedLockView locks(firstLockKey(*request.pool, channel), n);
 
     printSegment(request, view);
     printFields({{"gopCount", header.gopCount},
@@ -374,25 +365,13 @@ const AnalysisKind analysisKinds[] = {
      true},
 };
 
-// Offsets 0..23 of a luminance or motion slot.
-struct AnalysisHead {
-    avpool::Word64 frameID;
-    int32_t lockIndex;
-    int32_t frameLength;
-    int32_t tv_sec;
-    int32_t tv_usec;
-};
-static_assert(sizeof(AnalysisHead) == offsetof(LUMFrameInfo, samples), "analysis slot head");
-static_assert(sizeof(AnalysisHead) == offsetof(MDFrameInfo, firstArray), "analysis slot head");
-
 // Both headers start with current, fps, width and height.
 int statAnalysis(const StatRequest& request) {
     const AnalysisKind& kind = findNamed(analysisKinds, request.pool->name, "stat: unknown analysis kind");
-    int key = segmentKey(*request.pool, request.channel);
-    SegmentView view(key, kind.headerSize, poolText(request));
+    SegmentView view(segmentKey(*request.pool, request.channel), kind.headerSize, poolText(request));
     LUMPoolHeader header = readHeader<LUMPoolHeader>(view, kind.name, request.channel);
     requireSize(view, kind.segmentSize, request);
-    LockView locks(key, kind.slots);
+    LockView locks(firstLockKey(*request.pool, request.channel), kind.slots);
 
     printSegment(request, view);
     printFields({{"current", header.current}, {"workingFPS", header.workingFPS}});
@@ -404,7 +383,7 @@ int statAnalysis(const StatRequest& request) {
     }
     std::vector<int32_t> safe = safeTimes(view, kind.safeTimeOffset, kind.slots);
     printTextField("safeTime ms", safeTimeText(safe, header.current));
-    printLocks("locks: ", locks, kind.slots);
+    printTextField("locks", lockSetText(locks, kind.slots));
     printf("\n  slot %20s %17s %11s %7s %4s\n", "frameID", "captured", "frameLength", "safe ms", "lock");
     for (int i = 0; i < kind.slots; ++i) {
         AnalysisHead head;
@@ -433,14 +412,14 @@ int runStat(const ParsedArgs& args) {
     const std::vector<std::string>& words = args.positional();
     if (words.empty() || words.size() > 2) args.expectPositional(2, "a pool kind and a channel");
     const StatKind& kind = findNamed(kinds, words[0], "stat: unknown pool kind");
-    const PoolKindInfo* pool = findPoolKind(kind.name);
-    if (pool == nullptr) throw CliError(std::string("stat: no keys known for ") + kind.name);
+    const PoolKindInfo* pool = findPoolKind(kind.name);  // every kind stat knows has a row there
     int channel = 0;
     if (words.size() == 2) {
-        channel = parseInt(words[1], "stat: channel", 0, MAX_CHANNEL);
-        if (!pool->perChannel && channel != 0)
-            throw UsageError(std::string("stat: ") + kind.name + " has one pool under a fixed key and no channel " +
-                             std::to_string(channel));
+        channel = parseChannel(*pool, words[1], "stat", [](const char* verb, const PoolKindInfo& fixed,
+                                                              const std::string&, int given) {
+            return std::string(verb) + ": " + fixed.name + " has one pool under a fixed key and no channel " +
+                   std::to_string(given);
+        });
     } else if (pool->perChannel) {
         args.expectPositional(2, "a pool kind and a channel");
     }

@@ -79,8 +79,9 @@ int runLs(const ParsedArgs& args) {
     return 0;
 }
 
-// One refresh of watch: rates over the time since the one before.
-void printWatch(const std::vector<FoundPool>& pools, const std::vector<FoundPool>& before, double seconds) {
+// One refresh of watch: rates over the time since the one before (pools
+// found then too); seconds is 0 on the first.
+void printWatch(const std::vector<FoundPool>& pools, double seconds) {
     long long now = wallClockUs();
     time_t clock = static_cast<time_t>(now / 1000000);
     char stamp[16];
@@ -89,9 +90,7 @@ void printWatch(const std::vector<FoundPool>& pools, const std::vector<FoundPool
     printf("%-5s %3s %-7s %8s %9s %8s %9s %3s %s\n", "KIND", "CH", "KEY", "RATE/s", "KBIT/s", "NEWEST", "AGE", "ATT",
            "STATE");
     for (const FoundPool& pool : pools) {
-        unsigned long long earlier = pool.state.newest;
-        for (const FoundPool& old : before)
-            if (old.key == pool.key && old.id == pool.id) earlier = old.state.newest;
+        unsigned long long earlier = pool.seenBefore ? pool.since : pool.state.newest;
         double rate = seconds > 0 ? static_cast<double>(pool.state.newest - earlier) / seconds : 0;
         double kbits = seconds > 0 && earlier != pool.state.newest
                            ? static_cast<double>(pool.state.bytesSince) * 8 / 1000 / seconds
@@ -121,7 +120,7 @@ int runWatch(const ParsedArgs& args) {
         std::vector<FoundPool> pools = findPools(&before);
         if (terminal) printf("\033[H\033[J");
         else if (shown > 0) printf("\n");
-        printWatch(pools, shown == 0 ? pools : before, shown == 0 ? 0 : static_cast<double>(now - last) / NS_PER_S);
+        printWatch(pools, shown == 0 ? 0 : static_cast<double>(now - last) / NS_PER_S);
         fflush(stdout);
         before = pools;
         last = now;

@@ -219,6 +219,7 @@ H264Stream splitH264(const unsigned char* data, size_t size) {
     bool haveSps = false;
     bool open = false;      // an access unit has begun
     bool hasSlice = false;  // ... and holds a slice already
+    bool anySlice = false;  // the stream holds a slice
     for (const NalUnit& nal : nals) {
         const unsigned char* bytes = data + nal.payload;
         size_t length = nal.end - nal.payload;
@@ -237,7 +238,7 @@ H264Stream splitH264(const unsigned char* data, size_t size) {
             open = true;
             hasSlice = false;
         }
-        if (isVcl(nal.type)) hasSlice = true;
+        if (isVcl(nal.type)) hasSlice = anySlice = true;
         if (nal.type == NAL_IDR) stream.units.back().idr = true;
         if (nal.type == NAL_SPS && !haveSps) {
             stream.picture = parseSps(bytes, length);
@@ -249,8 +250,6 @@ H264Stream splitH264(const unsigned char* data, size_t size) {
     if (open) stream.units.back().length = size - stream.units.back().offset;
     if (!haveSps) throw FormatError("H.264 stream has no sequence parameter set");
     if (stream.pps.empty()) throw FormatError("H.264 stream has no picture parameter set");
-    bool anySlice = false;
-    for (const NalUnit& nal : nals) anySlice = anySlice || isVcl(nal.type);
     if (!anySlice) throw FormatError("H.264 stream has no picture");
     return stream;
 }

@@ -213,12 +213,13 @@ check_final_table() {
     return 0
 }
 
-# media DIR: generates the test media, or skips the case (exit 77) without ffmpeg.
+# media DIR [audio]: generates the test media (only the audio files with
+# "audio"), or skips the case (exit 77) without ffmpeg.
 media() {
-    sh "$MEDIA_SCRIPT" "$1" >"$work/media.log" 2>&1
+    sh "$MEDIA_SCRIPT" "$@" >"$work/media.log" 2>&1
     status=$?
     [ "$status" = 77 ] && { echo "SKIP [$case_name]: $(cat "$work/media.log")"; exit 77; }
-    [ "$status" = 0 ] || fail "make-media.sh failed"
+    [ "$status" = 0 ] || fail "make-media.sh${2:+ $2} failed"
 }
 
 # probe FILE FORMAT: "frames,width,height" as ffprobe decodes them.
@@ -229,24 +230,16 @@ probe() {
 }
 
 # until_ls PREFIX SECONDS PATTERN: runs avpool ls until a line matches PATTERN.
+ls_matches() { grep -qE -- "$ls_pattern" "$1"; }
 until_ls() {
-    waited=0
-    while :; do
-        run "$1" 10 ls
-        grep -qE -- "$3" "$work/$1.out" && break
-        [ "$waited" -ge $(($2 * 10)) ] && fail "avpool ls never showed '$3'"
-        sleep 0.1
-        waited=$((waited + 1))
-    done
+    ls_pattern=$3
+    until_shown "$1" "$2" ls_matches "'$3'" ls
 }
 
 # roundtrip KIND FILE FORMAT FRAMES: puts FILE into channel 3, reads it back
 # from the start and expects the same bytes and what ffprobe decodes.
 roundtrip() {
-    $EMULATOR "$AVPOOL" put "$1" 3 "$2" --linger 3000 >"$work/put.out" 2>"$work/put.err" &
-    producer=$!
-    background="$background $producer"
-    until_ls ls 10 "^$1 +3 "
+    start_put "^$1 +3 " "$1" 3 "$2" --linger 3000
     run get 30 get "$1" 3 --since 60 --count "$4" -o "$work/out.$3"
     expect_rc get 0 "get $1 3"
     [ -s "$work/get.err" ] && fail "get $1 wrote to stderr"
@@ -259,14 +252,6 @@ roundtrip() {
     expect_rc gone 1 "stat $1 3 after put ended"
 }
 
-
-# media_audio DIR: generates the audio test files, or skips the case.
-media_audio() {
-    sh "$MEDIA_SCRIPT" "$1" audio >"$work/media.log" 2>&1
-    status=$?
-    [ "$status" = 77 ] && { echo "SKIP [$case_name]: $(cat "$work/media.log")"; exit 77; }
-    [ "$status" = 0 ] || fail "make-media.sh audio failed"
-}
 
 # audio_probe FILE: "codec,rate,channels,frames" of the first audio stream as
 # ffprobe decodes it.
@@ -1164,7 +1149,7 @@ media-errors)
 media-pcm)
     # A WAV file of whole fragments comes back with the same samples; ls shows
     # the producer's pool with its format and newest fragment.
-    media_audio "$work/m"
+    media "$work/m" audio
     start_put "^pcm +- +0x4a00 " pcm 0 "$work/m/tone.wav" --linger 4000
     run get 30 get pcm 0 --since 60 --count 16 -o "$work/out.wav"
     expect_rc get 0 "get pcm 0 --count 16"
@@ -1233,7 +1218,7 @@ media-pcm)
 
 media-aac)
     # An ADTS stream comes back frame for frame; ffprobe decodes the same.
-    media_audio "$work/m"
+    media "$work/m" audio
     start_put "^aac +3 +0x4f03 +112816 .* live +[0-9]+ +[0-9.]+ s +format 16, 2 ch, 44100 Hz$" \
         aac 3 "$work/m/tone.aac" --linger 3000
     run five 30 get aac 3 --since 60 --count 5 -o "$work/five.aac"
@@ -1256,7 +1241,7 @@ media-aac)
     ;;
 
 media-audio-errors)
-    media_audio "$work/m"
+    media "$work/m" audio
     run e 10 put aac 0 "$work/m/tone.wav"
     expect_rc e 1 "put aac of a WAV file"
     expect_error_line e "avpool: put: $work/m/tone.wav: not an ADTS stream: it does not begin with a sync word"
