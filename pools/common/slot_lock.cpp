@@ -33,6 +33,19 @@ void waitForOpen(int semId, int index, OnSignal onSignal, Raise raise) {
     }
 }
 
+namespace {
+void requireSlot(int lockIndex, int slots, Raise raise) {
+    if (lockIndex >= 0 && lockIndex < slots) return;
+    errno = EFBIG;
+    systemFailure("semop failed", raise);
+}
+}  // namespace
+
+void waitForSlotLock(int semId, int lockIndex, int slots, OnSignal onSignal, Raise raise) {
+    requireSlot(lockIndex, slots, raise);
+    waitForOpen(semId, lockIndex, onSignal, raise);
+}
+
 void semPosition(int slot, int& group, int& index, Raise raise) {
     group = slot / SEM_GROUP_SIZE;
     index = slot % SEM_GROUP_SIZE;
@@ -55,6 +68,11 @@ void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Ra
     int group, index;
     semPosition(slot, group, index, raise);
     waitForOpen(groupSet(groups, group), index, onSignal, raise);
+}
+
+void waitForSlotLock(const SemGroups& groups, int lockIndex, int slots, OnSignal onSignal, Raise raise) {
+    requireSlot(lockIndex, slots, raise);
+    waitForOpenGrouped(groups, lockIndex, onSignal, raise);
 }
 
 int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]) {
