@@ -64,15 +64,11 @@ int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise) {
     return setLock(groupSet(groups, group), index, value, raise);
 }
 
-void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise) {
-    int group, index;
-    semPosition(slot, group, index, raise);
-    waitForOpen(groupSet(groups, group), index, onSignal, raise);
-}
-
 void waitForSlotLock(const SemGroups& groups, int lockIndex, int slots, OnSignal onSignal, Raise raise) {
     requireSlot(lockIndex, slots, raise);
-    waitForOpenGrouped(groups, lockIndex, onSignal, raise);
+    int group, index;
+    semPosition(lockIndex, group, index, raise);
+    waitForOpen(groupSet(groups, group), index, onSignal, raise);
 }
 
 int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]) {

@@ -37,7 +37,6 @@ void semPosition(int slot, int& group, int& index, Raise raise);
 
 // The same lock operations for a slot of a grouped pool.
 int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise);
-void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise);
 void waitForSlotLock(const SemGroups& groups, int lockIndex, int slots, OnSignal onSignal, Raise raise);
 
 // The group sizes for slotCount locks, filled in order, at most four groups.

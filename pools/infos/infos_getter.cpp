@@ -28,6 +28,13 @@ void writeNames(UserSlat& slat, const char* userName, const char* userInfo) {
     if (userInfo != nullptr) strncpy(slat.userInfo, userInfo, sizeof slat.userInfo - 1);
 }
 
+// A blob's size as the encoder wrote it, but never more than its 256-byte field
+// (nor below 0): a caller reads that many bytes from the blob's address.
+int blobSize(int32_t size) {
+    constexpr int32_t field = sizeof(SDPBlock::sps);
+    return size < 0 ? 0 : size > field ? field : size;
+}
+
 void takeBack(InfoArea* area, int weight) {
     area->currentTotalConnections = wrappingSub(area->currentTotalConnections, weight);
     if (area->currentTotalConnections < 0) area->currentTotalConnections = 0;
@@ -250,7 +257,7 @@ unsigned char* InfosGetter::getSPS(int profileID) {
 }
 
 int InfosGetter::getSPSSize(int profileID) {
-    return anyProfile(profileID, "InfosPutter::getH264SPSSize programming error").sdp.spsSize;
+    return blobSize(anyProfile(profileID, "InfosPutter::getH264SPSSize programming error").sdp.spsSize);
 }
 
 unsigned char* InfosGetter::getPPS(int profileID) {
@@ -258,7 +265,7 @@ unsigned char* InfosGetter::getPPS(int profileID) {
 }
 
 int InfosGetter::getPPSSize(int profileID) {
-    return anyProfile(profileID, "InfosPutter::getH264PPSSize programming error").sdp.ppsSize;
+    return blobSize(anyProfile(profileID, "InfosPutter::getH264PPSSize programming error").sdp.ppsSize);
 }
 
 unsigned char* InfosGetter::getVOL(int profileID) {
@@ -266,7 +273,7 @@ unsigned char* InfosGetter::getVOL(int profileID) {
 }
 
 int InfosGetter::getVOLSize(int profileID) {
-    return anyProfile(profileID, "InfosPutter::getVOLSize programming error").sdp.volSize;
+    return blobSize(anyProfile(profileID, "InfosPutter::getVOLSize programming error").sdp.volSize);
 }
 
 // The slat operations report by their results only; on an unattached getter

@@ -52,6 +52,7 @@ void JPGGetter::notReady() {
     if (pool_ == notAttached<JPGPoolHeader>()) pool_ = nullptr;
     release();
     raise(POOL_NOT_READY);
+    __builtin_unreachable();
 }
 
 void JPGGetter::requireAttached() const {

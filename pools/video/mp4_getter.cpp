@@ -60,6 +60,7 @@ void MP4Getter::notReady() {
     if (pool_ == notAttached<MP4PoolHeader>()) pool_ = nullptr;
     release();
     raise(POOL_NOT_READY);
+    __builtin_unreachable();
 }
 
 int MP4Getter::writer() const {
