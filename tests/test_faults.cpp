@@ -298,11 +298,12 @@ int readVideo(Tally& tally, int channel, int framesPerGop, bool slow) {
 
 // One writer's run: frames back to back, each a little apart, until killed
 // (or, for the last run, for a while and then a clean end).
-int writeJpeg(int channel, int generation, int frames) {
+int writeJpeg(ChildLink& link, int channel, int generation, int frames) {
     quiet();
     JPGPutter writer;
     writer.init(channel, 6, 3000, 52 * 6 + 12000);
     writer.reset(64, 48, 500, 80);
+    link.say("up");
     for (uint64_t id = 1; frames < 0 || id <= static_cast<uint64_t>(frames); ++id) {
         std::vector<unsigned char> frame = stamped(id, lengthOf(id, generation, 3000));
         timeval now;
@@ -313,11 +314,12 @@ int writeJpeg(int channel, int generation, int frames) {
     return 0;
 }
 
-int writeVideo(int channel, int generation, int frames, int framesPerGop) {
+int writeVideo(ChildLink& link, int channel, int generation, int frames, int framesPerGop) {
     quiet();
     MP4Putter writer;
     writer.init(channel, 4, framesPerGop, 2000, 4 * framesPerGop * 52 + 12000);
     writer.reset(64, 48, 500);
+    link.say("up");
     for (uint64_t id = 1; frames < 0 || id <= static_cast<uint64_t>(frames); ++id) {
         std::vector<unsigned char> frame = stamped(id, lengthOf(id, generation, 2000));
         timeval now;
@@ -333,10 +335,11 @@ int writeVideo(int channel, int generation, int frames, int framesPerGop) {
 
 }  // namespace
 
-// Writers killed at random points, a quarter of them within their first 300
-// microseconds (inside init), and restarted at once, under four readers, two
-// of them slow enough to be overtaken. AVPOOL_FAULT_CYCLES sets the number of
-// kills for a long run.
+// Writers killed at random points and restarted at once, under four readers,
+// two of them slow enough to be overtaken: a quarter of the writers within
+// their first 300 microseconds (inside init), the others up to 6 ms after they
+// said they were up (so that slow machines and emulators see restarts too).
+// AVPOOL_FAULT_CYCLES sets the number of kills for a long run.
 class WriterRestarts : public ::testing::Test {
 protected:
     static constexpr int CHANNEL = 7;
@@ -353,12 +356,14 @@ protected:
         for (int generation = 1; generation <= kills; ++generation) {
             random = random * 1103515245 + 12345;
             const unsigned r = random >> 8;
-            ForkedChild run([writer, generation](ChildLink&) { return writer(generation, -1); });
-            usleep(r % 4 == 0 ? r % 300 : 300 + r % 6000);
+            ForkedChild run([writer, generation](ChildLink& link) { return writer(link, generation, -1); });
+            std::string up;
+            if (r % 4 != 0) run.readLine(up, 10000);
+            usleep(r % 4 == 0 ? r % 300 : r % 6000);
             run.signal(SIGKILL);
             ASSERT_EQ(run.wait().signal, SIGKILL);
         }
-        ForkedChild last([writer, kills](ChildLink&) { return writer(kills + 1, 150); });
+        ForkedChild last([writer, kills](ChildLink& link) { return writer(link, kills + 1, 150); });
         ASSERT_TRUE(last.wait(20000).ok());
         __atomic_store_n(&tally->stop, 1, __ATOMIC_SEQ_CST);
 
@@ -387,12 +392,14 @@ protected:
 TEST_F(WriterRestarts, jpegReadersNeverTakeATornFrameCrashOrHang) {
     IpcKeys keys{JPG_BASE_KEY + CHANNEL};
     run("jpg", [](Tally& t, bool slow) { return readJpeg(t, CHANNEL, slow); },
-        [](int generation, int frames) { return writeJpeg(CHANNEL, generation, frames); });
+        [](ChildLink& link, int generation, int frames) { return writeJpeg(link, CHANNEL, generation, frames); });
 }
 
 TEST_F(WriterRestarts, videoReadersNeverTakeATornFrameCrashOrHang) {
     constexpr int FRAMES = 5;
     IpcKeys keys{MP4_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL * 16};
     run("mp4", [](Tally& t, bool slow) { return readVideo(t, CHANNEL, FRAMES, slow); },
-        [](int generation, int frames) { return writeVideo(CHANNEL, generation, frames, FRAMES); });
+        [](ChildLink& link, int generation, int frames) {
+            return writeVideo(link, CHANNEL, generation, frames, FRAMES);
+        });
 }
