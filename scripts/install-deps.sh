@@ -2,16 +2,18 @@
 # Installs the Debian packages the project needs, and only those that are
 # missing, so that it returns at once on a machine that has them all.
 #
-#   scripts/install-deps.sh [native] [cross] [all]    (default: all)
+#   scripts/install-deps.sh [native] [cross] [fuzz] [all]    (default: all)
 #
 # native: compiler, CMake, the test/benchmark libraries and ffmpeg for the build machine.
 # cross:  the arm-linux-gnueabihf compiler, qemu-arm to run its programs, and the
 #         GoogleTest sources, which scripts/armhf-build.sh compiles for the device.
+# fuzz:   clang and its libFuzzer runtime for the getters' fuzz targets.
 set -eu
 
 # ffmpeg makes the media the media tests put through the pools (they skip without it).
 native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg"
 cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
+fuzz_packages="make cmake clang libclang-rt-14-dev"
 
 wanted=""
 [ $# -gt 0 ] || set -- all
@@ -19,13 +21,14 @@ for set_name in "$@"; do
     case "$set_name" in
         native) wanted="$wanted $native_packages" ;;
         cross) wanted="$wanted $cross_packages" ;;
-        all) wanted="$wanted $native_packages $cross_packages" ;;
+        fuzz) wanted="$wanted $fuzz_packages" ;;
+        all) wanted="$wanted $native_packages $cross_packages $fuzz_packages" ;;
         -h|--help)
-            sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'
+            sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'
             exit 0
             ;;
         *)
-            echo "install-deps: unknown package set '$set_name' (native, cross or all)" >&2
+            echo "install-deps: unknown package set '$set_name' (native, cross, fuzz or all)" >&2
             exit 2
             ;;
     esac

@@ -255,3 +255,158 @@ TEST_F(InfosContention, serversRunUnlockedWhenTheAreaHasNoLock) {
     EXPECT_EQ(raw(MAX_CONN), 4);
     EXPECT_EQ(raw(TOTAL), 3);
 }
+
+// The budget's set beside the lock: a holder unit per slat, then the journal.
+namespace budget_sems {
+constexpr int HOLDER = 1;
+constexpr int JOURNAL = 11;
+}  // namespace budget_sems
+
+// A process that dies between the stores of a slat (here: the ID written, the
+// weight not yet, the total already counted) leaves its journal mark; the next
+// holder of the lock puts that slat back to free and counts the total again.
+TEST_F(InfosContention, slatLeftHalfWrittenByADeadProcessIsFreedByTheNextLockHolder) {
+    startServing(10);
+    ASSERT_EQ(server.takeConn("kept", "", 1, 2, false), 0);
+    ForkedChild dying([this](ChildLink&) {
+        if (!adjustWithUndo(KEY, 0, -1) || !setLockValue(KEY, budget_sems::JOURNAL, 1 + 3)) return 2;
+        writeWord(slat(3, SLAT_ID), 3);
+        strcpy(reinterpret_cast<char*>(encoderBase() + slat(3, USER_NAME)), "torn");
+        writeWord(TOTAL, 2 + 5);
+        return 0;  // dies holding the lock: the kernel gives the lock back, not the stores
+    });
+    ASSERT_TRUE(dying.wait().ok());
+    ASSERT_EQ(slatField(3, SLAT_ID), 3);
+    EXPECT_FALSE(server.probeConn(8)) << "8 more units fit only in a budget of 2 taken";
+    EXPECT_TRUE(slatFree(3));
+    EXPECT_EQ(userName(3), "");
+    EXPECT_EQ(raw(TOTAL), 2);
+    EXPECT_EQ(lockValue(KEY, budget_sems::JOURNAL), 0);
+    EXPECT_EQ(slatField(0, SLAT_ID), 0);
+    EXPECT_EQ(slatWeight(0), 2);
+    EXPECT_TRUE(server.probeConn(7));
+}
+
+// A slat taken with automatic return belongs to its process: killed, its units
+// come back at the next use of the budget. One taken without (an active user)
+// is meant to outlive its taker and stays.
+TEST_F(InfosContention, unitsOfAKilledHolderComeBackWhileSlatsMeantToOutliveItStay) {
+    startServing(10);
+    ForkedChild holder([](ChildLink& link) -> int {
+        InfosGetter streaming, user;
+        streaming.init(KEY);
+        user.init(KEY);
+        const int a = streaming.takeConn("viewer", "10.0.0.7", 1, 3, true);
+        const int b = user.takeConn("admin", "console", 4, 1, false);
+        link.say(std::to_string(a) + " " + std::to_string(b));
+        for (;;) pause();
+    });
+    ASSERT_NO_FATAL_FAILURE(expectLine(holder, "0 1"));
+    EXPECT_EQ(raw(TOTAL), 4);
+    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 2);
+    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 1), 0);
+
+    holder.signal(SIGKILL);
+    ASSERT_EQ(holder.wait().signal, SIGKILL);
+    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 1) << "the kernel takes back the dead holder's unit";
+    EXPECT_EQ(raw(TOTAL), 4) << "nothing changes before the budget is used";
+    EXPECT_EQ(server.getCurrentTotalConnections(), 1);
+    EXPECT_TRUE(slatFree(0));
+    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 0);
+    EXPECT_EQ(userName(1), "admin");
+    EXPECT_EQ(slatWeight(1), 1);
+    // Returned by anyone, a slat no longer counts on its first holder.
+    const int again = server.takeConn("next", "", 1, 2, true);
+    EXPECT_EQ(again, 0);
+    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 2);
+    server.retConn(again);
+    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 0);
+    EXPECT_EQ(raw(TOTAL), 1);
+}
+
+namespace {
+// Servers that take and give back connections with automatic return, without
+// pause, so that kills land anywhere in the budget's code.
+int serve(int index) {
+    InfosGetter a, b;
+    a.init(KEY);
+    b.init(KEY);
+    for (int i = 0;; ++i) {
+        try {
+            const int taken = a.takeConn("server", "kill loop", 1, 1 + (i + index) % 3, true);
+            if (i % 3 == 0) b.retConn(b.takeConn("server", "second", 1, 1, true));
+            a.retConn(taken);
+        } catch (const InfosGetterError&) {
+        }
+    }
+}
+
+// Under the lock: every slat free or whole (its ID, a weight of 1 to 3, the
+// servers' name), and the total the sum of the weights; a slat the journal
+// names was being changed by a process that died and is left to the repair.
+int checkWhole(Board& board) {
+    RawSegment area(KEY);
+    while (__atomic_load_n(&board.stop, __ATOMIC_SEQ_CST) == 0) {
+        if (!adjustWithUndo(KEY, 0, -1)) return 2;
+        const int torn = lockValue(KEY, budget_sems::JOURNAL) - 1;
+        int32_t sum = 0;
+        for (int i = 0; i < MAX_USER_SLATS; ++i) {
+            const int32_t id = area.i32(slat(i, SLAT_ID));
+            const int32_t w = area.i32(weight(i));
+            const char* name = reinterpret_cast<const char*>(area.at(slat(i, USER_NAME)));
+            const bool free = id == FREE && w == 0 && name[0] == 0;
+            const bool whole = id == i && w >= 1 && w <= 3 && strcmp(name, "server") == 0;
+            if (i != torn && !free && !whole) bump(board.foreignNames);
+            sum += whole ? w : 0;
+        }
+        if (torn < 0 && sum != area.i32(TOTAL)) bump(board.inconsistent);
+        if (!adjustWithUndo(KEY, 0, +1)) return 2;
+        bump(board.checks);
+        usleep(200);
+    }
+    return 0;
+}
+}  // namespace
+
+// Servers killed at random, hundreds of times (AVPOOL_FAULT_CYCLES for a long
+// run): no slat is ever seen half-written under the lock, and once the last
+// server is gone every unit is back.
+TEST_F(InfosContention, killedServersNeverLeaveAHalfWrittenSlatAndTheirUnitsComeBack) {
+    start(10);
+    *board = Board{};
+    Board& shared = *board;
+    std::vector<std::unique_ptr<ForkedChild>> servers;
+    for (int s = 0; s < WORKERS; ++s)
+        servers.push_back(std::make_unique<ForkedChild>([s](ChildLink&) { return serve(s); }));
+    ForkedChild checker([&shared](ChildLink&) { return checkWhole(shared); });
+
+    const int kills = faultCycles(150);
+    unsigned random = 12345;
+    for (int k = 0; k < kills; ++k) {
+        random = random * 1103515245 + 12345;
+        const int victim = static_cast<int>(random >> 16) % WORKERS;
+        usleep(200 + (random >> 8) % 2000);
+        servers[victim]->signal(SIGKILL);
+        ExitStatus status = servers[victim]->wait(5000);
+        ASSERT_EQ(status.signal, SIGKILL) << "server " << victim << " " << status.describe();
+        servers[victim] = std::make_unique<ForkedChild>([victim](ChildLink&) { return serve(victim); });
+    }
+    for (auto& s : servers) s->signal(SIGKILL);
+    for (auto& s : servers) s->wait();
+    __atomic_store_n(&board->stop, 1, __ATOMIC_SEQ_CST);
+    EXPECT_TRUE(checker.wait().ok());
+
+    server.init(KEY);
+    const int left = server.getCurrentTotalConnections();
+    int taken = 0;
+    for (int i = 0; i < MAX_USER_SLATS; ++i) taken += slatFree(i) ? 0 : 1;
+    std::cout << "budget kills: " << kills << ", checks " << board->checks << ", half-written slats seen "
+              << board->foreignNames << ", totals off " << board->inconsistent << ", units left " << left
+              << ", slats left taken " << taken << std::endl;
+    EXPECT_EQ(board->foreignNames, 0);
+    EXPECT_EQ(board->inconsistent, 0);
+    EXPECT_EQ(left, 0);
+    EXPECT_EQ(taken, 0);
+    EXPECT_EQ(lockValues(KEY, 12), std::vector<int>({1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_GT(board->checks, 0);
+}

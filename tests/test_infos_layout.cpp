@@ -47,7 +47,7 @@ std::vector<Refusal> everyOperation(InfosPutter& encoder, int profileID) {
 
 }  // namespace
 
-TEST_F(InfosArea, initCreatesAZeroedSegmentOfExactSizeAndAFreeOneSemaphoreLock) {
+TEST_F(InfosArea, initCreatesAZeroedSegmentOfExactSizeAndTheBudgetSetWithItsLockFree) {
     encoder.init(KEY);
     RawSegment segment(KEY);
     ASSERT_TRUE(segment.attached());
@@ -55,8 +55,11 @@ TEST_F(InfosArea, initCreatesAZeroedSegmentOfExactSizeAndAFreeOneSemaphoreLock) 
     EXPECT_EQ(segment.bytes(0, SIZE), std::vector<unsigned char>(SIZE, 0));
     const int lock = semIdOf(KEY);
     ASSERT_NE(lock, -1);
-    EXPECT_EQ(semCountOf(lock), 1);
-    EXPECT_EQ(lockValue(KEY, 0), 1);
+    // The lock, a holder per slat and the journal; only the lock is 1.
+    std::vector<int> expected(12, 0);
+    expected[0] = 1;
+    EXPECT_EQ(semCountOf(lock), 12);
+    EXPECT_EQ(lockValues(KEY, 12), expected);
 }
 
 TEST_F(InfosArea, initReplacesTheSegmentAndLockOfACrashedEncoderWithFreshOnes) {
@@ -71,7 +74,7 @@ TEST_F(InfosArea, initReplacesTheSegmentAndLockOfACrashedEncoderWithFreshOnes) {
     EXPECT_FALSE(shmIdAlive(staleSegment));
     EXPECT_FALSE(semIdAlive(staleLock));
     EXPECT_EQ(RawSegment(KEY).bytes(0, SIZE), std::vector<unsigned char>(SIZE, 0));
-    EXPECT_EQ(semCountOf(semIdOf(KEY)), 1);
+    EXPECT_EQ(semCountOf(semIdOf(KEY)), 12);
     EXPECT_EQ(lockValue(KEY, 0), 1);
 }
 

@@ -84,32 +84,62 @@ std::vector<int32_t> everyValueOf(InfosGetter& g, int p) {
             g.getVOLSize(p)};
 }
 
+// A blob's size must fit its 256-byte field: the filled area holds a size's
+// offset divided by 32 there instead.
+bool isSize(long field) {
+    return field == SPS_SIZE || field == PPS_SIZE || field == VOL_SIZE;
+}
+
 std::vector<int32_t> offsetsOfProfile(int p) {
     std::vector<int32_t> offsets;
     for (long field : {STATE, CHANNEL, INFO_PARAM3, WIDTH, HEIGHT, VIDEO_PARAM3, AUDIO_PARAM1, AUDIO_PARAM2,
                        AUDIO_PARAM3, FRAME_DURATION, SHARED_MEM_SIZE, SDP_HEADER, SPS, SPS_SIZE, PPS, PPS_SIZE, VOL,
                        VOL_SIZE})
-        offsets.push_back(static_cast<int32_t>(profile(p, field)));
+        offsets.push_back(static_cast<int32_t>(profile(p, field)) / (isSize(field) ? 32 : 1));
     return offsets;
 }
 
 }  // namespace
 
-TEST_F(InfosArea, everyAccessorReadsItsProfileAtItsAbsoluteOffset) {
-    startServing();
-    fillWithOwnOffsets();
+class InfosOffsets : public InfosArea {
+protected:
+    void fill() {
+        startServing();
+        fillWithOwnOffsets();
+        for (int p = -1; p < MAX_MEDIA_POOL; ++p)
+            for (long field : {SPS_SIZE, PPS_SIZE, VOL_SIZE})
+                writeWord(profile(p, field), static_cast<int32_t>(profile(p, field)) / 32);
+    }
+};
+
+TEST_F(InfosOffsets, everyAccessorReadsItsProfileAtItsAbsoluteOffset) {
+    fill();
     EXPECT_EQ(server.getSizeofPools(), 5);
     for (int p = 0; p < MAX_MEDIA_POOL; ++p) EXPECT_EQ(everyValueOf(server, p), offsetsOfProfile(p)) << "profile " << p;
 }
 
 // The signed bound lets -1 through on every accessor; it reads the record that
 // ends where profile 0 begins, inside the slat table and weights.
-TEST_F(InfosArea, profileMinusOneReadsTheRecordJustBeforeProfileZero) {
-    startServing();
-    fillWithOwnOffsets();
+TEST_F(InfosOffsets, profileMinusOneReadsTheRecordJustBeforeProfileZero) {
+    fill();
     EXPECT_EQ(everyValueOf(server, -1), offsetsOfProfile(-1));
-    EXPECT_EQ(server.getVOLSize(-1), static_cast<int32_t>(weight(9)));
+    EXPECT_EQ(server.getVOLSize(-1), static_cast<int32_t>(weight(9)) / 32);
     EXPECT_EQ(server.getState(-1), static_cast<int32_t>(slat(0, 36)));
+}
+
+// A caller reads a blob's size in bytes from its address: a size the encoder
+// wrote beyond the blob's 256 bytes (or below 0) is reported as the field's end.
+TEST_F(InfosArea, blobSizesNeverReachPastTheirField) {
+    startServing();
+    for (const auto& [stored, reported] : std::vector<std::pair<int32_t, int>>{{0, 0}, {256, 256}, {257, 256},
+                                                                               {INT32_MAX, 256}, {-1, 0}}) {
+        writeWord(profile(4, SPS_SIZE), stored);
+        writeWord(profile(4, PPS_SIZE), stored);
+        writeWord(profile(4, VOL_SIZE), stored);
+        EXPECT_EQ(server.getSPSSize(4), reported) << stored;
+        EXPECT_EQ(server.getPPSSize(4), reported) << stored;
+        EXPECT_EQ(server.getVOLSize(4), reported) << stored;
+    }
 }
 
 TEST_F(InfosArea, sdpHeaderOfTheServerIsFourBytesOnFromTheEncodersBlock) {

@@ -214,6 +214,7 @@ private:
     bool autoReturn_ = false;
     int slatID_ = -1;
     int lockId_ = -1;
+    int lockSems_ = 0;
 };
 
 extern "C" {

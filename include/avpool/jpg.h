@@ -195,10 +195,12 @@ private:
     unsigned long long scanOldest(int& safeTime, Qualifies qualifies);
     template <class Matches>
     unsigned long long scanExact(int& safeTime, int second, Matches matches);
-    bool intact(int slot) const;
+    bool intact(const JPGFrameInfo& info) const;
     int next(int slot) const;
+    int writer() const;
     unsigned long long settle(int& safeTime);
     void requireAttached() const;
+    [[noreturn]] void notReady();
 
     int channel_ = 0;
     int shmId_ = -1;
@@ -210,6 +212,7 @@ private:
     JPGFrameInfo* frameInfo_ = nullptr;
     int frameCount_ = 0;
     int maxFrameSize_ = 0;
+    int64_t ringLength_ = 0;  // bytes from the ring's start to the segment's end
 };
 
 // The device's capability query: the picture size of a profile at a scale index,

@@ -188,9 +188,12 @@ private:
     template <class Matches>
     unsigned long long scanExact(int& safeTime, int sec, Matches matches);
     unsigned long long enterGop(int& safeTime);
-    bool gopValid(int gop) const;
+    bool intact(const MP4FrameInfo& info) const;
     const MP4FrameInfo& first(int gop) const;
+    int writer() const;
+    int slotOf(int k) const;
     void requireAttached() const;
+    [[noreturn]] void notReady();
 
     int channel_ = 0;
     int shmId_ = -1;
@@ -204,6 +207,7 @@ private:
     int framesPerGop_ = 0;
     int poolSize_ = 0;
     int maxFrameSize_ = 0;
+    int64_t ringLength_ = 0;  // bytes from the ring's start to the segment's end
 };
 
 // MPEG-4 visual configuration header (Simple profile). Bits are written most

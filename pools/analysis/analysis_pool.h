@@ -131,7 +131,7 @@ void AnalysisPutter<Record>::putRecord(const void* first, const void* second, in
 
     Record& record = L::record(base, current_);
     record.frameID.set(frameCounter_);
-    L::header(base)->current = current_;
+    detail::storeShared(L::header(base)->current, current_);
     record.tv_sec = static_cast<int32_t>(captureTime.tv_sec);
     record.tv_usec = static_cast<int32_t>(captureTime.tv_usec);
     L::Kind::copyPayload(record, first, second, length);
@@ -261,8 +261,9 @@ Record& AnalysisGetter<Record>::fetch() {
 template <class Record>
 void AnalysisGetter<Record>::waitReady() {
     requireAttached();
-    detail::waitForOpen(semId_, detail::AnalysisLayout<Record>::record(pool_, current_).lockIndex,
-                        detail::OnSignal::Fail, detail::AnalysisLayout<Record>::getterRaise);
+    detail::waitForSlotLock(semId_, detail::AnalysisLayout<Record>::record(pool_, current_).lockIndex,
+                            detail::AnalysisKind<Record>::SLOTS, detail::OnSignal::Fail,
+                            detail::AnalysisLayout<Record>::getterRaise);
 }
 
 template <class Record>

@@ -175,7 +175,7 @@ unsigned long long AudioGetter<Record, Fragment>::getFragmentID() {
 template <class Record, class Fragment>
 void AudioGetter<Record, Fragment>::waitReady() {
     requireAttached();
-    waitForOpenGrouped(sems_, slot(cursor_).head.lockIndex, OnSignal::Fail, raiseFor<Record>);
+    waitForSlotLock(sems_, slot(cursor_).head.lockIndex, SLOTS, OnSignal::Fail, raiseFor<Record>);
 }
 
 template <class Record, class Fragment>

@@ -42,18 +42,18 @@ struct AudioKindRules {
 };
 
 template <class Record>
-constexpr AudioKindRules kind = {};
+inline constexpr AudioKindRules kind = {};
 // clang-format off
-template <> constexpr AudioKindRules kind<PCMFragmentInfo> =
+template <> inline constexpr AudioKindRules kind<PCMFragmentInfo> =
     {PCM_KEY,      LengthRule::Whole,    false, false, {16384, 1}, "Create PCM sem:%d\n",
      raiseAs<PCMPutterError>,  raiseAs<PCMGetterError>};
-template <> constexpr AudioKindRules kind<AACFragmentInfo> =
+template <> inline constexpr AudioKindRules kind<AACFragmentInfo> =
     {AAC_BASE_KEY, LengthRule::UpToSize, true,  false, {16384, 2}, "Create AAC sem:%d\n",
      raiseAs<AACPutterError>,  raiseAs<AACGetterError>};
-template <> constexpr AudioKindRules kind<AMRFragmentInfo> =
+template <> inline constexpr AudioKindRules kind<AMRFragmentInfo> =
     {AMR_BASE_KEY, LengthRule::UpToSize, true,  true,  {16384, 2}, "Create AMR sem:%d\n",
      raiseAs<AMRPutterError>,  nullptr};
-template <> constexpr AudioKindRules kind<OPUSFragmentInfo> =
+template <> inline constexpr AudioKindRules kind<OPUSFragmentInfo> =
     {OPUS_KEY,     LengthRule::AsGiven,  false, false, {4096, 1},  "Create OPUS sem:%d\n",
      raiseAs<OPUSPutterError>, raiseAs<OPUSGetterError>};
 // clang-format on

@@ -92,7 +92,7 @@ void AudioPutter<Record>::write(const void* data, int length, const timeval& tim
     Record& slot = slotsOf<Record>(pool_)[current_];
     AudioFragmentHead& head = slot.head;
     head.fragmentID.set(fragmentID_);
-    pool_->current = current_;
+    storeShared(pool_->current, current_);
     head.tv_sec = static_cast<int32_t>(timestamp.tv_sec);
     head.tv_usec = static_cast<int32_t>(timestamp.tv_usec);
     head.format = format_;

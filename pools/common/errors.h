@@ -21,6 +21,10 @@ enum class Newline { Yes, No };
 // audio kinds write the line without its newline.
 [[noreturn]] void programmingError(Raise raise, Newline newline = Newline::Yes);
 
+// What a getter throws when a header does not describe a pool that fits its
+// segment: its writer is still filling it in, or it is not a pool at all.
+constexpr const char* POOL_NOT_READY = "pool not ready.";
+
 // Each public class turns a message into its own error type through this.
 template <class Error>
 [[noreturn]] void raiseAs(const std::string& message) {

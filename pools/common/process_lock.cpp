@@ -23,8 +23,8 @@ bool adjust(int id, short delta) {
 }
 }  // namespace
 
-int createProcessLock(key_t key, const char* failText, Raise raise) {
-    int id = createWithRetry([&] { return createSemSet(key, 1); }, [&] { forceRemoveSemSet(key, 0, 1); }, failText,
+int createProcessLock(key_t key, int count, const char* failText, Raise raise) {
+    int id = createWithRetry([&] { return createSemSet(key, count); }, [&] { forceRemoveSemSet(key, 0, 1); }, failText,
                              raise, "");
     setLock(id, 0, FREE, raise);
     return id;

@@ -8,9 +8,10 @@
 
 namespace avpool::detail {
 
-// Removes a set left under key by an earlier run, then creates the lock free.
-// Failure: perror with failText and throw it as it is.
-int createProcessLock(key_t key, const char* failText, Raise raise);
+// Removes a set left under key by an earlier run, then creates a set of count
+// semaphores (all 0) whose first is the lock, free. Failure: perror with
+// failText and throw it as it is.
+int createProcessLock(key_t key, int count, const char* failText, Raise raise);
 // The lock under key, or -1 when nobody created one.
 int findProcessLock(key_t key);
 void removeProcessLock(int& id);
@@ -21,6 +22,7 @@ class ProcessLockGuard {
 public:
     explicit ProcessLockGuard(int id);
     ~ProcessLockGuard();
+    bool held() const { return held_ != -1; }
     ProcessLockGuard(const ProcessLockGuard&) = delete;
     ProcessLockGuard& operator=(const ProcessLockGuard&) = delete;
 

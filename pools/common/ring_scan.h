@@ -3,17 +3,19 @@
 // microseconds compared field by field) and which slot counts as intact.
 #pragma once
 
+#include "shared_word.h"
+
 #include <cstdint>
 
 namespace avpool::detail {
 
-// The writer's slot index as a reader finds it in the header: read from memory
-// every time (the writer moves it while a search runs), and kept inside the ring
-// of n slots, since a reader that attached while the writer was still setting up
-// may find the fill bytes there.
+// The writer's slot index as a reader finds it in the header: read anew every
+// time (the writer moves it while a search runs), and kept inside the ring of n
+// slots, since the header word may hold anything (the fill bytes of a pool still
+// being set up, or whatever a stray process wrote there).
 inline int writerSlot(const int32_t& current, int n) {
-    int32_t value = *static_cast<const volatile int32_t*>(&current);
-    return static_cast<int>(static_cast<uint32_t>(value) % static_cast<uint32_t>(n));
+    uint32_t value = static_cast<uint32_t>(loadShared(current));
+    return static_cast<int>(value % static_cast<uint32_t>(n));
 }
 
 // The slot after i in a ring of n, back to 0 after the last.

@@ -22,6 +22,12 @@ void* attachSegment(int id, AttachFailure rule, Raise raise) {
     return address;
 }
 
+size_t segmentSize(int id) {
+    shmid_ds status;
+    if (shmctl(id, IPC_STAT, &status) == -1) return 0;
+    return status.shm_segsz;
+}
+
 void* openPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, Raise raise) {
     id = openSegment(key, size, raise);
     return attachSegment(id, rule, raise);

@@ -68,6 +68,9 @@ void* createPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, uns
     memset(address, fill, size);
     return address;
 }
+// The segment's real size (IPC_STAT), what a getter bounds what it reads by; 0
+// when the id is gone.
+size_t segmentSize(int id);
 // A getter's segment: opened read-only asking for size bytes (the whole segment
 // is mapped whatever that size), then attached.
 void* openPoolSegment(int& id, key_t key, size_t size, AttachFailure rule, Raise raise);

@@ -33,6 +33,19 @@ void waitForOpen(int semId, int index, OnSignal onSignal, Raise raise) {
     }
 }
 
+namespace {
+void requireSlot(int lockIndex, int slots, Raise raise) {
+    if (lockIndex >= 0 && lockIndex < slots) return;
+    errno = EFBIG;
+    systemFailure("semop failed", raise);
+}
+}  // namespace
+
+void waitForSlotLock(int semId, int lockIndex, int slots, OnSignal onSignal, Raise raise) {
+    requireSlot(lockIndex, slots, raise);
+    waitForOpen(semId, lockIndex, onSignal, raise);
+}
+
 void semPosition(int slot, int& group, int& index, Raise raise) {
     group = slot / SEM_GROUP_SIZE;
     index = slot % SEM_GROUP_SIZE;
@@ -51,9 +64,10 @@ int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise) {
     return setLock(groupSet(groups, group), index, value, raise);
 }
 
-void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise) {
+void waitForSlotLock(const SemGroups& groups, int lockIndex, int slots, OnSignal onSignal, Raise raise) {
+    requireSlot(lockIndex, slots, raise);
     int group, index;
-    semPosition(slot, group, index, raise);
+    semPosition(lockIndex, group, index, raise);
     waitForOpen(groupSet(groups, group), index, onSignal, raise);
 }
 

@@ -20,6 +20,10 @@ int setLock(int semId, int index, int value, Raise raise);
 // back to waiting after a signal; the other kinds let the signal end the wait.
 enum class OnSignal { Retry, Fail };
 void waitForOpen(int semId, int index, OnSignal onSignal, Raise raise);
+// The wait on a slot's lock as its record names it. The index comes from shared
+// memory: one outside the pool's slots fails as the kernel fails a wait on a
+// semaphore the set does not have ("semop failed.", errno EFBIG).
+void waitForSlotLock(int semId, int lockIndex, int slots, OnSignal onSignal, Raise raise);
 
 // Locks of pools that may exceed one set are spread over at most four sets
 // ("groups") of at most 250 semaphores.
@@ -33,7 +37,7 @@ void semPosition(int slot, int& group, int& index, Raise raise);
 
 // The same lock operations for a slot of a grouped pool.
 int setGroupedLock(const SemGroups& groups, int slot, int value, Raise raise);
-void waitForOpenGrouped(const SemGroups& groups, int slot, OnSignal onSignal, Raise raise);
+void waitForSlotLock(const SemGroups& groups, int lockIndex, int slots, OnSignal onSignal, Raise raise);
 
 // The group sizes for slotCount locks, filled in order, at most four groups.
 int semGroupCount(int slotCount, int counts[SEM_MAX_GROUPS]);

@@ -4,6 +4,7 @@
 #include "../common/process_lock.h"
 #include "../common/segment.h"
 #include "area.h"
+#include "budget.h"
 
 #include <cstdio>
 #include <cstring>
@@ -27,29 +28,56 @@ void writeNames(UserSlat& slat, const char* userName, const char* userInfo) {
     if (userInfo != nullptr) strncpy(slat.userInfo, userInfo, sizeof slat.userInfo - 1);
 }
 
-// The slat operations proper; the public methods hold the lock around them.
-int allocSlat(InfoArea* area, const char* userName, const char* userInfo, int weight, int userType) {
-    for (int i = 0; i < area->maxConn && i < MAX_USER_SLATS; ++i) {
-        if (area->slats[i].slatID != FREE_SLAT_ID || area->slatWeight[i] != 0) continue;
-        UserSlat& slat = area->slats[i];
-        slat.slatID = i;
-        writeNames(slat, userName, userInfo);
-        slat.userType = userType;
-        slat.loginTime = static_cast<int32_t>(time(nullptr));
-        area->slatWeight[i] = weight;
-        return i;
-    }
+// A blob's size as the encoder wrote it, but never more than its 256-byte field
+// (nor below 0): a caller reads that many bytes from the blob's address.
+int blobSize(int32_t size) {
+    constexpr int32_t field = sizeof(SDPBlock::sps);
+    return size < 0 ? 0 : size > field ? field : size;
+}
+
+void takeBack(InfoArea* area, int weight) {
+    area->currentTotalConnections = wrappingSub(area->currentTotalConnections, weight);
+    if (area->currentTotalConnections < 0) area->currentTotalConnections = 0;
+}
+
+// The slat operations proper; the public methods hold the budget's lock around
+// them and make each change of a slat inside the journal's mark.
+int freeSlat(const InfoArea* area) {
+    for (int i = 0; i < area->maxConn && i < MAX_USER_SLATS; ++i)
+        if (area->slats[i].slatID == FREE_SLAT_ID && area->slatWeight[i] == 0) return i;
     return -1;
 }
 
-int deleteSlat(InfoArea* area, int i) {
-    if (i < 0 || i >= area->maxConn || i >= MAX_USER_SLATS) return 0;
-    int weight = area->slatWeight[i];
+void fillSlat(InfoArea* area, int i, const char* userName, const char* userInfo, int weight, int userType) {
     UserSlat& slat = area->slats[i];
-    slat.slatID = FREE_SLAT_ID;
-    memset(slat.userName, 0, sizeof slat.userName);
-    memset(slat.userInfo, 0, sizeof slat.userInfo);
-    area->slatWeight[i] = 0;
+    slat.slatID = i;
+    writeNames(slat, userName, userInfo);
+    slat.userType = userType;
+    slat.loginTime = static_cast<int32_t>(time(nullptr));
+    area->slatWeight[i] = weight;
+}
+
+int allocSlat(BudgetSession& budget, InfoArea* area, const char* userName, const char* userInfo, int weight,
+              int userType, bool holdIt = false, int32_t addToTotal = 0) {
+    int i = freeSlat(area);
+    if (i < 0) return -1;
+    budget.change(i, [&] {
+        fillSlat(area, i, userName, userInfo, weight, userType);
+        area->currentTotalConnections = wrappingAdd(area->currentTotalConnections, addToTotal);
+        budget.setHolder(i, holdIt);
+    });
+    return i;
+}
+
+// Slats at maxConn and above are left alone.
+int deleteSlat(BudgetSession& budget, InfoArea* area, int i, bool takeBackWeight = false) {
+    if (i < 0 || i >= area->maxConn || i >= MAX_USER_SLATS) return 0;
+    int weight = 0;
+    budget.change(i, [&] {
+        weight = clearSlat(area, i);
+        if (takeBackWeight) takeBack(area, weight);
+        budget.setHolder(i, false);
+    });
     return weight;
 }
 
@@ -59,10 +87,6 @@ bool fits(const InfoArea* area, int weight, bool strict) {
     return strict ? wanted < area->maxConn : wanted <= area->maxConn;
 }
 
-void takeBack(InfoArea* area, int weight) {
-    area->currentTotalConnections = wrappingSub(area->currentTotalConnections, weight);
-    if (area->currentTotalConnections < 0) area->currentTotalConnections = 0;
-}
 }  // namespace
 
 InfosGetter::InfosGetter() : shmAddr_(notAttached<InfoArea>()) {}
@@ -77,6 +101,7 @@ void InfosGetter::init(int key) {
     shmAddr_ = static_cast<InfoArea*>(openPoolSegment(shmid_, key, INFOS_AREA_SIZE, AttachFailure::MinusOne, raise));
     // An area made by an encoder that creates no lock is used unlocked.
     lockId_ = findProcessLock(key);
+    lockSems_ = budgetSems(lockId_);
 }
 
 bool InfosGetter::attached() const {
@@ -90,25 +115,28 @@ void InfosGetter::release(int slat) {
     }
     detachSegment(shmid_, shmAddr_, notAttached<InfoArea>());
     lockId_ = -1;
+    lockSems_ = 0;
 }
 
 // A request that would exactly fill the budget does not fit here, though
-// takeConn accepts it.
+// takeConn accepts it. It takes the lock only to heal what dead holders left.
 bool InfosGetter::probeConn(int weight) {
     if (!attached()) {
         fputs("programming error\n", stderr);
         return false;
     }
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
     return fits(shmAddr_, weight, true);
 }
 
 int InfosGetter::takeConn(const char* userName, const char* userInfo, int userType, int weight, bool autoReturn) {
     if (!attached()) raise(PROGRAMMING_ERROR);
-    ProcessLockGuard lock(lockId_);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
     if (!fits(shmAddr_, weight, false)) raise("no more slat.");
-    slatID_ = allocSlat(shmAddr_, userName, userInfo, weight, userType);
+    // A slat returned automatically belongs to this process: if it dies
+    // holding it, the budget gets it back.
+    slatID_ = allocSlat(budget, shmAddr_, userName, userInfo, weight, userType, autoReturn, weight);
     if (slatID_ < 0) raise("slat alloc fail.");
-    shmAddr_->currentTotalConnections = wrappingAdd(shmAddr_->currentTotalConnections, weight);
     autoReturn_ = autoReturn;
     return slatID_;
 }
@@ -119,16 +147,19 @@ void InfosGetter::retConn(int slat) {
         fputs("programming error\n", stderr);
         return;
     }
-    ProcessLockGuard lock(lockId_);
-    takeBack(shmAddr_, deleteSlat(shmAddr_, slat));
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
+    deleteSlat(budget, shmAddr_, slat, true);
 }
 
 void InfosGetter::resetAllConnections() {
     if (!attached()) programmingError(raise);
-    ProcessLockGuard lock(lockId_);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
     for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS; ++i) {
-        int32_t& total = shmAddr_->currentTotalConnections;
-        total = wrappingSub(total, deleteSlat(shmAddr_, i));
+        budget.change(i, [&] {
+            int32_t& total = shmAddr_->currentTotalConnections;
+            total = wrappingSub(total, clearSlat(shmAddr_, i));
+            budget.setHolder(i, false);
+        });
     }
     takeBack(shmAddr_, 0);
 }
@@ -140,6 +171,7 @@ int InfosGetter::getMaxConnections() {
 
 int InfosGetter::getCurrentTotalConnections() {
     if (!attached()) raise(PROGRAMMING_ERROR);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
     return shmAddr_->currentTotalConnections;
 }
 
@@ -225,7 +257,7 @@ unsigned char* InfosGetter::getSPS(int profileID) {
 }
 
 int InfosGetter::getSPSSize(int profileID) {
-    return anyProfile(profileID, "InfosPutter::getH264SPSSize programming error").sdp.spsSize;
+    return blobSize(anyProfile(profileID, "InfosPutter::getH264SPSSize programming error").sdp.spsSize);
 }
 
 unsigned char* InfosGetter::getPPS(int profileID) {
@@ -233,7 +265,7 @@ unsigned char* InfosGetter::getPPS(int profileID) {
 }
 
 int InfosGetter::getPPSSize(int profileID) {
-    return anyProfile(profileID, "InfosPutter::getH264PPSSize programming error").sdp.ppsSize;
+    return blobSize(anyProfile(profileID, "InfosPutter::getH264PPSSize programming error").sdp.ppsSize);
 }
 
 unsigned char* InfosGetter::getVOL(int profileID) {
@@ -241,26 +273,26 @@ unsigned char* InfosGetter::getVOL(int profileID) {
 }
 
 int InfosGetter::getVOLSize(int profileID) {
-    return anyProfile(profileID, "InfosPutter::getVOLSize programming error").sdp.volSize;
+    return blobSize(anyProfile(profileID, "InfosPutter::getVOLSize programming error").sdp.volSize);
 }
 
 // The slat operations report by their results only; on an unattached getter
 // they give their "nothing done" result.
 int InfosGetter::allocUserSlat(const char* userName, const char* userInfo, int weight, int userType) {
     if (!attached()) return -1;
-    ProcessLockGuard lock(lockId_);
-    return allocSlat(shmAddr_, userName, userInfo, weight, userType);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
+    return allocSlat(budget, shmAddr_, userName, userInfo, weight, userType);
 }
 
 int InfosGetter::deleteUserSlat(int slat) {
     if (!attached()) return 0;
-    ProcessLockGuard lock(lockId_);
-    return deleteSlat(shmAddr_, slat);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
+    return deleteSlat(budget, shmAddr_, slat);
 }
 
 int InfosGetter::getUserList(char* buffer, int size) {
     if (!attached() || buffer == nullptr) return 0;
-    ProcessLockGuard lock(lockId_);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
     int count = 0;
     for (int i = 0; i < shmAddr_->maxConn && i < MAX_USER_SLATS && size >= USER_SLAT_SIZE; ++i) {
         if (!slatInUse(shmAddr_, i)) continue;
@@ -277,7 +309,7 @@ int InfosGetter::getUserList(char* buffer, int size) {
 int InfosGetter::resetUserSlat(const char* userName, const char* userInfo, int slat) {
     if (!attached()) return 1;
     if (slat < 0 || slat >= shmAddr_->maxConn || slat >= MAX_USER_SLATS) return 1;
-    ProcessLockGuard lock(lockId_);
+    BudgetSession budget(lockId_, lockSems_, shmAddr_);
     if (slatInUse(shmAddr_, slat)) writeNames(shmAddr_->slats[slat], userName, userInfo);
     return 0;
 }

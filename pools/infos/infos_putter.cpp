@@ -4,6 +4,7 @@
 #include "../common/process_lock.h"
 #include "../common/segment.h"
 #include "area.h"
+#include "budget.h"
 
 #include <cstring>
 #include <sys/shm.h>
@@ -49,7 +50,7 @@ void InfosPutter::init(int key) {
     if (shmid_ != -1 || shmAddr_ != notAttached<InfoArea>()) raise("InfosPutter::init programming error");
     // The lock exists before the area does, so a server that finds the area
     // always finds its lock.
-    lockId_ = createProcessLock(key, "InfosPutter::init semget failed", raise);
+    lockId_ = createProcessLock(key, BUDGET_SEMS, "InfosPutter::init semget failed", raise);
     shmid_ = createWithRetry([&] { return createSegment(key, INFOS_AREA_SIZE); }, [&] { forceReleaseShm(key); },
                              "InfosPutter::init shmget failed", raise, "");
     void* address = shmat(shmid_, nullptr, 0);

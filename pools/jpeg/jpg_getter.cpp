@@ -5,17 +5,14 @@
 #include "../common/errors.h"
 #include "../common/ring_scan.h"
 #include "../common/segment.h"
+#include "../common/shared_word.h"
 #include "../common/slot_lock.h"
 
 using namespace avpool::detail;
 
 namespace {
 constexpr Raise raise = raiseAs<JPGGetterError>;
-
-// The writer moves `current` while a search runs; read it from memory every time.
-int liveCurrent(const JPGPoolHeader* pool) {
-    return *static_cast<const volatile int32_t*>(&pool->current);
-}
+constexpr const char* FRAME_OVERWRITTEN = "frame overwritten.";
 }  // namespace
 
 JPGGetter::JPGGetter() = default;
@@ -24,18 +21,38 @@ JPGGetter::~JPGGetter() {
     release();
 }
 
+// Everything the getter later uses as an index, divisor or pointer is taken
+// from the header here, once, and only when it describes a pool that fits the
+// segment. frameCount is the word the writer stores last, so it is read first.
 void JPGGetter::init(int channel) {
     channel_ = channel;
     key_t key = JPG_BASE_KEY + channel;
     pool_ = static_cast<JPGPoolHeader*>(openPoolSegment(shmId_, key, JPG_HEADER_SIZE, AttachFailure::Null, raise));
-    frameCount_ = pool_->frameCount;
-    maxFrameSize_ = pool_->maxFrameSize;
+    if (!isAttached(pool_)) notReady();
+    int32_t frameCount = loadShared(pool_->frameCount);
+    JPGPoolHeader header = readShared(*pool_);
+    ringLength_ = ringLengthOf({JPG_HEADER_SIZE, static_cast<int32_t>(sizeof(JPGFrameInfo)), frameCount,
+                                header.framePrefixSize, header.safeTimeOffset, header.frameInfoOffset,
+                                header.dataOffset},
+                               segmentSize(shmId_), JPG_MAX_FRAME_COUNT);
+    if (ringLength_ < 0) notReady();
+    frameCount_ = frameCount;
+    maxFrameSize_ = header.maxFrameSize;
     unsigned char* base = reinterpret_cast<unsigned char*>(pool_);
-    data_ = base + pool_->dataOffset;
-    safeTime_ = reinterpret_cast<int32_t*>(base + pool_->safeTimeOffset);
-    frameInfo_ = reinterpret_cast<JPGFrameInfo*>(base + pool_->frameInfoOffset);
+    data_ = base + header.dataOffset;
+    safeTime_ = reinterpret_cast<int32_t*>(base + header.safeTimeOffset);
+    frameInfo_ = reinterpret_cast<JPGFrameInfo*>(base + header.frameInfoOffset);
     semId_ = openSemSet(key, frameCount_, raise);
-    current_ = pool_->current;
+    current_ = writer();
+}
+
+// A header that is not (yet) a pool's: detach, so that nothing is read through
+// it, and say so.
+void JPGGetter::notReady() {
+    if (pool_ == notAttached<JPGPoolHeader>()) pool_ = nullptr;
+    release();
+    raise(POOL_NOT_READY);
+    __builtin_unreachable();
 }
 
 void JPGGetter::requireAttached() const {
@@ -77,12 +94,16 @@ void JPGGetter::probeAge(int maxAge) {
     avpool::detail::probeAge(frameInfo_[current_].tv_sec, maxAge, raise);
 }
 
+int JPGGetter::writer() const {
+    return writerSlot(pool_->current, frameCount_);
+}
+
 int JPGGetter::next(int slot) const {
     return nextSlot(slot, frameCount_);
 }
 
-bool JPGGetter::intact(int slot) const {
-    return entryIntact(data_, frameInfo_[slot].dataPosition, frameInfo_[slot].frameID);
+bool JPGGetter::intact(const JPGFrameInfo& info) const {
+    return entryIntact(data_, ringLength_, info.dataPosition, info.frameLength, info.frameID);
 }
 
 unsigned long long JPGGetter::settle(int& safeTime) {
@@ -90,23 +111,31 @@ unsigned long long JPGGetter::settle(int& safeTime) {
     return frameInfo_[current_].frameID.get();
 }
 
+// Slots whose bytes were reused, or whose record points outside the ring, are
+// skipped. One round at most: a ring with no intact slot at all has been
+// overwritten under the reader (or is not a pool's), and waiting here for the
+// writer could last for ever.
 void JPGGetter::getFrame() {
     requireAttached();
-    while (!intact(current_)) current_ = (current_ + 1) % frameCount_;
-    const JPGFrameInfo& info = frameInfo_[current_];
-    frame.width = info.width;
-    frame.height = info.height;
-    frame.fps = info.fps;
-    frame.quality = info.quality;
-    frame.tv_sec = info.tv_sec;
-    frame.tv_usec = info.tv_usec;
-    frame.frameLength = info.frameLength;
-    frame.data = data_ + info.dataPosition + pool_->framePrefixSize;
+    for (int step = 0; step < frameCount_; ++step, current_ = next(current_)) {
+        const JPGFrameInfo info = readShared(frameInfo_[current_]);
+        if (!intact(info)) continue;
+        frame.width = info.width;
+        frame.height = info.height;
+        frame.fps = info.fps;
+        frame.quality = info.quality;
+        frame.tv_sec = info.tv_sec;
+        frame.tv_usec = info.tv_usec;
+        frame.frameLength = info.frameLength;
+        frame.data = data_ + info.dataPosition + JPG_FRAME_PREFIX_SIZE;
+        return;
+    }
+    raise(FRAME_OVERWRITTEN);
 }
 
 unsigned long long JPGGetter::toWorking(int& safeTime) {
     requireAttached();
-    current_ = liveCurrent(pool_);
+    current_ = writer();
     return settle(safeTime);
 }
 
@@ -120,8 +149,12 @@ template <class Qualifies>
 unsigned long long JPGGetter::scanOldest(int& safeTime, Qualifies qualifies) {
     requireAttached();
     current_ = avpool::detail::scanOldest(
-        oldestUsable(liveCurrent(pool_), frameCount_), frameCount_,
-        [&](int slot) { return qualifies(frameInfo_[slot]) && intact(slot); }, [&] { return liveCurrent(pool_); });
+        oldestUsable(writer(), frameCount_), frameCount_,
+        [&](int slot) {
+            const JPGFrameInfo info = readShared(frameInfo_[slot]);
+            return qualifies(info) && intact(info);
+        },
+        [&] { return writer(); });
     return settle(safeTime);
 }
 
@@ -140,11 +173,13 @@ unsigned long long JPGGetter::toOldestWorking(int& safeTime, int second, int mic
 template <class Matches>
 unsigned long long JPGGetter::scanExact(int& safeTime, int second, Matches matches) {
     requireAttached();
-    int writer = liveCurrent(pool_);
-    current_ = oldestUsable(writer, frameCount_);
+    int newest = writer();
+    current_ = oldestUsable(newest, frameCount_);
     if (frameInfo_[current_].tv_sec > second) return avpool::NOT_FOUND;
-    bool found = avpool::detail::scanExact(current_, (writer + 1) % frameCount_, frameCount_,
-                                           [&](int slot) { return matches(frameInfo_[slot]) && intact(slot); });
+    bool found = avpool::detail::scanExact(current_, next(newest), frameCount_, [&](int slot) {
+        const JPGFrameInfo info = readShared(frameInfo_[slot]);
+        return matches(info) && intact(info);
+    });
     return found ? settle(safeTime) : avpool::NOT_FOUND;
 }
 
@@ -165,7 +200,7 @@ unsigned long long JPGGetter::getFrameID() {
 
 void JPGGetter::waitReady() {
     requireAttached();
-    waitForOpen(semId_, frameInfo_[current_].lockIndex, OnSignal::Retry, raise);
+    waitForSlotLock(semId_, frameInfo_[current_].lockIndex, frameCount_, OnSignal::Retry, raise);
 }
 
 void JPGGetter::release() {

@@ -5,6 +5,7 @@
 #include "../common/ring_scan.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
+#include "../common/shared_word.h"
 #include "../common/slot_lock.h"
 
 #include <cstdio>
@@ -40,7 +41,6 @@ void JPGPutter::init(int channel, int frameCount, int maxFrameSize, int dataSize
     initLock();
 
     pool_->current = 0;
-    pool_->frameCount = frameCount;
     pool_->maxFrameSize = maxFrameSize;
     pool_->framePrefixSize = JPG_FRAME_PREFIX_SIZE;
     pool_->safeTimeOffset = JPG_HEADER_SIZE;
@@ -65,6 +65,9 @@ void JPGPutter::init(int channel, int frameCount, int maxFrameSize, int dataSize
         info.frameLength = 0;
         info.dataPosition = 0;
     }
+    // Last: a reader takes the header only once frameCount is set, and then
+    // finds everything above in place.
+    storeShared(pool_->frameCount, frameCount);
 }
 
 void JPGPutter::reset(int width, int height, int fps, int quality) {
@@ -96,7 +99,7 @@ void JPGPutter::putRealFPS(int fps) {
 }
 
 int JPGPutter::putFrame(void* data, int length, const timeval& captureTime) {
-    if (length > maxFrameSize_) return 0;
+    if (length > maxFrameSize_ || length < 0) return 0;
     ++frameCounter_;
     current_ = nextJPGFrame(current_);
     // The slot after this one is the next to be overwritten: close it before the
@@ -106,7 +109,7 @@ int JPGPutter::putFrame(void* data, int length, const timeval& captureTime) {
 
     JPGFrameInfo& info = frameInfo_[current_];
     info.frameID.set(frameCounter_);
-    pool_->current = current_;
+    storeShared(pool_->current, current_);
     info.quality = quality_;
     info.fps = fps_;
     info.width = width_;

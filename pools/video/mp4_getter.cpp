@@ -5,6 +5,7 @@
 #include "../common/errors.h"
 #include "../common/ring_scan.h"
 #include "../common/segment.h"
+#include "../common/shared_word.h"
 #include "../common/slot_lock.h"
 
 #include <cstdio>
@@ -13,11 +14,6 @@ using namespace avpool::detail;
 
 namespace {
 constexpr Raise raise = raiseAs<MP4GetterError>;
-
-// The writer moves workingGop while a search runs; read it from memory every time.
-int liveWorkingGop(const MP4PoolHeader* pool) {
-    return *static_cast<const volatile int32_t*>(&pool->workingGop);
-}
 }  // namespace
 
 MP4Getter::MP4Getter() = default;
@@ -26,22 +22,49 @@ MP4Getter::~MP4Getter() {
     release();
 }
 
+// Everything the getter later uses as an index, divisor or pointer is taken
+// from the header here, once, and only when it describes a pool that fits the
+// segment. gopCount is the word the writer stores last, so it is read first.
 void MP4Getter::init(int channel) {
     channel_ = channel;
     pool_ = static_cast<MP4PoolHeader*>(
         openPoolSegment(shmId_, MP4_BASE_KEY + channel, MP4_HEADER_SIZE, AttachFailure::Null, raise));
-    gopCount_ = pool_->gopCount;
-    framesPerGop_ = pool_->framesPerGop;
-    maxFrameSize_ = pool_->maxFrameSize;
+    if (!isAttached(pool_)) notReady();
+    int32_t gopCount = loadShared(pool_->gopCount);
+    MP4PoolHeader header = readShared(*pool_);
+    int64_t slots = int64_t{gopCount} * header.framesPerGop;
+    bool counted = gopCount >= 1 && header.framesPerGop >= 1 && slots <= MP4_MAX_FRAME_COUNT;
+    ringLength_ = counted ? ringLengthOf({MP4_HEADER_SIZE, static_cast<int32_t>(sizeof(MP4FrameInfo)),
+                                          static_cast<int32_t>(slots), header.framePrefixSize,
+                                          header.safeTimeOffset, header.frameInfoOffset, header.dataOffset},
+                                         segmentSize(shmId_), MP4_MAX_FRAME_COUNT)
+                          : -1;
+    if (ringLength_ < 0) notReady();
+    gopCount_ = gopCount;
+    framesPerGop_ = header.framesPerGop;
+    maxFrameSize_ = header.maxFrameSize;
     poolSize_ = gopCount_ * framesPerGop_;
     unsigned char* base = reinterpret_cast<unsigned char*>(pool_);
-    safeTime_ = reinterpret_cast<int32_t*>(base + pool_->safeTimeOffset);
-    frameInfo_ = reinterpret_cast<MP4FrameInfo*>(base + pool_->frameInfoOffset);
-    data_ = base + pool_->dataOffset;
+    safeTime_ = reinterpret_cast<int32_t*>(base + header.safeTimeOffset);
+    frameInfo_ = reinterpret_cast<MP4FrameInfo*>(base + header.frameInfoOffset);
+    data_ = base + header.dataOffset;
     fprintf(stderr, "MP4Getter A:%p sA:%p fA:%p dA:%p\n", static_cast<void*>(pool_), static_cast<void*>(safeTime_),
             static_cast<void*>(frameInfo_), static_cast<void*>(data_));
     openSemGroups(MP4_BASE_KEY + channel * 16, poolSize_, sems_, raise);
     workingGop_ = 0;
+}
+
+// A header that is not (yet) a pool's: detach, so that nothing is read through
+// it, and say so.
+void MP4Getter::notReady() {
+    if (pool_ == notAttached<MP4PoolHeader>()) pool_ = nullptr;
+    release();
+    raise(POOL_NOT_READY);
+    __builtin_unreachable();
+}
+
+int MP4Getter::writer() const {
+    return writerSlot(pool_->workingGop, gopCount_);
 }
 
 void MP4Getter::requireAttached() const {
@@ -52,10 +75,8 @@ const MP4FrameInfo& MP4Getter::first(int gop) const {
     return frameInfo_[gop * framesPerGop_];
 }
 
-// A GOP is readable while the bytes of its I frame have not been reused.
-bool MP4Getter::gopValid(int gop) const {
-    const MP4FrameInfo& info = first(gop);
-    return entryIntact(data_, info.dataPosition, info.frameID);
+bool MP4Getter::intact(const MP4FrameInfo& info) const {
+    return entryIntact(data_, ringLength_, info.dataPosition, info.frameLength, info.frameID);
 }
 
 unsigned long long MP4Getter::enterGop(int& safeTime) {
@@ -69,7 +90,7 @@ unsigned long long MP4Getter::enterGop(int& safeTime) {
 
 unsigned long long MP4Getter::toWorkingGop(int& safeTime) {
     requireAttached();
-    workingGop_ = liveWorkingGop(pool_);
+    workingGop_ = writer();
     return enterGop(safeTime);
 }
 
@@ -83,8 +104,13 @@ template <class Qualifies>
 unsigned long long MP4Getter::scanOldest(int& safeTime, Qualifies qualifies) {
     requireAttached();
     workingGop_ = avpool::detail::scanOldest(
-        oldestUsable(liveWorkingGop(pool_), gopCount_), gopCount_,
-        [&](int gop) { return qualifies(first(gop)) && gopValid(gop); }, [&] { return liveWorkingGop(pool_); });
+        oldestUsable(writer(), gopCount_), gopCount_,
+        [&](int gop) {
+            // A GOP is readable while the bytes of its I frame have not been reused.
+            const MP4FrameInfo info = readShared(first(gop));
+            return qualifies(info) && intact(info);
+        },
+        [&] { return writer(); });
     return enterGop(safeTime);
 }
 
@@ -100,13 +126,15 @@ unsigned long long MP4Getter::toOldestWorkingGop(int& safeTime, int sec, int use
 template <class Matches>
 unsigned long long MP4Getter::scanExact(int& safeTime, int sec, Matches matches) {
     requireAttached();
-    int writer = liveWorkingGop(pool_);
-    workingGop_ = oldestUsable(writer, gopCount_);
+    int newest = writer();
+    workingGop_ = oldestUsable(newest, gopCount_);
     if (sec < first(workingGop_).tv_sec) return avpool::NOT_FOUND;
     // The stop GOP is taken modulo the slot count, not the GOP count: with the
     // writer on the last GOP it never occurs and only the step count ends the scan.
-    bool found = avpool::detail::scanExact(workingGop_, (writer + 1) % poolSize_, gopCount_,
-                                           [&](int gop) { return matches(first(gop)) && gopValid(gop); });
+    bool found = avpool::detail::scanExact(workingGop_, (newest + 1) % poolSize_, gopCount_, [&](int gop) {
+        const MP4FrameInfo info = readShared(first(gop));
+        return matches(info) && intact(info);
+    });
     return found ? enterGop(safeTime) : avpool::NOT_FOUND;
 }
 
@@ -158,19 +186,24 @@ int MP4Getter::probeAge(int maxAge) {
     return avpool::detail::probeAge(first(workingGop_).tv_sec, maxAge, raise);
 }
 
-int MP4Getter::waitFrameReady(int k) {
+// k comes from the caller: a frame outside the GOP is a programming error.
+int MP4Getter::slotOf(int k) const {
     requireAttached();
-    waitForOpenGrouped(sems_, frameInfo_[workingGop_ * framesPerGop_ + k].lockIndex, OnSignal::Retry, raise);
+    if (k < 0 || k >= framesPerGop_) programmingError(raise);
+    return workingGop_ * framesPerGop_ + k;
+}
+
+int MP4Getter::waitFrameReady(int k) {
+    waitForSlotLock(sems_, frameInfo_[slotOf(k)].lockIndex, poolSize_, OnSignal::Retry, raise);
     return 0;
 }
 
 unsigned long long MP4Getter::getFrameData(int k) {
-    requireAttached();
-    const MP4FrameInfo& info = frameInfo_[workingGop_ * framesPerGop_ + k];
-    if (!entryIntact(data_, info.dataPosition, info.frameID)) return 0;
+    const MP4FrameInfo info = readShared(frameInfo_[slotOf(k)]);
+    if (!intact(info)) return 0;
     frameTime.tv_sec = info.tv_sec;
     frameTime.tv_usec = info.tv_usec;
-    frameData = data_ + info.dataPosition + pool_->framePrefixSize;
+    frameData = data_ + info.dataPosition + FRAME_PREFIX_SIZE;
     frameLength = info.frameLength;
     return info.frameID.get();
 }

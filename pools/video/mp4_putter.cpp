@@ -5,6 +5,7 @@
 #include "../common/ring_scan.h"
 #include "../common/safe_time.h"
 #include "../common/segment.h"
+#include "../common/shared_word.h"
 #include "../common/slot_lock.h"
 
 #include <cstdio>
@@ -47,7 +48,6 @@ void MP4Putter::init(int channel, int gopCount, int framesPerGop, int maxFrameSi
     initLock();
 
     pool_->workingGop = 0;
-    pool_->gopCount = gopCount;
     pool_->framesPerGop = framesPerGop;
     pool_->maxFrameSize = maxFrameSize;
     pool_->framePrefixSize = FRAME_PREFIX_SIZE;
@@ -73,6 +73,9 @@ void MP4Putter::init(int channel, int gopCount, int framesPerGop, int maxFrameSi
         info.dataPosition = 0;
         info.lockIndex = i;
     }
+    // Last: a reader takes the header only once gopCount is set, and then finds
+    // everything above in place.
+    storeShared(pool_->gopCount, gopCount);
 }
 
 void MP4Putter::reset(int width, int height, int fps) {
@@ -119,7 +122,7 @@ void MP4Putter::storeFrame(int slot, void* data, int length, const timeval& tv) 
 }
 
 int MP4Putter::putIFrame(void* data, int length, const timeval& tv) {
-    if (length > maxFrameSize_) {
+    if (length > maxFrameSize_ || length < 0) {
         skipUntilIFrame_ = true;
         return 1;
     }
@@ -136,13 +139,13 @@ int MP4Putter::putIFrame(void* data, int length, const timeval& tv) {
     setSafeTime();
 
     int slot = currentGop_ * framesPerGop_;
-    pool_->workingGop = currentGop_;
+    storeShared(pool_->workingGop, currentGop_);
     storeFrame(slot, data, length, tv);
     return openLock(frameInfo_[slot].lockIndex);
 }
 
 void MP4Putter::putPFrame(void* data, int length, const timeval& tv) {
-    if (skipUntilIFrame_) return;
+    if (skipUntilIFrame_ || length < 0) return;
     // An oversized P frame is cut to maxFrameSize rather than dropped.
     int len = min(maxFrameSize_, length);
     if (++frameIndex_ >= framesPerGop_) {

@@ -266,7 +266,7 @@ public:
     void run(const Rendezvous& meet) {
         if (!checks_.expect(raw_.attached(), "raw read-only attach of the area")) return;
         int lock = semIdOf(INFOS_KEY);
-        checks_.equal("one semaphore in the lock set", 1, lock == -1 ? -1 : semCountOf(lock));
+        checks_.equal("twelve semaphores in the budget set", 12, lock == -1 ? -1 : semCountOf(lock));
         checks_.equal("lock free", 1, lockValue(INFOS_KEY, 0));
         getter_.init(INFOS_KEY);
         checkArea(checks_, raw_, model_, "published", 0, {});

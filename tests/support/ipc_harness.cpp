@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -302,6 +303,36 @@ int plantSegment(key_t key, size_t size, unsigned char fill) {
     memset(address, fill, size);
     shmdt(address);
     return id;
+}
+
+bool pokeWord(key_t key, size_t offset, int32_t value) {
+    int id = shmIdOf(key);
+    void* address = id == -1 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) return false;
+    memcpy(static_cast<unsigned char*>(address) + offset, &value, sizeof value);
+    shmdt(address);
+    return true;
+}
+
+bool setLockValue(key_t key, int index, int value) {
+    int id = semIdOf(key);
+    return id != -1 && semctl(id, index, SETVAL, value) == 0;
+}
+
+int faultCycles(int shortDefault) {
+    const char* cycles = getenv("AVPOOL_FAULT_CYCLES");
+    return cycles != nullptr && atoi(cycles) > 0 ? atoi(cycles) : shortDefault;
+}
+
+int ipcObjectsLeft() {
+    int count = 0;
+    for (const char* table : {"/proc/sysvipc/shm", "/proc/sysvipc/sem"}) {
+        FILE* file = fopen(table, "r");
+        char line[512];
+        for (int n = 0; file != nullptr && fgets(line, sizeof line, file) != nullptr; ++n) count += n > 0;
+        if (file != nullptr) fclose(file);
+    }
+    return count;
 }
 
 bool adjustWithUndo(key_t key, int index, short delta) {

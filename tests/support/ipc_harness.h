@@ -130,6 +130,18 @@ int plantSemSet(key_t key, int count);
 // Likewise a segment of size bytes, every byte set to fill; its id, or -1.
 int plantSegment(key_t key, size_t size, unsigned char fill);
 
+// What a stray process does: one 32-bit word written at a byte offset of the
+// segment under key, and one semaphore set to a value. False on failure.
+bool pokeWord(key_t key, size_t offset, int32_t value);
+bool setLockValue(key_t key, int index, int value);
+
+// Kill cycles of the fault-injection tests: AVPOOL_FAULT_CYCLES when set (the
+// long runs of `./dev faults`), otherwise the short default of a test run.
+int faultCycles(int shortDefault);
+
+// The System V objects of this IPC namespace: segments plus semaphore sets.
+int ipcObjectsLeft();
+
 // One semop of delta on semaphore index of the set under key, with SEM_UNDO (the
 // kernel takes it back when the process dies), retried on EINTR. False when
 // there is no set under key or the operation failed.
