@@ -91,12 +91,6 @@ const Entry& findNamed(const Entry (&entries)[N], const std::string& word, const
     throw UsageError(what + " '" + word + "' (known: " + names + ")");
 }
 
-// The row of a kinds table that name names; otherwise the verb's usage error.
-template <class Kind, size_t N>
-const Kind& findKind(const Kind (&kinds)[N], const std::string& name, const char* verb) {
-    return findNamed(kinds, name, std::string(verb) + ": unknown pool kind");
-}
-
 // The verb's usage line and --help text.
 std::string verbUsage(const Verb& verb);
 std::string verbHelp(const Verb& verb);

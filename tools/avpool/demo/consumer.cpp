@@ -28,11 +28,11 @@ ConsumerCore::ConsumerCore(const ConsumerJob& job)
 bool ConsumerCore::waitForPools() {
     if (!waitUntil([&] { return board_.ready.load(std::memory_order_acquire) != 0; })) return false;
     // Slats are for the streams of a profile, not for the audio and analysis pools.
-    if (board_.published.load(std::memory_order_relaxed) == 0 || !hasProfile(pool_.kind)) return true;
+    if (board_.published.load(std::memory_order_relaxed) == 0 || !avpool::cli::hasProfile(*pool_.kind)) return true;
     // As a server takes a slat for a client: named after the consumer, the
     // pool and the process in userInfo, returned automatically.
     char info[sizeof(UserSlat::userInfo)];
-    snprintf(info, sizeof info, "%s %d, pid %d", kindName(pool_.kind), pool_.channel, static_cast<int>(getpid()));
+    snprintf(info, sizeof info, "%s %d, pid %d", pool_.kind->name, pool_.channel, static_cast<int>(getpid()));
     infos_.init(INFOS_KEY);
     infos_.takeConn(plan_.name, info, CONSUMER_USER_TYPE, CONSUMER_WEIGHT, true);
     return true;
@@ -106,14 +106,7 @@ void ConsumerCore::account(Outcome outcome, unsigned long long id, long long cap
 int runConsumer(void* argument) {
     const ConsumerJob& job = *static_cast<const ConsumerJob*>(argument);
     try {
-        switch (job.pool->kind) {
-        case PoolKind::Jpg:
-            return runJpgConsumer(job);
-        case PoolKind::Mp4:
-            return runMp4Consumer(job);
-        default:
-            return runRingConsumer(job);
-        }
+        return job.pool->kind->consume(job);
     } catch (const std::exception& error) {
         // The producer removes its pools at the end; a reader blocked waiting
         // for a lock then fails with "semop failed.", which is its cue to stop.

@@ -82,10 +82,16 @@ private:
     InfosGetter infos_;
 };
 
-// The kinds' consumers; each runs until the board says stop or its pool goes.
-int runJpgConsumer(const ConsumerJob& job);
-int runMp4Consumer(const ConsumerJob& job);
-// The audio and analysis pools: a ring of slots read one after the other.
-int runRingConsumer(const ConsumerJob& job);
+// The kinds' consumers, which the kinds table names (PoolKind::consume); each
+// runs until the board says stop or its pool goes. The audio and analysis
+// consumers follow a ring of slots one after the other.
+int consumeJpg(const ConsumerJob& job);
+int consumeMp4(const ConsumerJob& job);
+int consumePcm(const ConsumerJob& job);
+int consumeAac(const ConsumerJob& job);
+int consumeAmr(const ConsumerJob& job);
+int consumeOpus(const ConsumerJob& job);
+int consumeLum(const ConsumerJob& job);
+int consumeMd(const ConsumerJob& job);
 
 }  // namespace avpool::demo

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "cli/children.h"
+#include "kinds/pool_kinds.h"
 
 #include <avpool/infos.h>
 
@@ -17,15 +18,6 @@
 #include <utility>
 
 namespace avpool::demo {
-
-enum class PoolKind { Jpg, Mp4, Pcm, Aac, Opus, Amr, Lum, Md };
-
-const char* kindName(PoolKind kind);  // "jpg", "mp4", "pcm", ...
-int baseKey(PoolKind kind);           // the key of channel 0's segment
-bool fixedKey(PoolKind kind);         // one pool per machine, whatever the channel
-// Pictures a client streams: a profile in the information area and a slat per consumer.
-bool hasProfile(PoolKind kind);
-bool isAudio(PoolKind kind);
 
 // The fragmentParam the producer gives AMR fragment `number`: the mode it was
 // coded in, cycling through the eight AMR-NB modes, so that a reader can tell
@@ -42,7 +34,7 @@ template <class T>
 constexpr bool oneOnMachine = OneOnMachine<T>::value;
 
 struct PoolPlan {
-    PoolKind kind;
+    const avpool::cli::PoolKind* kind;  // the kind's row: keys, writer, consumer
     int channel;
     int slots;         // jpg: frames in the ring; mp4: GOPs in the ring
     int framesPerGop;  // mp4: frame slots per GOP (jpg: 1)
@@ -146,8 +138,8 @@ struct ConsumerJob {
     ConsumerBoard* counters;  // this consumer's place on the board
 };
 
-// Body of a consumer process (a ConsumerJob for any kind of pool); its
-// result is the process's exit code.
+// Body of a consumer process (a ConsumerJob for any kind of pool): runs the
+// consumer of the pool's kind; its result is the process's exit code.
 int runConsumer(void* job);
 
 // The demo's profiles in the information area, one per pool, published as an

@@ -123,7 +123,7 @@ int JpgConsumer::run() {
 
 }  // namespace
 
-int runJpgConsumer(const ConsumerJob& job) {
+int consumeJpg(const ConsumerJob& job) {
     JpgConsumer consumer(job);
     return consumer.run();
 }

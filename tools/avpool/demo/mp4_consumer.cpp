@@ -194,7 +194,7 @@ int Mp4Consumer::run() {
 
 }  // namespace
 
-int runMp4Consumer(const ConsumerJob& job) {
+int consumeMp4(const ConsumerJob& job) {
     Mp4Consumer consumer(job);
     return consumer.run();
 }

@@ -36,88 +36,47 @@
 
 namespace avpool::demo {
 
-const char* kindName(PoolKind kind) {
-    switch (kind) {
-    case PoolKind::Jpg:
-        return "jpg";
-    case PoolKind::Mp4:
-        return "mp4";
-    case PoolKind::Pcm:
-        return "pcm";
-    case PoolKind::Aac:
-        return "aac";
-    case PoolKind::Opus:
-        return "opus";
-    case PoolKind::Amr:
-        return "amr";
-    case PoolKind::Lum:
-        return "lum";
-    case PoolKind::Md:
-        break;
-    }
-    return "md";
-}
-
-// The keys come from the tool's table of pool kinds, which has a row for
-// every kind the demo runs.
-static const avpool::cli::PoolKindInfo& poolKind(PoolKind kind) {
-    return *avpool::cli::findPoolKind(kindName(kind));
-}
-
-int baseKey(PoolKind kind) {
-    return poolKind(kind).baseKey;
-}
-
-bool fixedKey(PoolKind kind) {
-    return !poolKind(kind).perChannel;
-}
-
-bool hasProfile(PoolKind kind) {
-    return kind == PoolKind::Jpg || kind == PoolKind::Mp4;
-}
-
-bool isAudio(PoolKind kind) {
-    return kind == PoolKind::Pcm || kind == PoolKind::Aac || kind == PoolKind::Opus || kind == PoolKind::Amr;
-}
+using avpool::cli::Family;
+namespace kinds = avpool::cli::kinds;
 
 int amrMode(unsigned long long number) {
     return static_cast<int>(number % 8);
 }
 
 int segmentKey(const PoolPlan& plan) {
-    return avpool::cli::segmentKey(poolKind(plan.kind), plan.channel);
+    return avpool::cli::segmentKey(*plan.kind, plan.channel);
 }
 
 int lockKey(const PoolPlan& plan) {
-    return avpool::cli::firstLockKey(poolKind(plan.kind), plan.channel);
+    return avpool::cli::firstLockKey(*plan.kind, plan.channel);
 }
 
 const char* poolLabel(const PoolPlan& plan, char* text, int size) {
-    if (fixedKey(plan.kind))
-        snprintf(text, size, "%s -", kindName(plan.kind));
+    if (!plan.kind->perChannel)
+        snprintf(text, size, "%s -", plan.kind->name);
     else
-        snprintf(text, size, "%s %d", kindName(plan.kind), plan.channel);
+        snprintf(text, size, "%s %d", plan.kind->name, plan.channel);
     return text;
 }
 
 long long periodNs(const PoolPlan& plan) {
-    if (isAudio(plan.kind)) return plan.fragmentMs * avpool::cli::NS_PER_S / 1000;
+    if (plan.kind->family == Family::Audio) return plan.fragmentMs * avpool::cli::NS_PER_S / 1000;
     return avpool::cli::NS_PER_S / plan.fps;
 }
 
 int maxFrameSize(const PoolPlan& plan) {
-    return plan.kind == PoolKind::Mp4 ? plan.maxKey : plan.maxFrame;
+    return plan.kind->family == Family::Video ? plan.maxKey : plan.maxFrame;
 }
 
 // Per slot a frame record and a safe time, then the ring.
 int dataSize(const PoolPlan& plan) {
-    if (plan.kind == PoolKind::Mp4)
+    if (plan.kind->family == Family::Video)
         return static_cast<int>(sizeof(MP4FrameInfo) + 4) * plan.slots * plan.framesPerGop + plan.ringBytes;
     return static_cast<int>(sizeof(JPGFrameInfo) + 4) * plan.slots + plan.ringBytes;
 }
 
 int segmentSize(const PoolPlan& plan) {
-    return dataSize(plan) + (plan.kind == PoolKind::Mp4 ? MP4_HEADER_SIZE : JPG_HEADER_SIZE);
+    return dataSize(plan) + (plan.kind->family == Family::Video ? MP4_HEADER_SIZE : JPG_HEADER_SIZE);
 }
 
 namespace {
@@ -159,21 +118,21 @@ const PoolPlan poolPlans[] = {
     // kind, channel, slots, frames per GOP, fps, width, height, quality, frame
     // sizes, I frame sizes, short GOPs, ring bytes; audio format, channels,
     // rate, streamParam, fragment ms, samples; vibration, stamped parts
-    {PoolKind::Jpg, 0, 12, 1, 25, 640, 480, 80, 2048, 65536, 0, 0, 0, 0, 256 * 1024, 0, 0, 0, 0, 0, 0, 0, 1},
-    {PoolKind::Jpg, 1, 8, 1, 10, 320, 240, 60, 512, 16384, 0, 0, 0, 0, 96 * 1024, 0, 0, 0, 0, 0, 0, 0, 1},
-    {PoolKind::Mp4, 0, 8, 30, 30, 1280, 720, 0, 2048, 12288, 30720, 61440, 5, 18, 640 * 1024, 0, 0, 0, 0, 0, 0, 0,
+    {&kinds::jpg, 0, 12, 1, 25, 640, 480, 80, 2048, 65536, 0, 0, 0, 0, 256 * 1024, 0, 0, 0, 0, 0, 0, 0, 1},
+    {&kinds::jpg, 1, 8, 1, 10, 320, 240, 60, 512, 16384, 0, 0, 0, 0, 96 * 1024, 0, 0, 0, 0, 0, 0, 0, 1},
+    {&kinds::mp4, 0, 8, 30, 30, 1280, 720, 0, 2048, 12288, 30720, 61440, 5, 18, 640 * 1024, 0, 0, 0, 0, 0, 0, 0,
      1},
-    {PoolKind::Pcm, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, PCM_FRAGMENT_SIZE, PCM_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1,
+    {&kinds::pcm, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, PCM_FRAGMENT_SIZE, PCM_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1,
      8000, 0, 128, 1024, 0, 1},
-    {PoolKind::Aac, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 64, AAC_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0x1588,
+    {&kinds::aac, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 64, AAC_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0x1588,
      256, 2048, 0, 1},
-    {PoolKind::Opus, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, STAMP_SIZE, OPUS_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 8, 1, 8000, 0,
+    {&kinds::opus, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, STAMP_SIZE, OPUS_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 8, 1, 8000, 0,
      64, 512, 0, 1},
-    {PoolKind::Amr, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 32, AMR_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0xff,
+    {&kinds::amr, 0, AUDIO_SLOT_COUNT, 1, 0, 0, 0, 0, 32, AMR_MAX_FRAGMENT_SIZE, 0, 0, 0, 0, 0, 16, 1, 8000, 0xff,
      256, 2048, 0, 1},
-    {PoolKind::Lum, 0, LUM_FRAME_COUNT, 1, 30, 80, 64, 0, 80 * 64 * 2, 80 * 64 * 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+    {&kinds::lum, 0, LUM_FRAME_COUNT, 1, 30, 80, 64, 0, 80 * 64 * 2, 80 * 64 * 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
      0, 1},
-    {PoolKind::Md, 0, MD_FRAME_COUNT, 1, 30, 64, 48, 0, 64 * 48 * 4, 64 * 48 * 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 42,
+    {&kinds::md, 0, MD_FRAME_COUNT, 1, 30, 64, 48, 0, 64 * 48 * 4, 64 * 48 * 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 42,
      2},
 };
 constexpr int POOL_COUNT = sizeof poolPlans / sizeof poolPlans[0];
@@ -250,13 +209,13 @@ void castPools(int firstChannel, Cast& cast) {
         plan.channel += firstChannel;
         index[p] = -1;
         pid_t creator = avpool::cli::runningCreator(segmentKey(plan));
-        if (creator != 0 && fixedKey(plan.kind)) {
+        if (creator != 0 && !plan.kind->perChannel) {
             cast.owners[cast.leftAloneCount] = creator;
             cast.leftAlone[cast.leftAloneCount++] = plan;
             continue;
         }
         if (creator != 0)
-            throw CliError("demo: the " + avpool::cli::poolName(kindName(plan.kind), plan.channel) +
+            throw CliError("demo: the " + avpool::cli::poolName(plan.kind->name, plan.channel) +
                            " belongs to running pid " + std::to_string(creator) + "; choose other channels with --channel");
         index[p] = cast.poolCount;
         cast.pools[cast.poolCount++] = plan;
@@ -269,7 +228,7 @@ void castPools(int firstChannel, Cast& cast) {
             const PoolPlan& other = q < cast.poolCount ? cast.pools[q] : cast.leftAlone[q - cast.poolCount];
             if (q == p || lockKey(other) != lockKey(plan)) continue;
             throw CliError(std::string("demo: on channel ") + std::to_string(firstChannel) + " the " +
-                           kindName(plan.kind) + " and " + kindName(other.kind) +
+                           plan.kind->name + " and " + other.kind->name +
                            " pools would keep their locks under one key, " + avpool::cli::hexKey(lockKey(plan)) +
                            "; choose other channels with --channel");
         }
@@ -296,7 +255,7 @@ struct ProducedPool {
 
 void createPool(ProducedPool& pool, const PoolPlan& plan) {
     pool.plan = plan;
-    pool.writer = makeWriter(plan);
+    pool.writer = plan.kind->writer(plan);
     pool.buffer.resize(static_cast<size_t>(maxFrameSize(plan)) * plan.parts);
     pool.periodNs = periodNs(plan);
 }
@@ -305,7 +264,7 @@ void createPool(ProducedPool& pool, const PoolPlan& plan) {
 // all its frames, or all that a short GOP gets.
 bool opensGop(const ProducedPool& pool) {
     const PoolPlan& plan = pool.plan;
-    if (plan.kind != PoolKind::Mp4) return false;
+    if (plan.kind->family != Family::Video) return false;
     if (pool.gop == 0) return true;
     bool isShort = plan.shortGop > 0 && pool.gop % static_cast<unsigned long long>(plan.shortGop) == 0;
     return pool.inGop >= (isShort ? plan.shortLength : plan.framesPerGop);
@@ -320,7 +279,7 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     const PoolPlan& plan = pool.plan;
     unsigned long long number = pool.number + 1;
     bool key = opensGop(pool);
-    uint32_t stream = static_cast<uint32_t>(plan.channel) | static_cast<uint32_t>(plan.kind) << 8;
+    uint32_t stream = static_cast<uint32_t>(plan.channel) | static_cast<uint32_t>(plan.kind->demoStream) << 8;
     int length = key ? stampedLength(number, stream, plan.minKey, plan.maxKey)
                      : stampedLength(number, stream, plan.minFrame, plan.maxFrame);
     // Each array of an element carries its own stamp.
@@ -333,7 +292,7 @@ void putNextFrame(ProducedPool& pool, PoolBoard& published) {
     // this frame over an older one also finds this number here.
     published.started.store(number, std::memory_order_seq_cst);
     if (!pool.writer->put(pool.buffer.data(), length, number, key, captured))
-        throw CliError("demo: the " + avpool::cli::poolName(kindName(plan.kind), plan.channel) + " refused frame " +
+        throw CliError("demo: the " + avpool::cli::poolName(plan.kind->name, plan.channel) + " refused frame " +
                        std::to_string(number));
     if (key) {
         ++pool.gop;

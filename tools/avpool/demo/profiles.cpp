@@ -16,6 +16,8 @@ namespace avpool::demo {
 
 namespace {
 
+using avpool::cli::Family;
+using avpool::cli::hasProfile;
 using avpool::cli::PROFILE_JPEG;
 using avpool::cli::PROFILE_STREAMING;
 
@@ -65,8 +67,8 @@ ProfilePublisher::ProfilePublisher(const PoolPlan* plans, int count) : count_(0)
     if (connections_.owner != 0) return;
     const PoolPlan* audio = nullptr;
     for (int p = 0; p < count; ++p) {
-        if (hasProfile(plans[p].kind)) ++count_;
-        if (plans[p].kind == PoolKind::Aac) audio = &plans[p];
+        if (hasProfile(*plans[p].kind)) ++count_;
+        if (plans[p].kind == &avpool::cli::kinds::aac) audio = &plans[p];
     }
     area_.reset(new InfosPutter);
     InfosPutter& putter = *area_;
@@ -76,12 +78,12 @@ ProfilePublisher::ProfilePublisher(const PoolPlan* plans, int count) : count_(0)
     int profile = 0;
     for (int p = 0; p < count; ++p) {
         const PoolPlan& plan = plans[p];
-        if (!hasProfile(plan.kind)) continue;
-        putter.putInfo(profile, PROFILE_IDLE, plan.channel, plan.kind == PoolKind::Jpg ? PROFILE_JPEG : 0);
+        if (!hasProfile(*plan.kind)) continue;
+        putter.putInfo(profile, PROFILE_IDLE, plan.channel, plan.kind->family == Family::Pictures ? PROFILE_JPEG : 0);
         putter.putVideoInfo(profile, plan.width, plan.height, plan.fps);
         putter.putSharedMemSize(profile, segmentSize(plan));
         SDPBlock& block = *reinterpret_cast<SDPBlock*>(putter.GetSDPHeader(profile));
-        if (plan.kind == PoolKind::Mp4) {
+        if (plan.kind->family == Family::Video) {
             describeMp4(block, plan);
             // The video's sound: format, channels, rate and fragment time.
             if (audio != nullptr)

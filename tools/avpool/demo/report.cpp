@@ -3,7 +3,6 @@
 #include "cli/clock.h"
 #include "demo/demo.h"
 
-
 #include <cstdio>
 #include <cstring>
 #include <sys/wait.h>
@@ -12,6 +11,8 @@
 namespace avpool::demo {
 
 namespace {
+
+using avpool::cli::Family;
 
 unsigned long long load(const std::atomic<unsigned long long>& counter) {
     return counter.load(std::memory_order_relaxed);
@@ -72,29 +73,29 @@ void printPoolRow(const PoolPlan& pool, unsigned long long put) {
     snprintf(rate, sizeof rate, "%d", pool.fps);
     snprintf(picture, sizeof picture, "%dx%d", pool.width, pool.height);
     snprintf(sizes, sizeof sizes, "%d..%d", pool.minFrame, pool.maxFrame);
-    switch (pool.kind) {
-    case PoolKind::Mp4:
+    switch (pool.kind->family) {
+    case Family::Video:
         snprintf(slots, sizeof slots, "%dx%d", pool.slots, pool.framesPerGop);
         snprintf(sizes, sizeof sizes, "I %d..%d, P %d..%d", pool.minKey, pool.maxKey, pool.minFrame, pool.maxFrame);
         break;
-    case PoolKind::Pcm:
-    case PoolKind::Aac:
-    case PoolKind::Opus:
-    case PoolKind::Amr:
+    case Family::Audio:
         snprintf(rate, sizeof rate, "-");
         snprintf(picture, sizeof picture, "%dHz", pool.rate);
         snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", %d samples in %d ms", pool.samples,
                  pool.fragmentMs);
-        if (pool.kind == PoolKind::Aac || pool.kind == PoolKind::Amr)
+        if (pool.kind->extras >= 1)
             snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", streamParam 0x%x", pool.streamParam);
-        if (pool.kind == PoolKind::Amr)
+        if (pool.kind->extras >= 2)
             snprintf(sizes + strlen(sizes), sizeof sizes - strlen(sizes), ", fragmentParam ID %% 8");
         break;
-    case PoolKind::Lum:
-        snprintf(sizes, sizeof sizes, "%d samples", pool.maxFrame / 2);
-        break;
-    case PoolKind::Md:
-        snprintf(sizes, sizeof sizes, "2 x %d elements, vibration %d", pool.maxFrame / 4, pool.vibration);
+    case Family::Analysis:
+        // Two bytes a luminance sample; two arrays of four bytes an element in
+        // a motion map, whose header also has the vibration level.
+        if (pool.kind->vibration)
+            snprintf(sizes, sizeof sizes, "%d x %d elements, vibration %d", pool.parts, pool.maxFrame / 4,
+                     pool.vibration);
+        else
+            snprintf(sizes, sizeof sizes, "%d samples", pool.maxFrame / 2);
         break;
     default:
         break;
@@ -144,7 +145,7 @@ void LiveSummary::showLines(double elapsedSeconds) {
         char label[24];
         printf("[%3.0f s] %-9s %s: read %llu, ", elapsedSeconds, consumer.name, poolLabel(pool, label, sizeof label),
                load(counters.read));
-        if (pool.kind == PoolKind::Mp4) printf("gops %llu, jumps %llu, ", load(counters.gops), load(counters.jumps));
+        if (pool.kind->family == Family::Video) printf("gops %llu, jumps %llu, ", load(counters.gops), load(counters.jumps));
         printf("skipped %llu, overwritten %llu, overtaken %llu, errors %llu, lag %s\n", load(counters.skipped),
                load(counters.overwritten), load(counters.overtaken), load(counters.errors), lag);
     }
@@ -175,7 +176,7 @@ int printFinalReport(const RunView& run, double elapsedSeconds, int interruptSig
 
     printf("\n");
     for (int i = 0; i < run.consumerCount; ++i) {
-        if (run.pools[run.consumers[i].pool].kind != PoolKind::Mp4) continue;
+        if (run.pools[run.consumers[i].pool].kind->family != Family::Video) continue;
         const ConsumerBoard& counters = run.board->consumers[i];
         printf("%s: %llu GOPs read; overtaken: %llu frames overwritten, %llu GOPs too old, %llu GOP ID jumps; "
                "%llu jumps back to the working GOP\n",

@@ -45,7 +45,7 @@ struct AmrFragment {
 class AmrReader {
 public:
     void init(int channel) {
-        const avpool::cli::PoolKindInfo& kind = *avpool::cli::findPoolKind("amr");
+        const avpool::cli::PoolKind& kind = avpool::cli::kinds::amr;
         segment_.reset(new avpool::cli::SegmentView(avpool::cli::segmentKey(kind, channel), AUDIO_HEADER_SIZE,
                                                     avpool::cli::poolName("amr", channel)));
         if (segment_->size() < static_cast<size_t>(AMR_SEGMENT_SIZE))
@@ -288,25 +288,28 @@ int follow(const ConsumerJob& job) {
 
 }  // namespace
 
-int runRingConsumer(const ConsumerJob& job) {
-    switch (job.pool->kind) {
-    case PoolKind::Pcm:
-        return follow<AudioRing<PCMGetter>>(job);
-    case PoolKind::Aac:
-        return follow<AudioRing<AACGetter>>(job);
-    case PoolKind::Opus:
-        return follow<AudioRing<OPUSGetter>>(job);
-    case PoolKind::Amr:
-        return follow<AudioRing<AmrReader>>(job);
-    case PoolKind::Lum:
-        return follow<AnalysisRing<LUMGetter>>(job);
-    case PoolKind::Md:
-        return follow<AnalysisRing<MDGetter>>(job);
-    default:
-        break;
-    }
-    fprintf(stderr, "avpool demo: %s: no ring reader for %s\n", job.plan->name, kindName(job.pool->kind));
-    return 1;
+int consumePcm(const ConsumerJob& job) {
+    return follow<AudioRing<PCMGetter>>(job);
+}
+
+int consumeAac(const ConsumerJob& job) {
+    return follow<AudioRing<AACGetter>>(job);
+}
+
+int consumeAmr(const ConsumerJob& job) {
+    return follow<AudioRing<AmrReader>>(job);
+}
+
+int consumeOpus(const ConsumerJob& job) {
+    return follow<AudioRing<OPUSGetter>>(job);
+}
+
+int consumeLum(const ConsumerJob& job) {
+    return follow<AnalysisRing<LUMGetter>>(job);
+}
+
+int consumeMd(const ConsumerJob& job) {
+    return follow<AnalysisRing<MDGetter>>(job);
 }
 
 }  // namespace avpool::demo

@@ -55,7 +55,7 @@ private:
 template <class Putter>
 void checkFragments(Putter& putter, const PoolPlan& plan) {
     if (putter.calFragmentTime() == plan.fragmentMs && putter.calSampleNumber() == plan.samples) return;
-    throw avpool::cli::CliError(std::string("demo: the ") + kindName(plan.kind) + " pool makes fragments of " +
+    throw avpool::cli::CliError(std::string("demo: the ") + plan.kind->name + " pool makes fragments of " +
                                 std::to_string(putter.calFragmentTime()) + " ms and " +
                                 std::to_string(putter.calSampleNumber()) + " samples, the plan says " +
                                 std::to_string(plan.fragmentMs) + " ms and " + std::to_string(plan.samples));
@@ -121,26 +121,36 @@ private:
 
 }  // namespace
 
-std::unique_ptr<PoolWriter> makeWriter(const PoolPlan& plan) {
-    switch (plan.kind) {
-    case PoolKind::Jpg:
-        return std::unique_ptr<PoolWriter>(new JpgWriter(plan));
-    case PoolKind::Mp4:
-        return std::unique_ptr<PoolWriter>(new Mp4Writer(plan));
-    case PoolKind::Pcm:
-        return std::unique_ptr<PoolWriter>(new AudioWriter<PCMPutter>(plan));
-    case PoolKind::Aac:
-        return std::unique_ptr<PoolWriter>(new AudioWriter<AACPutter>(plan));
-    case PoolKind::Opus:
-        return std::unique_ptr<PoolWriter>(new AudioWriter<OPUSPutter>(plan));
-    case PoolKind::Amr:
-        return std::unique_ptr<PoolWriter>(new AudioWriter<AMRPutter>(plan));
-    case PoolKind::Lum:
-        return std::unique_ptr<PoolWriter>(new AnalysisWriter<LUMPutter>(plan));
-    case PoolKind::Md:
-        break;
-    }
-    return std::unique_ptr<PoolWriter>(new AnalysisWriter<MDPutter>(plan));
+std::unique_ptr<PoolWriter> writeJpg(const PoolPlan& plan) {
+    return std::make_unique<JpgWriter>(plan);
+}
+
+std::unique_ptr<PoolWriter> writeMp4(const PoolPlan& plan) {
+    return std::make_unique<Mp4Writer>(plan);
+}
+
+std::unique_ptr<PoolWriter> writePcm(const PoolPlan& plan) {
+    return std::make_unique<AudioWriter<PCMPutter>>(plan);
+}
+
+std::unique_ptr<PoolWriter> writeAac(const PoolPlan& plan) {
+    return std::make_unique<AudioWriter<AACPutter>>(plan);
+}
+
+std::unique_ptr<PoolWriter> writeAmr(const PoolPlan& plan) {
+    return std::make_unique<AudioWriter<AMRPutter>>(plan);
+}
+
+std::unique_ptr<PoolWriter> writeOpus(const PoolPlan& plan) {
+    return std::make_unique<AudioWriter<OPUSPutter>>(plan);
+}
+
+std::unique_ptr<PoolWriter> writeLum(const PoolPlan& plan) {
+    return std::make_unique<AnalysisWriter<LUMPutter>>(plan);
+}
+
+std::unique_ptr<PoolWriter> writeMd(const PoolPlan& plan) {
+    return std::make_unique<AnalysisWriter<MDPutter>>(plan);
 }
 
 }  // namespace avpool::demo

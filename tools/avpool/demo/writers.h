@@ -19,7 +19,15 @@ public:
     virtual void release() = 0;
 };
 
-// Creates the pool of the plan and sets its working parameters.
-std::unique_ptr<PoolWriter> makeWriter(const PoolPlan& plan);
+// Each creates the pool of the plan and sets its working parameters; the
+// kinds table names the one of each kind (PoolKind::writer).
+std::unique_ptr<PoolWriter> writeJpg(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writeMp4(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writePcm(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writeAac(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writeAmr(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writeOpus(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writeLum(const PoolPlan& plan);
+std::unique_ptr<PoolWriter> writeMd(const PoolPlan& plan);
 
 }  // namespace avpool::demo

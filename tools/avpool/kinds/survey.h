@@ -12,8 +12,30 @@
 
 namespace avpool::cli {
 
+class SegmentView;
+
+// What a header tells about a pool at one moment.
+struct PoolState {
+    int slots = 0;                      // elements the ring holds
+    int lockSets = 0;                   // semaphore sets it uses
+    unsigned long long newest = 0;      // running number of the newest element, 0 before the first
+    long long newestUs = 0;             // its capture time
+    unsigned long long bytesSince = 0;  // payload bytes of the elements numbered above `since`
+    std::string params;                 // working parameters, e.g. "640x480 25 fps"
+    std::string paramsJson;             // the same as JSON members, without braces
+};
+
+// The kinds' readers of an attached segment (PoolKind::read): elements
+// numbered above since count into bytesSince. The four audio kinds share one,
+// and so do the two analysis kinds, driven by their rows.
+void readJpg(const PoolKind& kind, const SegmentView& view, unsigned long long since, PoolState& state);
+void readMp4(const PoolKind& kind, const SegmentView& view, unsigned long long since, PoolState& state);
+void readAudio(const PoolKind& kind, const SegmentView& view, unsigned long long since, PoolState& state);
+void readAnalysis(const PoolKind& kind, const SegmentView& view, unsigned long long since, PoolState& state);
+void readInfos(const PoolKind& kind, const SegmentView& view, unsigned long long since, PoolState& state);
+
 struct FoundPool {
-    const PoolKindInfo* kind;
+    const PoolKind* kind;
     int channel;  // 0 for the fixed-key kinds
     int key;
     int id;

@@ -6,10 +6,11 @@
 #include "cli/clock.h"
 #include "cli/interrupt.h"
 #include "cli/io.h"
-#include "kinds/media_kinds.h"
 #include "kinds/pool_kinds.h"
+#include "kinds/shm_view.h"
 #include "kinds/survey.h"
 #include "media/wav_stream.h"
+#include "verbs/per_kind.h"
 #include "verbs/verbs.h"
 
 #include <avpool/aac.h>
@@ -393,7 +394,7 @@ namespace {
 
 int runGet(const ParsedArgs& args) {
     args.expectPositional(2, "a pool kind and a channel");
-    const MediaKind& kind = findMediaKind(args.positional()[0], "get");
+    const PoolKind& kind = findKind(args.positional()[0], "get", &PoolKind::get);
     int channel = mediaChannel(kind, args.positional()[1], "get");
     int since = args.intOption("--since", -1, 0, 24 * 3600);
     int count = args.intOption("--count", 0, 1, 2000000000);
@@ -404,7 +405,7 @@ int runGet(const ParsedArgs& args) {
         out.emplace("get");
     else
         out.emplace(path, "get");
-    GetJob job{&kind.pool(), channel, since, count, &*out};
+    GetJob job{&kind, channel, since, count, &*out};
     return kind.get(job);
 }
 

@@ -7,12 +7,13 @@
 #include "cli/clock.h"
 #include "cli/interrupt.h"
 #include "cli/io.h"
-#include "kinds/media_kinds.h"
 #include "kinds/pool_kinds.h"
+#include "kinds/shm_view.h"
 #include "media/adts_stream.h"
 #include "media/h264_stream.h"
 #include "media/jpeg_stream.h"
 #include "media/wav_stream.h"
+#include "verbs/per_kind.h"
 #include "verbs/verbs.h"
 
 #include <avpool/aac.h>
@@ -282,12 +283,19 @@ int putAac(const PutJob& job) {
     return 0;
 }
 
+int mediaChannel(const PoolKind& kind, const std::string& text, const char* verb) {
+    return parseChannel(kind, text, verb, [](const char* named, const PoolKind& pool, const std::string& given, int) {
+        return std::string(named) + ": there is one " + pool.name + " pool per machine: CHANNEL must be 0, not " +
+               given;
+    });
+}
+
 namespace {
 
 int runPut(const ParsedArgs& args) {
     args.expectPositional(3, "a pool kind, a channel and a file");
-    const MediaKind& kind = findMediaKind(args.positional()[0], "put");
-    PutJob job{&kind.pool(), mediaChannel(kind, args.positional()[1], "put"), args.positional()[2], {}, &args,
+    const PoolKind& kind = findKind(args.positional()[0], "put", &PoolKind::put);
+    PutJob job{&kind, mediaChannel(kind, args.positional()[1], "put"), args.positional()[2], {}, &args,
                args.has("--loop"), args.intOption("--linger", 1000, 0, 3600 * 1000)};
     job.bytes = readWholeFile(job.path, "put");
     return kind.put(job);

@@ -4,6 +4,7 @@
 #include "cli/io.h"
 #include "kinds/infos_view.h"
 #include "kinds/pool_kinds.h"
+#include "kinds/shm_view.h"
 #include "verbs/verbs.h"
 
 #include <avpool/infos.h>
@@ -53,7 +54,7 @@ int runSnapshot(const ParsedArgs& args) {
     // A buffer for the largest picture the profile's pool takes.
     int maxFrameSize;
     {
-        SegmentView pool(segmentKey(*findPoolKind("jpg"), channel), JPG_HEADER_SIZE, poolName("jpg", channel));
+        SegmentView pool(segmentKey(kinds::jpg, channel), JPG_HEADER_SIZE, poolName("jpg", channel));
         maxFrameSize = readHeader<JPGPoolHeader>(pool, "jpg", channel).maxFrameSize;
     }
     if (maxFrameSize <= 0)

@@ -1,11 +1,13 @@
 // avpool stat KIND [CHANNEL]: print the header, the slots and the semaphore
-// values of an existing pool, attached read-only. Each pool kind has one
-// printer in the table at the end of this file; the audio and the analysis
-// kinds share one printer each, driven by a row per kind.
+// values of an existing pool, attached read-only. Each pool kind's row in the
+// kinds table names its printer here; the audio and the analysis kinds share
+// one printer each, driven by their rows.
 
 #include "cli/fields.h"
 #include "kinds/pool_kinds.h"
+#include "kinds/records.h"
 #include "kinds/shm_view.h"
+#include "verbs/per_kind.h"
 #include "verbs/verbs.h"
 
 #include <avpool/aac.h>
@@ -26,14 +28,6 @@
 namespace avpool::cli {
 
 namespace {
-
-// What stat was asked for: the kind's row in the pool table, the channel, and
-// how many of the newest audio fragments to list.
-struct StatRequest {
-    const PoolKindInfo* pool;
-    int channel;
-    int last;
-};
 
 // "pcm pool" for a fixed-key kind, "jpg pool on channel 2" otherwise.
 std::string poolText(const StatRequest& request) {
@@ -139,9 +133,11 @@ void printTableOffsets(int prefixSize, int safeTimeOffset, int frameInfoOffset, 
     printTextField("RawDataLen", std::to_string(size - static_cast<size_t>(dataOffset)));
 }
 
+}  // namespace
+
 int statJpg(const StatRequest& request) {
     int channel = request.channel;
-    SegmentView view(segmentKey(*request.pool, channel), JPG_HEADER_SIZE, poolText(request));
+    SegmentView view(segmentKey(*request.pool, channel), request.pool->headerSize, poolText(request));
     JPGPoolHeader header = readHeader<JPGPoolHeader>(view, "jpg", channel);
     checkGeometry({"jpg", header.frameCount, JPG_MAX_FRAME_COUNT, header.safeTimeOffset, header.frameInfoOffset,
                    sizeof(JPGFrameInfo), header.dataOffset},
@@ -174,6 +170,8 @@ int statJpg(const StatRequest& request) {
     return 0;
 }
 
+namespace {
+
 constexpr int MP4_CELLS_PER_ROW = 3;
 
 // One frame slot of a GOP, in a cell of the GOP's rows: its index in the GOP,
@@ -192,9 +190,11 @@ void printMp4Cell(const SegmentView& view, const MP4PoolHeader& header, const Gr
            mark);
 }
 
+}  // namespace
+
 int statMp4(const StatRequest& request) {
     int channel = request.channel;
-    SegmentView view(segmentKey(*request.pool, channel), MP4_HEADER_SIZE, poolText(request));
+    SegmentView view(segmentKey(*request.pool, channel), request.pool->headerSize, poolText(request));
     MP4PoolHeader header = readHeader<MP4PoolHeader>(view, "mp4", channel);
     int frames = header.framesPerGop;
     int n = mp4SlotCount(header);
@@ -234,6 +234,8 @@ int statMp4(const StatRequest& request) {
     }
     return 0;
 }
+
+namespace {
 
 // A safe-time table in one line, going round from the slot after the newest
 // (the next the writer overwrites) to the newest, in runs of slots whose times
@@ -275,21 +277,9 @@ void requireSize(const SegmentView& view, size_t size, const StatRequest& reques
                        std::to_string(size) + " its slots need");
 }
 
-// An audio kind: its slot record's size and the int32 fields it keeps after
-// the fragment head at offset 44.
-struct AudioKind {
-    const char* name;
-    size_t slotSize;
-    size_t segmentSize;
-    std::vector<const char*> extras;
-};
-
-const AudioKind audioKinds[] = {
-    {"pcm", sizeof(PCMFragmentInfo), PCM_SEGMENT_SIZE, {}},
-    {"aac", sizeof(AACFragmentInfo), AAC_SEGMENT_SIZE, {"streamParam"}},
-    {"amr", sizeof(AMRFragmentInfo), AMR_SEGMENT_SIZE, {"streamParam", "fragmentParam"}},
-    {"opus", sizeof(OPUSFragmentInfo), OPUS_SEGMENT_SIZE, {}},
-};
+// The int32 fields an audio kind keeps after the fragment head at offset 44,
+// the first PoolKind::extras of them.
+const char* const AUDIO_EXTRAS[] = {"streamParam", "fragmentParam"};
 
 struct AudioSlot {
     int index;
@@ -297,19 +287,21 @@ struct AudioSlot {
     std::vector<int32_t> extras;
 };
 
+}  // namespace
+
 // The header, the safe times and the newest `last` written fragments, oldest
 // first. Unwritten slots (fragmentID 0) are only counted.
 int statAudio(const StatRequest& request) {
-    const AudioKind& kind = findNamed(audioKinds, request.pool->name, "stat: unknown audio kind");
-    SegmentView view(segmentKey(*request.pool, request.channel), AUDIO_HEADER_SIZE, poolText(request));
-    avpool::AudioPoolHeader header = readHeader<avpool::AudioPoolHeader>(view, request.pool->name, request.channel);
+    const PoolKind& kind = *request.pool;
+    SegmentView view(segmentKey(kind, request.channel), kind.headerSize, poolText(request));
+    avpool::AudioPoolHeader header = readHeader<avpool::AudioPoolHeader>(view, kind.name, request.channel);
     requireSize(view, kind.segmentSize, request);
-    GroupedLockView locks(firstLockKey(*request.pool, request.channel), AUDIO_SLOT_COUNT);
+    GroupedLockView locks(firstLockKey(kind, request.channel), kind.slots);
 
     std::vector<AudioSlot> written;
-    for (int i = 0; i < AUDIO_SLOT_COUNT; ++i) {
-        size_t offset = AUDIO_HEADER_SIZE + kind.slotSize * i;
-        AudioSlot slot{i, {}, std::vector<int32_t>(kind.extras.size())};
+    for (int i = 0; i < kind.slots; ++i) {
+        size_t offset = kind.headerSize + kind.slotSize * i;
+        AudioSlot slot{i, {}, std::vector<int32_t>(static_cast<size_t>(kind.extras))};
         view.read(offset, &slot.head, sizeof slot.head);
         if (!slot.extras.empty())
             view.read(offset + sizeof slot.head, slot.extras.data(), sizeof(int32_t) * slot.extras.size());
@@ -325,14 +317,14 @@ int statAudio(const StatRequest& request) {
                  {"workingFormat", header.workingFormat},
                  {"workingChannels", header.workingChannels},
                  {"workingRate", header.workingRate}});
-    std::vector<int32_t> safe(header.safeTime, header.safeTime + AUDIO_SLOT_COUNT);
+    std::vector<int32_t> safe = safeTimes(view, kind.safeTimeOffset, kind.slots);
     printTextField("safeTime ms", safeTimeText(safe, header.current));
     printLockGroups(locks);
-    printf("\nwritten slots: %zu of %d, the newest %zu shown (--last N)\n", written.size(), AUDIO_SLOT_COUNT, shown);
+    printf("\nwritten slots: %zu of %d, the newest %zu shown (--last N)\n", written.size(), kind.slots, shown);
     if (shown == 0) return 0;
     printf("\n  slot %20s %17s %6s %6s %8s %6s %7s %7s %4s", "fragmentID", "captured", "length", "format",
            "channels", "rate", "samples", "safe ms", "lock");
-    for (const char* extra : kind.extras) printf(" %13s", extra);
+    for (int e = 0; e < kind.extras; ++e) printf(" %13s", AUDIO_EXTRAS[e]);
     printf("\n");
     for (size_t k = written.size() - shown; k < written.size(); ++k) {
         const AudioSlot& slot = written[k];
@@ -346,32 +338,13 @@ int statAudio(const StatRequest& request) {
     return 0;
 }
 
-// An analysis kind: its ring and where its header keeps the safe times; md
-// also has a vibration level in front of them.
-struct AnalysisKind {
-    const char* name;
-    int slots;
-    size_t slotSize;
-    size_t headerSize;
-    size_t safeTimeOffset;
-    size_t segmentSize;
-    bool vibration;
-};
-
-const AnalysisKind analysisKinds[] = {
-    {"lum", LUM_FRAME_COUNT, sizeof(LUMFrameInfo), sizeof(LUMPoolHeader), offsetof(LUMPoolHeader, safeTime),
-     LUM_POOL_SIZE, false},
-    {"md", MD_FRAME_COUNT, sizeof(MDFrameInfo), sizeof(MDPoolHeader), offsetof(MDPoolHeader, safeTime), MD_POOL_SIZE,
-     true},
-};
-
 // Both headers start with current, fps, width and height.
 int statAnalysis(const StatRequest& request) {
-    const AnalysisKind& kind = findNamed(analysisKinds, request.pool->name, "stat: unknown analysis kind");
-    SegmentView view(segmentKey(*request.pool, request.channel), kind.headerSize, poolText(request));
-    LUMPoolHeader header = readHeader<LUMPoolHeader>(view, kind.name, request.channel);
+    const PoolKind& kind = *request.pool;
+    SegmentView view(segmentKey(kind, request.channel), kind.headerSize, poolText(request));
+    AnalysisPoolHead header = readHeader<AnalysisPoolHead>(view, kind.name, request.channel);
     requireSize(view, kind.segmentSize, request);
-    LockView locks(firstLockKey(*request.pool, request.channel), kind.slots);
+    LockView locks(firstLockKey(kind, request.channel), kind.slots);
 
     printSegment(request, view);
     printFields({{"current", header.current}, {"workingFPS", header.workingFPS}});
@@ -394,15 +367,7 @@ int statAnalysis(const StatRequest& request) {
     return 0;
 }
 
-struct StatKind {
-    const char* name;
-    int (*print)(const StatRequest& request);
-};
-
-const StatKind kinds[] = {
-    {"jpg", statJpg}, {"mp4", statMp4},      {"pcm", statAudio},     {"aac", statAudio},
-    {"amr", statAudio}, {"opus", statAudio}, {"lum", statAnalysis}, {"md", statAnalysis},
-};
+namespace {
 
 constexpr int DEFAULT_LAST = 10;
 
@@ -411,20 +376,19 @@ constexpr int DEFAULT_LAST = 10;
 int runStat(const ParsedArgs& args) {
     const std::vector<std::string>& words = args.positional();
     if (words.empty() || words.size() > 2) args.expectPositional(2, "a pool kind and a channel");
-    const StatKind& kind = findNamed(kinds, words[0], "stat: unknown pool kind");
-    const PoolKindInfo* pool = findPoolKind(kind.name);  // every kind stat knows has a row there
+    const PoolKind& kind = findKind(words[0], "stat", &PoolKind::stat);
     int channel = 0;
     if (words.size() == 2) {
-        channel = parseChannel(*pool, words[1], "stat", [](const char* verb, const PoolKindInfo& fixed,
-                                                              const std::string&, int given) {
+        channel = parseChannel(kind, words[1], "stat", [](const char* verb, const PoolKind& fixed,
+                                                             const std::string&, int given) {
             return std::string(verb) + ": " + fixed.name + " has one pool under a fixed key and no channel " +
                    std::to_string(given);
         });
-    } else if (pool->perChannel) {
+    } else if (kind.perChannel) {
         args.expectPositional(2, "a pool kind and a channel");
     }
     int last = args.intOption("--last", DEFAULT_LAST, 0, AUDIO_SLOT_COUNT);
-    return kind.print({pool, channel, last});
+    return kind.stat({&kind, channel, last});
 }
 
 }  // namespace
