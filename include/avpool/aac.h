@@ -23,11 +23,12 @@ struct AVPOOL_API AACFragmentInfo {
     int32_t streamParam;  // the putter's last reset
     uint8_t data[AAC_MAX_FRAGMENT_SIZE];
 };
-static_assert(sizeof(AACFragmentInfo) == 560, "AACFragmentInfo layout");
-static_assert(offsetof(AACFragmentInfo, head) == 0, "AACFragmentInfo layout");
-static_assert(offsetof(AACFragmentInfo, streamParam) == 44, "AACFragmentInfo layout");
-static_assert(offsetof(AACFragmentInfo, data) == 48, "AACFragmentInfo layout");
-static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(AACFragmentInfo) == AAC_SEGMENT_SIZE, "AAC segment");
+static_assert(sizeof(AACFragmentInfo) == 560, "AACFragmentInfo is not 560 bytes");
+static_assert(offsetof(AACFragmentInfo, head) == 0, "AACFragmentInfo.head is not at 0");
+static_assert(offsetof(AACFragmentInfo, streamParam) == 44, "AACFragmentInfo.streamParam is not at 44");
+static_assert(offsetof(AACFragmentInfo, data) == 48, "AACFragmentInfo.data is not at 48");
+static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(AACFragmentInfo) == AAC_SEGMENT_SIZE,
+              "the AAC segment is not AAC_SEGMENT_SIZE (112816) bytes");
 
 // The fragment under an AACGetter's cursor; data points into the segment.
 struct AVPOOL_API AACFragment {

@@ -26,13 +26,14 @@ struct AVPOOL_API AMRFragmentInfo {
     uint8_t data[AMR_MAX_FRAGMENT_SIZE];
     uint32_t unused;  // never written
 };
-static_assert(sizeof(AMRFragmentInfo) == 1080, "AMRFragmentInfo layout");
-static_assert(offsetof(AMRFragmentInfo, head) == 0, "AMRFragmentInfo layout");
-static_assert(offsetof(AMRFragmentInfo, streamParam) == 44, "AMRFragmentInfo layout");
-static_assert(offsetof(AMRFragmentInfo, fragmentParam) == 48, "AMRFragmentInfo layout");
-static_assert(offsetof(AMRFragmentInfo, data) == 52, "AMRFragmentInfo layout");
-static_assert(offsetof(AMRFragmentInfo, unused) == 1076, "AMRFragmentInfo layout");
-static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(AMRFragmentInfo) == AMR_SEGMENT_SIZE, "AMR segment");
+static_assert(sizeof(AMRFragmentInfo) == 1080, "AMRFragmentInfo is not 1080 bytes");
+static_assert(offsetof(AMRFragmentInfo, head) == 0, "AMRFragmentInfo.head is not at 0");
+static_assert(offsetof(AMRFragmentInfo, streamParam) == 44, "AMRFragmentInfo.streamParam is not at 44");
+static_assert(offsetof(AMRFragmentInfo, fragmentParam) == 48, "AMRFragmentInfo.fragmentParam is not at 48");
+static_assert(offsetof(AMRFragmentInfo, data) == 52, "AMRFragmentInfo.data is not at 52");
+static_assert(offsetof(AMRFragmentInfo, unused) == 1076, "AMRFragmentInfo.unused is not at 1076");
+static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(AMRFragmentInfo) == AMR_SEGMENT_SIZE,
+              "the AMR segment is not AMR_SEGMENT_SIZE (216816) bytes");
 
 class AVPOOL_API AMRPutterError : public avpool::PoolError {
 public:

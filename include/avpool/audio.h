@@ -38,12 +38,12 @@ struct AudioPoolHeader {
     int32_t workingRate;
     int32_t safeTime[AUDIO_SLOT_COUNT];
 };
-static_assert(sizeof(AudioPoolHeader) == AUDIO_HEADER_SIZE, "AudioPoolHeader layout");
-static_assert(offsetof(AudioPoolHeader, current) == 0, "AudioPoolHeader layout");
-static_assert(offsetof(AudioPoolHeader, workingFormat) == 4, "AudioPoolHeader layout");
-static_assert(offsetof(AudioPoolHeader, workingChannels) == 8, "AudioPoolHeader layout");
-static_assert(offsetof(AudioPoolHeader, workingRate) == 12, "AudioPoolHeader layout");
-static_assert(offsetof(AudioPoolHeader, safeTime) == 16, "AudioPoolHeader layout");
+static_assert(sizeof(AudioPoolHeader) == AUDIO_HEADER_SIZE, "AudioPoolHeader is not AUDIO_HEADER_SIZE (816) bytes");
+static_assert(offsetof(AudioPoolHeader, current) == 0, "AudioPoolHeader.current is not at 0");
+static_assert(offsetof(AudioPoolHeader, workingFormat) == 4, "AudioPoolHeader.workingFormat is not at 4");
+static_assert(offsetof(AudioPoolHeader, workingChannels) == 8, "AudioPoolHeader.workingChannels is not at 8");
+static_assert(offsetof(AudioPoolHeader, workingRate) == 12, "AudioPoolHeader.workingRate is not at 12");
+static_assert(offsetof(AudioPoolHeader, safeTime) == 16, "AudioPoolHeader.safeTime is not at 16");
 
 // Offsets 0..43 of every audio slot.
 struct AudioFragmentHead {
@@ -58,17 +58,17 @@ struct AudioFragmentHead {
     int32_t tv_usec;
     int32_t sampleNumber;  // samples per channel
 };
-static_assert(sizeof(AudioFragmentHead) == 44, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, lockIndex) == 0, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, unused) == 4, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, fragmentID) == 8, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, length) == 16, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, format) == 20, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, channels) == 24, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, rate) == 28, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, tv_sec) == 32, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, tv_usec) == 36, "AudioFragmentHead layout");
-static_assert(offsetof(AudioFragmentHead, sampleNumber) == 40, "AudioFragmentHead layout");
+static_assert(sizeof(AudioFragmentHead) == 44, "AudioFragmentHead is not 44 bytes");
+static_assert(offsetof(AudioFragmentHead, lockIndex) == 0, "AudioFragmentHead.lockIndex is not at 0");
+static_assert(offsetof(AudioFragmentHead, unused) == 4, "AudioFragmentHead.unused is not at 4");
+static_assert(offsetof(AudioFragmentHead, fragmentID) == 8, "AudioFragmentHead.fragmentID is not at 8");
+static_assert(offsetof(AudioFragmentHead, length) == 16, "AudioFragmentHead.length is not at 16");
+static_assert(offsetof(AudioFragmentHead, format) == 20, "AudioFragmentHead.format is not at 20");
+static_assert(offsetof(AudioFragmentHead, channels) == 24, "AudioFragmentHead.channels is not at 24");
+static_assert(offsetof(AudioFragmentHead, rate) == 28, "AudioFragmentHead.rate is not at 28");
+static_assert(offsetof(AudioFragmentHead, tv_sec) == 32, "AudioFragmentHead.tv_sec is not at 32");
+static_assert(offsetof(AudioFragmentHead, tv_usec) == 36, "AudioFragmentHead.tv_usec is not at 36");
+static_assert(offsetof(AudioFragmentHead, sampleNumber) == 40, "AudioFragmentHead.sampleNumber is not at 40");
 
 // The fragment under a getter's cursor (PCM and Opus); data points into the segment.
 struct AVPOOL_API AudioFragment {

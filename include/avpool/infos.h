@@ -42,12 +42,12 @@ struct UserSlat {
     char userInfo[64];
     int32_t loginTime;  // seconds since 1970 when allocated
 };
-static_assert(sizeof(UserSlat) == USER_SLAT_SIZE, "UserSlat layout");
-static_assert(offsetof(UserSlat, slatID) == 0, "UserSlat layout");
-static_assert(offsetof(UserSlat, userType) == 4, "UserSlat layout");
-static_assert(offsetof(UserSlat, userName) == 8, "UserSlat layout");
-static_assert(offsetof(UserSlat, userInfo) == 40, "UserSlat layout");
-static_assert(offsetof(UserSlat, loginTime) == 104, "UserSlat layout");
+static_assert(sizeof(UserSlat) == USER_SLAT_SIZE, "UserSlat is not USER_SLAT_SIZE (108) bytes");
+static_assert(offsetof(UserSlat, slatID) == 0, "UserSlat.slatID is not at 0");
+static_assert(offsetof(UserSlat, userType) == 4, "UserSlat.userType is not at 4");
+static_assert(offsetof(UserSlat, userName) == 8, "UserSlat.userName is not at 8");
+static_assert(offsetof(UserSlat, userInfo) == 40, "UserSlat.userInfo is not at 40");
+static_assert(offsetof(UserSlat, loginTime) == 104, "UserSlat.loginTime is not at 104");
 
 struct SDPBlock {
     int32_t sdpBlockWord;
@@ -59,15 +59,15 @@ struct SDPBlock {
     unsigned char vol[256];
     int32_t volSize;
 };
-static_assert(sizeof(SDPBlock) == 1040, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, sdpBlockWord) == 0, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, sdpHeader) == 4, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, sps) == 260, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, spsSize) == 516, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, pps) == 520, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, ppsSize) == 776, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, vol) == 780, "SDPBlock layout");
-static_assert(offsetof(SDPBlock, volSize) == 1036, "SDPBlock layout");
+static_assert(sizeof(SDPBlock) == 1040, "SDPBlock is not 1040 bytes");
+static_assert(offsetof(SDPBlock, sdpBlockWord) == 0, "SDPBlock.sdpBlockWord is not at 0");
+static_assert(offsetof(SDPBlock, sdpHeader) == 4, "SDPBlock.sdpHeader is not at 4");
+static_assert(offsetof(SDPBlock, sps) == 260, "SDPBlock.sps is not at 260");
+static_assert(offsetof(SDPBlock, spsSize) == 516, "SDPBlock.spsSize is not at 516");
+static_assert(offsetof(SDPBlock, pps) == 520, "SDPBlock.pps is not at 520");
+static_assert(offsetof(SDPBlock, ppsSize) == 776, "SDPBlock.ppsSize is not at 776");
+static_assert(offsetof(SDPBlock, vol) == 780, "SDPBlock.vol is not at 780");
+static_assert(offsetof(SDPBlock, volSize) == 1036, "SDPBlock.volSize is not at 1036");
 
 struct MediaProfileInfo {
     int32_t state;
@@ -83,19 +83,19 @@ struct MediaProfileInfo {
     int32_t sharedMemSize;
     SDPBlock sdp;
 };
-static_assert(sizeof(MediaProfileInfo) == 1084, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, state) == 0, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, channel) == 4, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, infoParam3) == 8, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, width) == 12, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, height) == 16, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, videoParam3) == 20, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, audioParam1) == 24, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, audioParam2) == 28, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, audioParam3) == 32, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, audioFrameDuration) == 36, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, sharedMemSize) == 40, "MediaProfileInfo layout");
-static_assert(offsetof(MediaProfileInfo, sdp) == 44, "MediaProfileInfo layout");
+static_assert(sizeof(MediaProfileInfo) == 1084, "MediaProfileInfo is not 1084 bytes");
+static_assert(offsetof(MediaProfileInfo, state) == 0, "MediaProfileInfo.state is not at 0");
+static_assert(offsetof(MediaProfileInfo, channel) == 4, "MediaProfileInfo.channel is not at 4");
+static_assert(offsetof(MediaProfileInfo, infoParam3) == 8, "MediaProfileInfo.infoParam3 is not at 8");
+static_assert(offsetof(MediaProfileInfo, width) == 12, "MediaProfileInfo.width is not at 12");
+static_assert(offsetof(MediaProfileInfo, height) == 16, "MediaProfileInfo.height is not at 16");
+static_assert(offsetof(MediaProfileInfo, videoParam3) == 20, "MediaProfileInfo.videoParam3 is not at 20");
+static_assert(offsetof(MediaProfileInfo, audioParam1) == 24, "MediaProfileInfo.audioParam1 is not at 24");
+static_assert(offsetof(MediaProfileInfo, audioParam2) == 28, "MediaProfileInfo.audioParam2 is not at 28");
+static_assert(offsetof(MediaProfileInfo, audioParam3) == 32, "MediaProfileInfo.audioParam3 is not at 32");
+static_assert(offsetof(MediaProfileInfo, audioFrameDuration) == 36, "MediaProfileInfo.audioFrameDuration is not at 36");
+static_assert(offsetof(MediaProfileInfo, sharedMemSize) == 40, "MediaProfileInfo.sharedMemSize is not at 40");
+static_assert(offsetof(MediaProfileInfo, sdp) == 44, "MediaProfileInfo.sdp is not at 44");
 
 struct InfoArea {
     int32_t sizeofPools;
@@ -105,13 +105,13 @@ struct InfoArea {
     int32_t slatWeight[MAX_USER_SLATS];
     MediaProfileInfo profiles[MAX_MEDIA_POOL];
 };
-static_assert(sizeof(InfoArea) == INFOS_AREA_SIZE, "InfoArea layout");
-static_assert(offsetof(InfoArea, sizeofPools) == 0, "InfoArea layout");
-static_assert(offsetof(InfoArea, maxConn) == 4, "InfoArea layout");
-static_assert(offsetof(InfoArea, currentTotalConnections) == 8, "InfoArea layout");
-static_assert(offsetof(InfoArea, slats) == 12, "InfoArea layout");
-static_assert(offsetof(InfoArea, slatWeight) == 1092, "InfoArea layout");
-static_assert(offsetof(InfoArea, profiles) == 1132, "InfoArea layout");
+static_assert(sizeof(InfoArea) == INFOS_AREA_SIZE, "InfoArea is not INFOS_AREA_SIZE (6552) bytes");
+static_assert(offsetof(InfoArea, sizeofPools) == 0, "InfoArea.sizeofPools is not at 0");
+static_assert(offsetof(InfoArea, maxConn) == 4, "InfoArea.maxConn is not at 4");
+static_assert(offsetof(InfoArea, currentTotalConnections) == 8, "InfoArea.currentTotalConnections is not at 8");
+static_assert(offsetof(InfoArea, slats) == 12, "InfoArea.slats is not at 12");
+static_assert(offsetof(InfoArea, slatWeight) == 1092, "InfoArea.slatWeight is not at 1092");
+static_assert(offsetof(InfoArea, profiles) == 1132, "InfoArea.profiles is not at 1132");
 
 class AVPOOL_API InfosPutterError : public avpool::PoolError {
 public:

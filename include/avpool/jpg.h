@@ -37,20 +37,20 @@ struct JPGPoolHeader {
     int32_t frameInfoOffset;
     int32_t dataOffset;
 };
-static_assert(sizeof(JPGPoolHeader) == 172, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, frameCount) == 0, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, maxFrameSize) == 4, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, current) == 8, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, realFPS) == 12, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, workingFPS) == 16, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, workingWidth) == 20, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, workingHeight) == 24, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, framePrefixSize) == 28, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, lumQT) == 32, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, chromQT) == 96, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, safeTimeOffset) == 160, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, frameInfoOffset) == 164, "JPGPoolHeader layout");
-static_assert(offsetof(JPGPoolHeader, dataOffset) == 168, "JPGPoolHeader layout");
+static_assert(sizeof(JPGPoolHeader) == 172, "JPGPoolHeader is not 172 bytes");
+static_assert(offsetof(JPGPoolHeader, frameCount) == 0, "JPGPoolHeader.frameCount is not at 0");
+static_assert(offsetof(JPGPoolHeader, maxFrameSize) == 4, "JPGPoolHeader.maxFrameSize is not at 4");
+static_assert(offsetof(JPGPoolHeader, current) == 8, "JPGPoolHeader.current is not at 8");
+static_assert(offsetof(JPGPoolHeader, realFPS) == 12, "JPGPoolHeader.realFPS is not at 12");
+static_assert(offsetof(JPGPoolHeader, workingFPS) == 16, "JPGPoolHeader.workingFPS is not at 16");
+static_assert(offsetof(JPGPoolHeader, workingWidth) == 20, "JPGPoolHeader.workingWidth is not at 20");
+static_assert(offsetof(JPGPoolHeader, workingHeight) == 24, "JPGPoolHeader.workingHeight is not at 24");
+static_assert(offsetof(JPGPoolHeader, framePrefixSize) == 28, "JPGPoolHeader.framePrefixSize is not at 28");
+static_assert(offsetof(JPGPoolHeader, lumQT) == 32, "JPGPoolHeader.lumQT is not at 32");
+static_assert(offsetof(JPGPoolHeader, chromQT) == 96, "JPGPoolHeader.chromQT is not at 96");
+static_assert(offsetof(JPGPoolHeader, safeTimeOffset) == 160, "JPGPoolHeader.safeTimeOffset is not at 160");
+static_assert(offsetof(JPGPoolHeader, frameInfoOffset) == 164, "JPGPoolHeader.frameInfoOffset is not at 164");
+static_assert(offsetof(JPGPoolHeader, dataOffset) == 168, "JPGPoolHeader.dataOffset is not at 168");
 
 struct JPGFrameInfo {
     avpool::Word64 frameID;  // 0: never written
@@ -65,18 +65,18 @@ struct JPGFrameInfo {
     int32_t dataPosition;  // offset of the frame's id prefix in the data ring
     int32_t reserved;
 };
-static_assert(sizeof(JPGFrameInfo) == 48, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, frameID) == 0, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, lockIndex) == 8, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, frameLength) == 12, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, tv_sec) == 16, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, tv_usec) == 20, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, width) == 24, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, height) == 28, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, fps) == 32, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, quality) == 36, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, dataPosition) == 40, "JPGFrameInfo layout");
-static_assert(offsetof(JPGFrameInfo, reserved) == 44, "JPGFrameInfo layout");
+static_assert(sizeof(JPGFrameInfo) == 48, "JPGFrameInfo is not 48 bytes");
+static_assert(offsetof(JPGFrameInfo, frameID) == 0, "JPGFrameInfo.frameID is not at 0");
+static_assert(offsetof(JPGFrameInfo, lockIndex) == 8, "JPGFrameInfo.lockIndex is not at 8");
+static_assert(offsetof(JPGFrameInfo, frameLength) == 12, "JPGFrameInfo.frameLength is not at 12");
+static_assert(offsetof(JPGFrameInfo, tv_sec) == 16, "JPGFrameInfo.tv_sec is not at 16");
+static_assert(offsetof(JPGFrameInfo, tv_usec) == 20, "JPGFrameInfo.tv_usec is not at 20");
+static_assert(offsetof(JPGFrameInfo, width) == 24, "JPGFrameInfo.width is not at 24");
+static_assert(offsetof(JPGFrameInfo, height) == 28, "JPGFrameInfo.height is not at 28");
+static_assert(offsetof(JPGFrameInfo, fps) == 32, "JPGFrameInfo.fps is not at 32");
+static_assert(offsetof(JPGFrameInfo, quality) == 36, "JPGFrameInfo.quality is not at 36");
+static_assert(offsetof(JPGFrameInfo, dataPosition) == 40, "JPGFrameInfo.dataPosition is not at 40");
+static_assert(offsetof(JPGFrameInfo, reserved) == 44, "JPGFrameInfo.reserved is not at 44");
 
 class AVPOOL_API JPGPutterError : public avpool::PoolError {
 public:

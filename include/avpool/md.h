@@ -36,13 +36,13 @@ struct MDPoolHeader {
     int32_t vibration;
     int32_t safeTime[MD_FRAME_COUNT];  // ms, slot 0 first
 };
-static_assert(sizeof(MDPoolHeader) == 40, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, current) == 0, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, workingFPS) == 4, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, workingWidth) == 8, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, workingHeight) == 12, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, vibration) == 16, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, safeTime) == 20, "MDPoolHeader layout");
+static_assert(sizeof(MDPoolHeader) == 40, "MDPoolHeader is not 40 bytes");
+static_assert(offsetof(MDPoolHeader, current) == 0, "MDPoolHeader.current is not at 0");
+static_assert(offsetof(MDPoolHeader, workingFPS) == 4, "MDPoolHeader.workingFPS is not at 4");
+static_assert(offsetof(MDPoolHeader, workingWidth) == 8, "MDPoolHeader.workingWidth is not at 8");
+static_assert(offsetof(MDPoolHeader, workingHeight) == 12, "MDPoolHeader.workingHeight is not at 12");
+static_assert(offsetof(MDPoolHeader, vibration) == 16, "MDPoolHeader.vibration is not at 16");
+static_assert(offsetof(MDPoolHeader, safeTime) == 20, "MDPoolHeader.safeTime is not at 20");
 
 struct MDFrameInfo {
     avpool::Word64 frameID;  // 0: never written
@@ -53,15 +53,16 @@ struct MDFrameInfo {
     int32_t firstArray[MD_MAX_ELEMENTS];
     int32_t secondArray[MD_MAX_ELEMENTS];
 };
-static_assert(sizeof(MDFrameInfo) == 24600, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, frameID) == 0, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, lockIndex) == 8, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, frameLength) == 12, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, tv_sec) == 16, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, tv_usec) == 20, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, firstArray) == 24, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, secondArray) == 12312, "MDFrameInfo layout");
-static_assert(sizeof(MDPoolHeader) + MD_FRAME_COUNT * sizeof(MDFrameInfo) == MD_POOL_SIZE, "MD segment");
+static_assert(sizeof(MDFrameInfo) == 24600, "MDFrameInfo is not 24600 bytes");
+static_assert(offsetof(MDFrameInfo, frameID) == 0, "MDFrameInfo.frameID is not at 0");
+static_assert(offsetof(MDFrameInfo, lockIndex) == 8, "MDFrameInfo.lockIndex is not at 8");
+static_assert(offsetof(MDFrameInfo, frameLength) == 12, "MDFrameInfo.frameLength is not at 12");
+static_assert(offsetof(MDFrameInfo, tv_sec) == 16, "MDFrameInfo.tv_sec is not at 16");
+static_assert(offsetof(MDFrameInfo, tv_usec) == 20, "MDFrameInfo.tv_usec is not at 20");
+static_assert(offsetof(MDFrameInfo, firstArray) == 24, "MDFrameInfo.firstArray is not at 24");
+static_assert(offsetof(MDFrameInfo, secondArray) == 12312, "MDFrameInfo.secondArray is not at 12312");
+static_assert(sizeof(MDPoolHeader) + MD_FRAME_COUNT * sizeof(MDFrameInfo) == MD_POOL_SIZE,
+              "the MD segment is not MD_POOL_SIZE (123040) bytes");
 
 extern template class AVPOOL_API avpool::AnalysisPutter<MDFrameInfo>;
 extern template class AVPOOL_API avpool::AnalysisGetter<MDFrameInfo>;

@@ -38,20 +38,20 @@ struct MP4PoolHeader {
     int32_t frameInfoOffset;
     int32_t dataOffset;
 };
-static_assert(sizeof(MP4PoolHeader) == 52, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, gopCount) == 0, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, framesPerGop) == 4, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, maxFrameSize) == 8, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, workingGop) == 12, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, realFPS) == 16, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, workingFPS) == 20, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, width) == 24, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, height) == 28, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, oneSafeTime) == 32, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, framePrefixSize) == 36, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, safeTimeOffset) == 40, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, frameInfoOffset) == 44, "MP4PoolHeader layout");
-static_assert(offsetof(MP4PoolHeader, dataOffset) == 48, "MP4PoolHeader layout");
+static_assert(sizeof(MP4PoolHeader) == 52, "MP4PoolHeader is not 52 bytes");
+static_assert(offsetof(MP4PoolHeader, gopCount) == 0, "MP4PoolHeader.gopCount is not at 0");
+static_assert(offsetof(MP4PoolHeader, framesPerGop) == 4, "MP4PoolHeader.framesPerGop is not at 4");
+static_assert(offsetof(MP4PoolHeader, maxFrameSize) == 8, "MP4PoolHeader.maxFrameSize is not at 8");
+static_assert(offsetof(MP4PoolHeader, workingGop) == 12, "MP4PoolHeader.workingGop is not at 12");
+static_assert(offsetof(MP4PoolHeader, realFPS) == 16, "MP4PoolHeader.realFPS is not at 16");
+static_assert(offsetof(MP4PoolHeader, workingFPS) == 20, "MP4PoolHeader.workingFPS is not at 20");
+static_assert(offsetof(MP4PoolHeader, width) == 24, "MP4PoolHeader.width is not at 24");
+static_assert(offsetof(MP4PoolHeader, height) == 28, "MP4PoolHeader.height is not at 28");
+static_assert(offsetof(MP4PoolHeader, oneSafeTime) == 32, "MP4PoolHeader.oneSafeTime is not at 32");
+static_assert(offsetof(MP4PoolHeader, framePrefixSize) == 36, "MP4PoolHeader.framePrefixSize is not at 36");
+static_assert(offsetof(MP4PoolHeader, safeTimeOffset) == 40, "MP4PoolHeader.safeTimeOffset is not at 40");
+static_assert(offsetof(MP4PoolHeader, frameInfoOffset) == 44, "MP4PoolHeader.frameInfoOffset is not at 44");
+static_assert(offsetof(MP4PoolHeader, dataOffset) == 48, "MP4PoolHeader.dataOffset is not at 48");
 
 struct MP4FrameInfo {
     avpool::Word64 gopID;
@@ -65,17 +65,17 @@ struct MP4FrameInfo {
     int32_t tv_usec;
     int32_t dataPosition;
 };
-static_assert(sizeof(MP4FrameInfo) == 48, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, gopID) == 0, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, frameID) == 8, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, width) == 16, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, height) == 20, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, fps) == 24, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, lockIndex) == 28, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, frameLength) == 32, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, tv_sec) == 36, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, tv_usec) == 40, "MP4FrameInfo layout");
-static_assert(offsetof(MP4FrameInfo, dataPosition) == 44, "MP4FrameInfo layout");
+static_assert(sizeof(MP4FrameInfo) == 48, "MP4FrameInfo is not 48 bytes");
+static_assert(offsetof(MP4FrameInfo, gopID) == 0, "MP4FrameInfo.gopID is not at 0");
+static_assert(offsetof(MP4FrameInfo, frameID) == 8, "MP4FrameInfo.frameID is not at 8");
+static_assert(offsetof(MP4FrameInfo, width) == 16, "MP4FrameInfo.width is not at 16");
+static_assert(offsetof(MP4FrameInfo, height) == 20, "MP4FrameInfo.height is not at 20");
+static_assert(offsetof(MP4FrameInfo, fps) == 24, "MP4FrameInfo.fps is not at 24");
+static_assert(offsetof(MP4FrameInfo, lockIndex) == 28, "MP4FrameInfo.lockIndex is not at 28");
+static_assert(offsetof(MP4FrameInfo, frameLength) == 32, "MP4FrameInfo.frameLength is not at 32");
+static_assert(offsetof(MP4FrameInfo, tv_sec) == 36, "MP4FrameInfo.tv_sec is not at 36");
+static_assert(offsetof(MP4FrameInfo, tv_usec) == 40, "MP4FrameInfo.tv_usec is not at 40");
+static_assert(offsetof(MP4FrameInfo, dataPosition) == 44, "MP4FrameInfo.dataPosition is not at 44");
 
 class AVPOOL_API MP4PutterError : public avpool::PoolError {
 public:

@@ -23,11 +23,12 @@ struct AVPOOL_API OPUSFragmentInfo {
     uint32_t unused;  // never written
     uint8_t data[OPUS_FRAGMENT_SIZE];
 };
-static_assert(sizeof(OPUSFragmentInfo) == 560, "OPUSFragmentInfo layout");
-static_assert(offsetof(OPUSFragmentInfo, head) == 0, "OPUSFragmentInfo layout");
-static_assert(offsetof(OPUSFragmentInfo, unused) == 44, "OPUSFragmentInfo layout");
-static_assert(offsetof(OPUSFragmentInfo, data) == 48, "OPUSFragmentInfo layout");
-static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(OPUSFragmentInfo) == OPUS_SEGMENT_SIZE, "Opus segment");
+static_assert(sizeof(OPUSFragmentInfo) == 560, "OPUSFragmentInfo is not 560 bytes");
+static_assert(offsetof(OPUSFragmentInfo, head) == 0, "OPUSFragmentInfo.head is not at 0");
+static_assert(offsetof(OPUSFragmentInfo, unused) == 44, "OPUSFragmentInfo.unused is not at 44");
+static_assert(offsetof(OPUSFragmentInfo, data) == 48, "OPUSFragmentInfo.data is not at 48");
+static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(OPUSFragmentInfo) == OPUS_SEGMENT_SIZE,
+              "the Opus segment is not OPUS_SEGMENT_SIZE (112816) bytes");
 
 using OPUSFragment = avpool::AudioFragment;
 

@@ -23,11 +23,12 @@ struct AVPOOL_API PCMFragmentInfo {
     uint8_t data[PCM_FRAGMENT_SIZE];
     uint32_t unused;  // never written
 };
-static_assert(sizeof(PCMFragmentInfo) == 2096, "PCMFragmentInfo layout");
-static_assert(offsetof(PCMFragmentInfo, head) == 0, "PCMFragmentInfo layout");
-static_assert(offsetof(PCMFragmentInfo, data) == 44, "PCMFragmentInfo layout");
-static_assert(offsetof(PCMFragmentInfo, unused) == 2092, "PCMFragmentInfo layout");
-static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(PCMFragmentInfo) == PCM_SEGMENT_SIZE, "PCM segment");
+static_assert(sizeof(PCMFragmentInfo) == 2096, "PCMFragmentInfo is not 2096 bytes");
+static_assert(offsetof(PCMFragmentInfo, head) == 0, "PCMFragmentInfo.head is not at 0");
+static_assert(offsetof(PCMFragmentInfo, data) == 44, "PCMFragmentInfo.data is not at 44");
+static_assert(offsetof(PCMFragmentInfo, unused) == 2092, "PCMFragmentInfo.unused is not at 2092");
+static_assert(AUDIO_HEADER_SIZE + AUDIO_SLOT_COUNT * sizeof(PCMFragmentInfo) == PCM_SEGMENT_SIZE,
+              "the PCM segment is not PCM_SEGMENT_SIZE (420016) bytes");
 
 using PCMFragment = avpool::AudioFragment;
 

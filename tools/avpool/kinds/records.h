@@ -29,17 +29,23 @@ struct AnalysisHead {
     int32_t tv_usec;
 };
 
-static_assert(sizeof(AnalysisPoolHead) == 16, "AnalysisPoolHead layout");
-static_assert(offsetof(AnalysisPoolHead, current) == offsetof(LUMPoolHeader, current), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, workingFPS) == offsetof(LUMPoolHeader, workingFPS), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, workingWidth) == offsetof(LUMPoolHeader, workingWidth), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, workingHeight) == offsetof(LUMPoolHeader, workingHeight), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, current) == offsetof(MDPoolHeader, current), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, workingFPS) == offsetof(MDPoolHeader, workingFPS), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, workingWidth) == offsetof(MDPoolHeader, workingWidth), "analysis header head");
-static_assert(offsetof(AnalysisPoolHead, workingHeight) == offsetof(MDPoolHeader, workingHeight), "analysis header head");
+// Each field of the views. lum.h and md.h pin the same offsets in
+// LUMPoolHeader, MDPoolHeader and the start of their slot records.
+static_assert(sizeof(AnalysisPoolHead) == 16, "AnalysisPoolHead is not 16 bytes");
+static_assert(offsetof(AnalysisPoolHead, current) == 0, "AnalysisPoolHead.current is not at 0");
+static_assert(offsetof(AnalysisPoolHead, workingFPS) == 4, "AnalysisPoolHead.workingFPS is not at 4");
+static_assert(offsetof(AnalysisPoolHead, workingWidth) == 8, "AnalysisPoolHead.workingWidth is not at 8");
+static_assert(offsetof(AnalysisPoolHead, workingHeight) == 12, "AnalysisPoolHead.workingHeight is not at 12");
 
-static_assert(sizeof(AnalysisHead) == offsetof(LUMFrameInfo, samples), "analysis slot head");
-static_assert(sizeof(AnalysisHead) == offsetof(MDFrameInfo, firstArray), "analysis slot head");
+static_assert(sizeof(AnalysisHead) == 24, "AnalysisHead is not 24 bytes");
+static_assert(offsetof(AnalysisHead, frameID) == 0, "AnalysisHead.frameID is not at 0");
+static_assert(offsetof(AnalysisHead, lockIndex) == 8, "AnalysisHead.lockIndex is not at 8");
+static_assert(offsetof(AnalysisHead, frameLength) == 12, "AnalysisHead.frameLength is not at 12");
+static_assert(offsetof(AnalysisHead, tv_sec) == 16, "AnalysisHead.tv_sec is not at 16");
+static_assert(offsetof(AnalysisHead, tv_usec) == 20, "AnalysisHead.tv_usec is not at 20");
+static_assert(offsetof(LUMFrameInfo, samples) == sizeof(AnalysisHead),
+              "LUMFrameInfo.samples is not at 24, right after the AnalysisHead");
+static_assert(offsetof(MDFrameInfo, firstArray) == sizeof(AnalysisHead),
+              "MDFrameInfo.firstArray is not at 24, right after the AnalysisHead");
 
 }  // namespace avpool::cli
