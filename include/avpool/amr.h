@@ -40,11 +40,27 @@ public:
     using avpool::PoolError::PoolError;
 };
 
+// The one writer of a channel's AMR pool; errors are AMRPutterError.
 class AVPOOL_API AMRPutter : public avpool::AudioPutter<AMRFragmentInfo> {
 public:
+    // Creates the pool under key 20480 + channel, its 200 locks in one set under
+    // 20480 + 16 x channel, every lock closed, and prints "Create AMR sem:200" on
+    // standard output. A segment or set left under the keys is removed and
+    // creation tried once more. Throws "shmget failed.", "shmat failed.",
+    // "semget failed." or "semctl failed.".
     void init(int channel);
+    // Sets the working format code (1, 4, 8 or 16), channels and rate, in the
+    // header and on the following fragments, and the streamParam of the
+    // following fragments; a fragment's samples and duration follow from them.
+    // Call it after init and before the first fragment. Throws "programming
+    // error" before init and "not supported format" for another format code
+    // (the header keeps what was given).
     void reset(int format, int channels, int rate, int streamParam);
-    // Stores min(length, AMR_MAX_FRAGMENT_SIZE) bytes and fragmentParam.
+    // Writes one fragment, stamped with timestamp, into the next slot and
+    // opens its lock: min(length, AMR_MAX_FRAGMENT_SIZE) bytes are stored
+    // (none for a negative length), and fragmentParam beside them. Throws
+    // "semctl failed." when a lock cannot be set.
     void putFragment(void* data, int length, const timeval& timestamp, int fragmentParam);
+    // Removes a segment left under the channel's key by a writer that died.
     void forceReleaseShm(int channel);
 };

@@ -74,22 +74,31 @@ public:
 // The slot after i in the ring of 6.
 AVPOOL_API int nextLUMFrame(int i);
 
+// The one writer of a channel's luminance pool (key 19712 + channel); init,
+// reset and the rest are AnalysisPutter's, its errors LUMPutterError.
 class AVPOOL_API LUMPutter : public avpool::AnalysisPutter<LUMFrameInfo> {
 public:
     LUMPutter();
     ~LUMPutter() override;
 
-    // length is the number of samples and must equal width x height of the
-    // last reset; 2 x length bytes are taken from samples.
+    // Writes one picture, stamped with captureTime, into the next slot and
+    // opens its lock. length is the number of samples and must equal width x
+    // height of the last reset; 2 x length bytes are taken from samples.
+    // Throws "frameLength is not equal to elementSize" (nothing written) for
+    // another length, and before reset; "semctl failed." when a lock cannot
+    // be set.
     void putFrame(void* samples, int length, const timeval& captureTime);
 };
 
+// A reader of a channel's luminance pool (key 19712 + channel); the cursor
+// calls are AnalysisGetter's, its errors LUMGetterError.
 class AVPOOL_API LUMGetter : public avpool::AnalysisGetter<LUMFrameInfo> {
 public:
     LUMGetter();
     ~LUMGetter() override;
 
-    // Fills tv_sec, tv_usec, frameLength and points samples into the slot.
+    // Fills tv_sec, tv_usec, frameLength and points samples into the cursor's
+    // slot. Throws "programming error" before init.
     void getFrame();
 
     unsigned short* samples = nullptr;

@@ -80,6 +80,8 @@ public:
 // The slot after i in the ring of 5.
 AVPOOL_API int nextMDFrame(int i);
 
+// The one writer of a channel's motion-detection pool (key 19968 + channel);
+// init, reset and the rest are AnalysisPutter's, its errors MDPutterError.
 class AVPOOL_API MDPutter : public avpool::AnalysisPutter<MDFrameInfo> {
 public:
     MDPutter();
@@ -87,22 +89,31 @@ public:
 
     // level is clamped to 0..100 and stored in the header word 16 + 4 x index.
     // Only 0 is the vibration field: 1 to 5 land on the safe times of slots 0
-    // to 4 (callers pass 0); any other index writes nothing.
+    // to 4 (callers pass 0); any other index writes nothing. Throws
+    // "programming error" before init.
     void putVibration(int index, int level);
-    // length elements per array, equal to width x height of the last reset;
-    // 4 x length bytes are taken from each of first and second.
+    // Writes one record, stamped with captureTime, into the next slot and
+    // opens its lock. length elements per array, equal to width x height of
+    // the last reset; 4 x length bytes are taken from each of first and
+    // second. Throws "frameLength is not equal to elementSize" (nothing
+    // written) for another length, and before reset; "semctl failed." when a
+    // lock cannot be set.
     void putFrame(void* first, void* second, int length, const timeval& captureTime);
 };
 
+// A reader of a channel's motion-detection pool (key 19968 + channel); the
+// cursor calls are AnalysisGetter's, its errors MDGetterError.
 class AVPOOL_API MDGetter : public avpool::AnalysisGetter<MDFrameInfo> {
 public:
     MDGetter();
     ~MDGetter() override;
 
     // The header word 16 + 4 x index, for index 0 to 5 as putVibration writes
-    // them; "programming error." without an attached pool or for another index.
+    // them; "programming error." (nothing on stderr) without an attached pool
+    // or for another index.
     int getVibration(int index);
-    // Fills tv_sec, tv_usec, frameLength and points both arrays into the slot.
+    // Fills tv_sec, tv_usec, frameLength and points both arrays into the
+    // cursor's slot. Throws "programming error" before init.
     void getFrame();
 
     int* firstArray = nullptr;

@@ -42,16 +42,32 @@ public:
     using avpool::PoolError::PoolError;
 };
 
+// The one writer of the machine's PCM pool; errors are PCMPutterError.
 class AVPOOL_API PCMPutter : public avpool::AudioPutter<PCMFragmentInfo> {
 public:
+    // Creates the pool under key 18944, its 200 locks in one set under the
+    // same key, every lock closed, and prints "Create PCM sem:200" on standard
+    // output. A segment or set left under the key is removed and creation
+    // tried once more. Throws "shmget failed.", "shmat failed.", "semget
+    // failed." or "semctl failed.".
     void init();
+    // Sets the working format code (1, 4, 8 or 16), channels and rate, in the
+    // header and on the following fragments; a fragment's samples and duration
+    // follow from them. Call it after init and before the first fragment.
+    // Throws "programming error" before init and "not supported format" for
+    // another format code (the header keeps what was given).
     void reset(int format, int channels, int rate);
-    // Copies PCM_FRAGMENT_SIZE bytes from data whatever length says.
+    // Writes one fragment, stamped with timestamp, into the next slot and
+    // opens its lock: PCM_FRAGMENT_SIZE bytes are copied from data whatever
+    // length says. Throws "semctl failed." when a lock cannot be set.
     void putFragment(void* data, int length, const timeval& timestamp);
+    // Removes a segment left under the key by a writer that died.
     void forceReleaseShm();
 };
 
+// A reader of the machine's PCM pool; errors are PCMGetterError.
 class AVPOOL_API PCMGetter : public avpool::AudioGetter<PCMFragmentInfo, PCMFragment> {
 public:
+    // Attaches to the pool of key 18944; see AudioGetter for what it throws.
     void init();
 };
