@@ -11,7 +11,10 @@
 
 namespace avpool {
 
-// Record is the kind's slot record (LUMFrameInfo, MDFrameInfo).
+// Record is the kind's slot record (LUMFrameInfo, MDFrameInfo). Errors are the
+// kind's putter error (LUMPutterError, MDPutterError); a failing system call is
+// first reported with perror ("semctl failed") and thrown with a final point
+// ("semctl failed.").
 template <class Record>
 class AVPOOL_API AnalysisPutter {
 public:
@@ -20,14 +23,31 @@ public:
     AnalysisPutter(const AnalysisPutter&) = delete;
     AnalysisPutter& operator=(const AnalysisPutter&) = delete;
 
+    // Creates the pool under the kind's base key + channel, with one set of a
+    // lock per slot under the same key, every lock closed; a pool this putter
+    // held before is released first. A segment or set left under the key is
+    // removed and creation tried once more. Throws "shmget failed.", "shmat
+    // failed.", "semget failed." or "semctl failed.".
     void init(int channel);
+    // Sets the picture size and rate, in the header and as the size every
+    // record must have (width x height elements). Taken without checks; fps 0
+    // leaves the safe times at 0. Call it after init and before the first
+    // record. Throws "programming error" (with "programming error\n" on
+    // stderr) before init.
     void reset(int width, int height, int fps);
 
+    // The steps of the write protocol, which init and putFrame take: rewrite
+    // the safe-time table around the current slot ("programming error" before
+    // init); close every lock; close (1) or open (0) one slot's lock, throwing
+    // "semctl failed.".
     void setSafeTime();
     void initLock();
     void closeLock(int slot);
     void openLock(int slot);
+    // Removes the semaphore set and the segment; reports nothing.
     void release();
+    // Remove a segment or semaphore set left under the channel's key by a
+    // writer that died; what is not there is left alone.
     void forceReleaseShm(int channel);
     void forceReleaseSem(int channel);
 
@@ -51,6 +71,11 @@ protected:
     unsigned long long frameCounter_ = 0;
 };
 
+// A reader of an analysis pool, with a cursor of its own on one slot (slot 0
+// on a new getter). Errors are the kind's getter error (LUMGetterError,
+// MDGetterError); a failing system call is first reported with perror. Used
+// before init, the calls on the pool (all but release) write "programming
+// error\n" on stderr and throw "programming error".
 template <class Record>
 class AVPOOL_API AnalysisGetter {
 public:
@@ -59,16 +84,27 @@ public:
     AnalysisGetter(const AnalysisGetter&) = delete;
     AnalysisGetter& operator=(const AnalysisGetter&) = delete;
 
+    // Attaches to the pool of the kind's base key + channel; an attachment this
+    // getter held before is released first. Throws "shmget failed." when there
+    // is no such pool, else "shmat failed." or "semget failed.".
     void init(int channel);
+    // The header's rate and picture size, read live.
     int getWorkingFPS();
     int getWorkingWidth();
     int getWorkingHeight();
 
+    // Each returns the frameID of the slot it ends on (0 for one never
+    // written) and stores that slot's safe time in safeTime (0: wait with
+    // waitReady first). The newest slot; the slot after the cursor's; the
+    // cursor's, without moving.
     unsigned long long toWorking(int& safeTime);
     unsigned long long toNext(int& safeTime);
     unsigned long long getFrameID();
 
+    // Blocks until the cursor's slot is open, that is complete; a signal ends
+    // the wait with "semop failed.", as does the removal of the pool.
     void waitReady();
+    // Detaches; the pool stays.
     void release();
 
     // The frame fetched last by getFrame.

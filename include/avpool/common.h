@@ -24,9 +24,10 @@ struct Word64 {
         high = static_cast<uint32_t>(v >> 32);
     }
 };
-static_assert(sizeof(Word64) == 8, "Word64 is two 32-bit words");
-static_assert(alignof(Word64) == 4, "Word64 must not force 8-byte alignment");
-static_assert(offsetof(Word64, low) == 0 && offsetof(Word64, high) == 4, "low word first");
+static_assert(sizeof(Word64) == 8, "Word64 is not 8 bytes");
+static_assert(alignof(Word64) == 4, "Word64 is not aligned to 4 bytes");
+static_assert(offsetof(Word64, low) == 0, "Word64.low is not at 0");
+static_assert(offsetof(Word64, high) == 4, "Word64.high is not at 4");
 
 // The semaphore sets ("groups") of a pool whose slot locks may exceed one set:
 // at most four sets of at most 250 semaphores; id -1 and count 0 when absent.

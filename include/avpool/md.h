@@ -36,13 +36,13 @@ struct MDPoolHeader {
     int32_t vibration;
     int32_t safeTime[MD_FRAME_COUNT];  // ms, slot 0 first
 };
-static_assert(sizeof(MDPoolHeader) == 40, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, current) == 0, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, workingFPS) == 4, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, workingWidth) == 8, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, workingHeight) == 12, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, vibration) == 16, "MDPoolHeader layout");
-static_assert(offsetof(MDPoolHeader, safeTime) == 20, "MDPoolHeader layout");
+static_assert(sizeof(MDPoolHeader) == 40, "MDPoolHeader is not 40 bytes");
+static_assert(offsetof(MDPoolHeader, current) == 0, "MDPoolHeader.current is not at 0");
+static_assert(offsetof(MDPoolHeader, workingFPS) == 4, "MDPoolHeader.workingFPS is not at 4");
+static_assert(offsetof(MDPoolHeader, workingWidth) == 8, "MDPoolHeader.workingWidth is not at 8");
+static_assert(offsetof(MDPoolHeader, workingHeight) == 12, "MDPoolHeader.workingHeight is not at 12");
+static_assert(offsetof(MDPoolHeader, vibration) == 16, "MDPoolHeader.vibration is not at 16");
+static_assert(offsetof(MDPoolHeader, safeTime) == 20, "MDPoolHeader.safeTime is not at 20");
 
 struct MDFrameInfo {
     avpool::Word64 frameID;  // 0: never written
@@ -53,15 +53,16 @@ struct MDFrameInfo {
     int32_t firstArray[MD_MAX_ELEMENTS];
     int32_t secondArray[MD_MAX_ELEMENTS];
 };
-static_assert(sizeof(MDFrameInfo) == 24600, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, frameID) == 0, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, lockIndex) == 8, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, frameLength) == 12, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, tv_sec) == 16, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, tv_usec) == 20, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, firstArray) == 24, "MDFrameInfo layout");
-static_assert(offsetof(MDFrameInfo, secondArray) == 12312, "MDFrameInfo layout");
-static_assert(sizeof(MDPoolHeader) + MD_FRAME_COUNT * sizeof(MDFrameInfo) == MD_POOL_SIZE, "MD segment");
+static_assert(sizeof(MDFrameInfo) == 24600, "MDFrameInfo is not 24600 bytes");
+static_assert(offsetof(MDFrameInfo, frameID) == 0, "MDFrameInfo.frameID is not at 0");
+static_assert(offsetof(MDFrameInfo, lockIndex) == 8, "MDFrameInfo.lockIndex is not at 8");
+static_assert(offsetof(MDFrameInfo, frameLength) == 12, "MDFrameInfo.frameLength is not at 12");
+static_assert(offsetof(MDFrameInfo, tv_sec) == 16, "MDFrameInfo.tv_sec is not at 16");
+static_assert(offsetof(MDFrameInfo, tv_usec) == 20, "MDFrameInfo.tv_usec is not at 20");
+static_assert(offsetof(MDFrameInfo, firstArray) == 24, "MDFrameInfo.firstArray is not at 24");
+static_assert(offsetof(MDFrameInfo, secondArray) == 12312, "MDFrameInfo.secondArray is not at 12312");
+static_assert(sizeof(MDPoolHeader) + MD_FRAME_COUNT * sizeof(MDFrameInfo) == MD_POOL_SIZE,
+              "the MD segment is not MD_POOL_SIZE (123040) bytes");
 
 extern template class AVPOOL_API avpool::AnalysisPutter<MDFrameInfo>;
 extern template class AVPOOL_API avpool::AnalysisGetter<MDFrameInfo>;
@@ -79,6 +80,8 @@ public:
 // The slot after i in the ring of 5.
 AVPOOL_API int nextMDFrame(int i);
 
+// The one writer of a channel's motion-detection pool (key 19968 + channel);
+// init, reset and the rest are AnalysisPutter's, its errors MDPutterError.
 class AVPOOL_API MDPutter : public avpool::AnalysisPutter<MDFrameInfo> {
 public:
     MDPutter();
@@ -86,22 +89,31 @@ public:
 
     // level is clamped to 0..100 and stored in the header word 16 + 4 x index.
     // Only 0 is the vibration field: 1 to 5 land on the safe times of slots 0
-    // to 4 (callers pass 0); any other index writes nothing.
+    // to 4 (callers pass 0); any other index writes nothing. Throws
+    // "programming error" before init.
     void putVibration(int index, int level);
-    // length elements per array, equal to width x height of the last reset;
-    // 4 x length bytes are taken from each of first and second.
+    // Writes one record, stamped with captureTime, into the next slot and
+    // opens its lock. length elements per array, equal to width x height of
+    // the last reset; 4 x length bytes are taken from each of first and
+    // second. Throws "frameLength is not equal to elementSize" (nothing
+    // written) for another length, and before reset; "semctl failed." when a
+    // lock cannot be set.
     void putFrame(void* first, void* second, int length, const timeval& captureTime);
 };
 
+// A reader of a channel's motion-detection pool (key 19968 + channel); the
+// cursor calls are AnalysisGetter's, its errors MDGetterError.
 class AVPOOL_API MDGetter : public avpool::AnalysisGetter<MDFrameInfo> {
 public:
     MDGetter();
     ~MDGetter() override;
 
     // The header word 16 + 4 x index, for index 0 to 5 as putVibration writes
-    // them; "programming error." without an attached pool or for another index.
+    // them; "programming error." (nothing on stderr) without an attached pool
+    // or for another index.
     int getVibration(int index);
-    // Fills tv_sec, tv_usec, frameLength and points both arrays into the slot.
+    // Fills tv_sec, tv_usec, frameLength and points both arrays into the
+    // cursor's slot. Throws "programming error" before init.
     void getFrame();
 
     int* firstArray = nullptr;

@@ -3,8 +3,8 @@
 // The first word picks a verb from the table below; each verb parses its own
 // options and has its own --help.
 
-#include "cli.h"
-#include "verbs.h"
+#include "cli/cli.h"
+#include "verbs/verbs.h"
 
 #include <cstdio>
 #include <cstring>
