@@ -190,7 +190,10 @@ AVPOOL_API int forceReleaseShm(int key);
 
 // A server's side: reads the published parameters, takes and returns slats.
 // Errors are InfosGetterError with the texts below. The budget and slat
-// operations hold the area's lock set when the encoder created one.
+// operations hold the area's lock when the encoder created one, and as they
+// take it they heal the budget: a slat whose taker died in the middle of
+// changing it goes back to free, and the slats of a dead process that took
+// them with autoReturn are returned.
 class AVPOOL_API InfosGetter {
 public:
     InfosGetter();
@@ -213,7 +216,9 @@ public:
     bool probeConn(int weight);
     // Takes the first free slat for a client of weight units: userName (31
     // bytes kept) and userInfo (63), userType, the login time. With autoReturn
-    // this object's release gives it back. Returns the slat (0 to 9). Throws
+    // this object's release gives it back, and so does the budget when this
+    // process dies; without, the slat outlives its taker until someone returns
+    // it. Returns the slat (0 to 9). Throws
     // "programming error" before init, "no more slat." when the weight would
     // pass maxConn, "slat alloc fail." when no slat below maxConn is free.
     int takeConn(const char* userName, const char* userInfo, int userType, int weight, bool autoReturn);
@@ -243,7 +248,8 @@ public:
     int getUseSSLWeight(int profileID);
     // A profile's values whatever sizeofPools says: its audio fragment
     // duration, pool segment size, SDP header text, SPS, PPS and VOL (pointers
-    // into the area) and their sizes. Before init, or for a profile outside the
+    // into the area) and their sizes, which never exceed the 256 bytes of
+    // their field nor fall below 0. Before init, or for a profile outside the
     // area, each writes its own text on stderr and throws it:
     // "InfosPutter::getVOLSize programming error" (getAudioFrameDuration and
     // getVOLSize), "InfosPutter::getSharedMemSize programming error",

@@ -120,7 +120,8 @@ public:
     void putRealFPS(int fps);
     // Writes one frame, stamped with captureTime, into the next slot and opens
     // its lock. Returns 1 when written, 0 (nothing changed) when length exceeds
-    // maxFrameSize. Throws "semctl failed." when a lock cannot be set.
+    // maxFrameSize (or is negative). Throws "semctl failed." when a lock cannot
+    // be set.
     int putFrame(void* data, int length, const timeval& captureTime);
     // Writes the encoder's 64-byte luminance and chrominance tables into the
     // header; a null table is left as it is. Throws "programming error" before
@@ -194,7 +195,10 @@ public:
 
     // Attaches to the pool of key 19456 + channel and puts the cursor on the
     // newest slot. Throws "shmget failed." when there is no such pool, else
-    // "shmat failed." or "semget failed.".
+    // "shmat failed." or "semget failed."; "pool not ready." (nothing on
+    // stderr, the getter stays detached) when the header does not describe a
+    // pool that fits the segment: its writer is still setting it up, or it is
+    // not a pool.
     void init(int channel);
     // The header's workingFPS, workingWidth, workingHeight and realFPS, read
     // live, and the addresses of its 64-byte luminance and chrominance tables.
@@ -210,7 +214,9 @@ public:
     // reader behind.
     void probeAge(int maxAge);
     // Fills `frame` from the cursor's slot, first stepping on past slots whose
-    // bytes a later frame has overwritten; frame.data points into the ring.
+    // bytes a later frame has overwritten (or whose record points outside the
+    // ring); frame.data points into the ring. Looks once round the ring at
+    // most: throws "frame overwritten." when no slot is intact.
     void getFrame();
 
     // The positioning calls return the frameID of the slot they end on (0 for
@@ -236,7 +242,7 @@ public:
 
     // Blocks until the cursor's slot is open, that is complete; a signal does
     // not end the wait. Throws "semop failed." when the wait fails (the pool
-    // was removed).
+    // was removed, or the slot's lock index is outside the set).
     void waitReady();
     // Detaches; the pool stays.
     void release();

@@ -120,13 +120,15 @@ public:
     int putRealFPS(int fps);
     // Starts the next GOP with this I frame: opens the unwritten slots of the
     // GOP it ends and closes the locks of the GOP after the new one. Returns 1
-    // when the frame is refused as longer than maxFrameSize (and P frames are
-    // skipped until the next accepted I frame); otherwise the result of opening
-    // its lock (0). Throws "semctl failed." when a lock cannot be set.
+    // when the frame is refused as longer than maxFrameSize or of a negative
+    // length (and P frames are skipped until the next accepted I frame);
+    // otherwise the result of opening its lock (0). Throws "semctl failed."
+    // when a lock cannot be set.
     int putIFrame(void* data, int length, const timeval& tv);
     // Appends a P frame to the current GOP, cut to maxFrameSize. Skipped after a
-    // refused I frame; when the GOP is full it is dropped and a line "P
-    // exceed:LENGTH gop:FRAMES" goes to the console. Throws "semctl failed.".
+    // refused I frame or with a negative length; when the GOP is full it is
+    // dropped and a line "P exceed:LENGTH gop:FRAMES" goes to the console.
+    // Throws "semctl failed.".
     void putPFrame(void* data, int length, const timeval& tv);
 
     // The steps of the write protocol, which init and putIFrame take: rewrite
@@ -191,7 +193,10 @@ public:
 
     // Attaches to the pool of key 19200 + channel and its lock sets; the
     // working GOP is GOP 0 until a positioning call. Throws "shmget failed."
-    // when there is no such pool, else "shmat failed." or "semget failed.".
+    // when there is no such pool, else "shmat failed." or "semget failed.";
+    // "pool not ready." (nothing on stderr, the getter stays detached) when the
+    // header does not describe a pool that fits the segment: its writer is
+    // still setting it up, or it is not a pool.
     void init(int channel);
 
     // The positioning calls return the gopID of the GOP they end on (0 for one
@@ -226,11 +231,13 @@ public:
     int probeAge(int maxAge);
     // Blocks until frame k of the working GOP is open, that is complete; a
     // signal does not end the wait. Returns 0. Throws "semop failed." when the
-    // wait fails (the pool was removed).
+    // wait fails (the pool was removed, or the slot's lock index is outside the
+    // sets), "programming error" for k outside 0 .. framesPerGop - 1.
     int waitFrameReady(int k);
     // Fetches frame k of the working GOP into frameTime, frameData (pointing
     // into the ring) and frameLength and returns its frameID; 0 when its bytes
-    // have been reused (the members keep the previous frame then).
+    // have been reused or its record points outside the ring (the members keep
+    // the previous frame then). "programming error" for k outside the GOP.
     unsigned long long getFrameData(int k);
     // The set and the index of a slot's lock; throws "Over Max Semaphore
     // Group." from slot 1000 on.
