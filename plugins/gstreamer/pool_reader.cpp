@@ -27,6 +27,7 @@ constexpr int FIRST_ELEMENT_POLL_MS = 10;  // while a new pool has nothing writt
 constexpr int JUMP_PAUSE_MS = 5;  // before reading again from the newest after being overtaken
 constexpr long long NS_PER_S = 1000000000LL;
 constexpr long long AAC_FRAME_SAMPLES = 1024;
+constexpr const char* AGE_TOO_OLD = "age too old";
 
 long long captureUs(long long sec, long long usec) {
     return sec * 1000000 + usec;
@@ -86,6 +87,22 @@ protected:
     AttachedReader(Kind kind, int channel, int maxAge, pid_t creator)
         : kind_(kind), channel_(channel), maxAge_(maxAge), creator_(creator) {}
 
+    // Runs the getter's age probe on the element under the reader; false
+    // when it is too old, and the reader should go to the newest. The newest
+    // element itself is taken whatever its age: when even that one is too
+    // old, the writer's clock is off and the probe tells nothing.
+    template <class Probe>
+    bool probeAge(Probe probe) {
+        if (pending_ == AGE_TOO_OLD) return true;
+        try {
+            probe();
+        } catch (const avpool::PoolError&) {
+            pending_ = AGE_TOO_OLD;
+            return false;
+        }
+        return true;
+    }
+
     bool openLocks(int slots, std::string& why) {
         if (locks_.open(keysOf(kind_, channel_), slots)) return true;
         why = "the " + poolName(kind_, channel_) + " has no locks yet";
@@ -138,10 +155,7 @@ public:
                 slot_ = slotOf(id);
                 continue;  // that slot may still be being written: wait for it too
             }
-            try {
-                getter_.probeAge(maxAge_);
-            } catch (const JPGGetterError&) {
-                pending_ = "age too old";
+            if (!probeAge([&] { getter_.probeAge(maxAge_); })) {
                 slot_ = slotOf(getter_.toWorking(safe));
                 continue;
             }
@@ -221,10 +235,8 @@ public:
                     jump("overwritten", stop);
                     continue;
                 }
-                try {
-                    getter_.probeAge(gopAge_);
-                } catch (const MP4GetterError&) {
-                    jump("age too old", stop);
+                if (!probeAge([&] { getter_.probeAge(gopAge_); })) {
+                    jump(pending_, stop);
                     continue;
                 }
             } else if (id != expected_) {
@@ -326,10 +338,7 @@ public:
             if (wait != Wait::Open) return outcome(wait);
             getter_.getFragment();
             unsigned long long id = getter_.getFragmentID();
-            try {
-                getter_.probeAge(maxAge_);
-            } catch (const Error&) {
-                pending_ = "age too old";
+            if (!probeAge([&] { getter_.probeAge(maxAge_); })) {
                 slot_ = slotOf(getter_.toWorking(safe));
                 continue;
             }
