@@ -1,7 +1,8 @@
 // avpoolsrc follows a pool as a live source: it starts at the newest element
 // (for mp4 at the I frame of the GOP being written), waits for each next one
 // on its slot lock, and pushes it as one buffer stamped with its capture time
-// in running time. When the writer overtakes it, the next buffer carries the
+// in running time (the whole stream later by the age of its first element
+// when that was captured before the pipeline started). When the writer overtakes it, the next buffer carries the
 // DISCONT flag and an "avpool-gap" element message tells what was lost. When
 // the writer removes its pool or dies, it waits for a new writer (or ends the
 // stream, with reattach=false).
@@ -57,6 +58,10 @@ struct SrcState {
     // An element dropped because it was overwritten while being copied.
     unsigned long long droppedFrom = 0;
     GstClockTime lastPts = GST_CLOCK_TIME_NONE;
+    // Added to the running time of every capture time: the first element may
+    // have been captured before the pipeline started (a GOP's I frame), and
+    // the stream then begins at 0 with the elements' spacing kept.
+    gint64 shift = -1;
     std::atomic<GstClockTime> latency{DEFAULT_LATENCY};
 };
 
@@ -140,6 +145,7 @@ static gboolean gst_avpool_src_start(GstBaseSrc* base) {
     state.lost = false;
     state.droppedFrom = 0;
     state.lastPts = GST_CLOCK_TIME_NONE;
+    state.shift = -1;
     return TRUE;
 }
 
@@ -250,6 +256,8 @@ static void stamp(GstAvpoolSrc* self, GstBuffer* buffer, const Element& element)
     GstClockTime pts = GST_CLOCK_TIME_NONE;
     if (clock.valid) {
         gint64 running = clock.runningAt(element.captureUs);
+        if (state.shift < 0) state.shift = running < 0 ? -running : 0;
+        running += state.shift;
         pts = running > 0 ? static_cast<GstClockTime>(running) : 0;
         // A capture time the wall clock has since left behind (a step of the
         // wall clock) must not make the stream go back.

@@ -172,9 +172,9 @@ public:
         }
     }
 
-    bool intact(const Element& element) const override { return prefixHolds(element.data, element.id); }
+    bool intact(const Element& element) override { return prefixHolds(element.data, element.id); }
 
-    StreamFormat format(const Element&) const override {
+    StreamFormat format(const Element&) override {
         StreamFormat format;
         format.kind = Kind::Jpg;
         format.width = getter_.frame.width;
@@ -253,7 +253,8 @@ public:
             element.data = getter_.frameData;
             element.size = static_cast<size_t>(getter_.frameLength);
             element.captureUs = captureUs(getter_.frameTime.tv_sec, getter_.frameTime.tv_usec);
-            if (getter_.gopFPS > 0) element.durationNs = NS_PER_S / getter_.gopFPS;
+            int fps = getter_.getWorkingFPS();
+            if (fps > 0) element.durationNs = NS_PER_S / fps;
             element.id = id;
             element.key = frame_ == 0;
             markGap(element, expected_, id, pending_);
@@ -263,14 +264,16 @@ public:
         }
     }
 
-    bool intact(const Element& element) const override { return prefixHolds(element.data, element.id); }
+    bool intact(const Element& element) override { return prefixHolds(element.data, element.id); }
 
-    StreamFormat format(const Element& element) const override {
+    StreamFormat format(const Element& element) override {
         StreamFormat format;
+        // The header's picture size and rate: the getter takes a GOP's own
+        // from its first frame when it moves there, before that is written.
         format.kind = Kind::Mp4;
-        format.width = getter_.gopWidth;
-        format.height = getter_.gopHeight;
-        format.fps = getter_.gopFPS;
+        format.width = getter_.getWorkingWidth();
+        format.height = getter_.getWorkingHeight();
+        format.fps = getter_.getWorkingFPS();
         // The codec shows in the I frames; P frames keep what the last one said.
         if (element.key) {
             codec_ = sniffVideoCodec(element.data, element.size);
@@ -303,9 +306,9 @@ private:
     int gopAge_ = 0;
     int gop_ = 0;
     int frame_ = 0;
-    mutable VideoCodec codec_ = VideoCodec::H264;
-    mutable std::vector<unsigned char> config_;
-    mutable std::vector<unsigned char> lastConfig_;
+    VideoCodec codec_ = VideoCodec::H264;
+    std::vector<unsigned char> config_;
+    std::vector<unsigned char> lastConfig_;
 };
 
 // The audio pools, fragment by fragment through their 200 slots.
@@ -357,12 +360,12 @@ public:
 
     // The slot still holds the fragment: the writer numbers a slot anew
     // before it writes its bytes.
-    bool intact(const Element& element) const override {
+    bool intact(const Element& element) override {
         std::atomic_thread_fence(std::memory_order_acquire);
-        return const_cast<Getter&>(getter_).getFragmentID() == element.id;
+        return getter_.getFragmentID() == element.id;
     }
 
-    StreamFormat format(const Element& element) const override {
+    StreamFormat format(const Element& element) override {
         const auto& fragment = getter_.fragment;
         StreamFormat format;
         format.kind = kind_;

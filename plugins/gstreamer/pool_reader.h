@@ -59,9 +59,9 @@ public:
     virtual Next next(const std::atomic<bool>& stop, Element& element) = 0;
     // Whether the bytes of the element that next() described are still the
     // ones the writer put there.
-    virtual bool intact(const Element& element) const = 0;
+    virtual bool intact(const Element& element) = 0;
     // The stream's format as the element shows it.
-    virtual StreamFormat format(const Element& element) const = 0;
+    virtual StreamFormat format(const Element& element) = 0;
 };
 
 // Attaches a reader to the kind's pool on channel. Null while that is not
