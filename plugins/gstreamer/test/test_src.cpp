@@ -192,9 +192,12 @@ TEST_F(SourceTest, ZeroCopyBuffersKeepTheSegmentMappedAfterTheSourceStops) {
 }
 
 // The source is started on a pool whose writer is in the middle of a GOP: it
-// begins with that GOP's I frame and goes on frame by frame.
+// begins with that GOP's I frame and goes on frame by frame. The I frame was
+// captured before the source started: the stream begins at 0, the frames'
+// spacing kept.
 TEST_F(SourceTest, VideoStartsOnTheIFrameOfTheGopBeingWrittenWithH264Caps) {
     Stamps stamps;
+    stamps.startUs -= 1000000;
     auto put = [stamps](MP4Putter& putter, unsigned long long id) {
         bool key = id % 4 == 1;  // GOPs of four frames
         std::vector<unsigned char> bytes = payload(id, sizeOf(id), key ? H264_IDR : H264_SLICE);
@@ -217,6 +220,9 @@ TEST_F(SourceTest, VideoStartsOnTheIFrameOfTheGopBeingWrittenWithH264Caps) {
     std::string line;
     ASSERT_TRUE(writer.readLine(line));
     Harness harness("avpoolsrc kind=mp4 channel=5");
+    GstClock* clock = gst_system_clock_obtain();
+    gst_element_set_base_time(harness.element(), gst_clock_get_time(clock));  // as a pipeline starting now
+    gst_object_unref(clock);
     gst_harness_play(harness.get());
     for (guint64 id = 5; id <= 12; ++id) {
         if (id == 7) writer.go();
@@ -226,6 +232,8 @@ TEST_F(SourceTest, VideoStartsOnTheIFrameOfTheGopBeingWrittenWithH264Caps) {
         EXPECT_EQ(GST_BUFFER_OFFSET(buffer), id);
         EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT), !key) << "frame " << id;
         EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT), id == 5);
+        EXPECT_NEAR(static_cast<double>(GST_BUFFER_PTS(buffer)), static_cast<double>((id - 5) * FRAME_US * 1000), 2e6)
+            << "frame " << id;
         EXPECT_EQ(bytesOf(buffer), payload(id, sizeOf(id), key ? H264_IDR : H264_SLICE));
         EXPECT_EQ(capsText(harness.currentCaps()),
                   "video/x-h264, stream-format=(string)byte-stream, alignment=(string)au, width=(int)640, "
