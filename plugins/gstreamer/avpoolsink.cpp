@@ -132,13 +132,7 @@ static GstCaps* gst_avpool_sink_get_caps(GstBaseSink* base, GstCaps* filter) {
     GST_OBJECT_LOCK(self);
     Kind kind = self->state->properties.kind;
     GST_OBJECT_UNLOCK(self);
-    GstCaps* caps = avpool::gst::kindCaps(kind, true);
-    if (filter != nullptr) {
-        GstCaps* both = gst_caps_intersect_full(filter, caps, GST_CAPS_INTERSECT_FIRST);
-        gst_caps_unref(caps);
-        caps = both;
-    }
-    return caps;
+    return avpool::gst::filterCaps(avpool::gst::kindCaps(kind, true), filter);
 }
 
 static gboolean gst_avpool_sink_set_caps(GstBaseSink* base, GstCaps* caps) {
@@ -219,8 +213,8 @@ static gboolean gst_avpool_sink_event(GstBaseSink* base, GstEvent* event) {
 }
 
 static void installInt(GObjectClass* object, guint id, const char* name, const char* blurb, int max, int value) {
-    auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
-    g_object_class_install_property(object, id, g_param_spec_int(name, name, blurb, 0, max, value, flags));
+    g_object_class_install_property(object, id,
+                                    g_param_spec_int(name, name, blurb, 0, max, value, avpool::gst::PROPERTY_FLAGS));
 }
 
 static void gst_avpool_sink_class_init(GstAvpoolSinkClass* klass) {
@@ -233,12 +227,7 @@ static void gst_avpool_sink_class_init(GstAvpoolSinkClass* klass) {
     object->set_property = gst_avpool_sink_set_property;
     object->get_property = gst_avpool_sink_get_property;
     object->finalize = gst_avpool_sink_finalize;
-    auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
-    g_object_class_install_property(
-        object, PROP_KIND,
-        g_param_spec_enum("kind", "Kind", "The kind of pool to write", GST_TYPE_AVPOOL_KIND,
-                          avpool::gst::kindValue(Kind::Jpg), flags));
-    installInt(object, PROP_CHANNEL, "channel", "The pool's channel (pcm and opus: one pool per machine, 0)", 255, 0);
+    avpool::gst::installPoolProperties(object, PROP_KIND, PROP_CHANNEL, "write");
     installInt(object, PROP_SLOTS, "slots", "jpg: frames in the ring (0: 10, at most 30); mp4: GOPs in the ring (0: 8)",
                1000, 0);
     installInt(object, PROP_GOP_FRAMES, "gop-frames", "mp4: frame slots per GOP, the longest GOP taken (0: 60)", 1000,
@@ -251,9 +240,7 @@ static void gst_avpool_sink_class_init(GstAvpoolSinkClass* klass) {
 
     gst_element_class_set_static_metadata(element, "avpool sink", "Sink/Video;Sink/Audio",
                                           "Writes a media pool in System V shared memory", "avpool");
-    GstCaps* caps = avpool::gst::allCaps(true);
-    gst_element_class_add_pad_template(element, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
-    gst_caps_unref(caps);
+    avpool::gst::addPadTemplate(element, GST_PAD_SINK);
 
     base->start = gst_avpool_sink_start;
     base->stop = gst_avpool_sink_stop;

@@ -181,12 +181,7 @@ static GstCaps* gst_avpool_src_get_caps(GstBaseSrc* base, GstCaps* filter) {
         GST_OBJECT_UNLOCK(self);
         caps = avpool::gst::kindCaps(kind, false);
     }
-    if (filter != nullptr) {
-        GstCaps* both = gst_caps_intersect_full(filter, caps, GST_CAPS_INTERSECT_FIRST);
-        gst_caps_unref(caps);
-        caps = both;
-    }
-    return caps;
+    return avpool::gst::filterCaps(caps, filter);
 }
 
 static gboolean gst_avpool_src_query(GstBaseSrc* base, GstQuery* query) {
@@ -353,15 +348,8 @@ static void gst_avpool_src_class_init(GstAvpoolSrcClass* klass) {
     object->set_property = gst_avpool_src_set_property;
     object->get_property = gst_avpool_src_get_property;
     object->finalize = gst_avpool_src_finalize;
-    auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
-    g_object_class_install_property(
-        object, PROP_KIND,
-        g_param_spec_enum("kind", "Kind", "The kind of pool to read", GST_TYPE_AVPOOL_KIND,
-                          avpool::gst::kindValue(Kind::Jpg), flags));
-    g_object_class_install_property(
-        object, PROP_CHANNEL,
-        g_param_spec_int("channel", "Channel", "The pool's channel (pcm and opus: one pool per machine, 0)", 0, 255,
-                         0, flags));
+    GParamFlags flags = avpool::gst::PROPERTY_FLAGS;
+    avpool::gst::installPoolProperties(object, PROP_KIND, PROP_CHANNEL, "read");
     g_object_class_install_property(
         object, PROP_ZERO_COPY,
         g_param_spec_boolean("zero-copy", "Zero copy",
@@ -383,9 +371,7 @@ static void gst_avpool_src_class_init(GstAvpoolSrcClass* klass) {
 
     gst_element_class_set_static_metadata(element, "avpool source", "Source/Video;Source/Audio",
                                           "Reads a media pool in System V shared memory", "avpool");
-    GstCaps* caps = avpool::gst::allCaps(false);
-    gst_element_class_add_pad_template(element, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
-    gst_caps_unref(caps);
+    avpool::gst::addPadTemplate(element, GST_PAD_SRC);
 
     base->start = gst_avpool_src_start;
     base->stop = gst_avpool_src_stop;

@@ -30,6 +30,19 @@ struct ClockPair {
     gint64 wallAt(gint64 running) const { return wallUs - (runningNs - running) / 1000; }
 };
 
+// The properties of both elements can be set until the element starts.
+constexpr GParamFlags PROPERTY_FLAGS =
+    static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
+
+// Installs the "kind" and "channel" properties; verb is "read" or "write".
+void installPoolProperties(GObjectClass* object, guint kindId, guint channelId, const char* verb);
+
+// Adds the pad template that holds every kind's caps: the source's or the sink's.
+void addPadTemplate(GstElementClass* element, GstPadDirection direction);
+
+// caps, or their intersection with filter when there is one (takes caps).
+GstCaps* filterCaps(GstCaps* caps, GstCaps* filter);
+
 // Kind as the property's enumeration holds it, and back.
 inline gint kindValue(Kind kind) {
     return static_cast<gint>(kind);

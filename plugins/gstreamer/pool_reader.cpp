@@ -103,6 +103,21 @@ protected:
         return true;
     }
 
+    // Attaches the getter, then opens the locks of as many slots as the
+    // segment's header gives: slots(header), 0 while it is not set up.
+    template <class Header, class Getter, class Slots>
+    bool attachGetter(Getter& getter, Slots slots, std::string& why) {
+        getter.init(channel_);
+        Header header;
+        if (!readHeader(keysOf(kind_, channel_).segment, header)) return false;
+        int count = slots(header);
+        if (count < 1) {
+            why = "the " + poolName(kind_, channel_) + " is not set up yet";
+            return false;
+        }
+        return openLocks(count, why);
+    }
+
     bool openLocks(int slots, std::string& why) {
         if (locks_.open(keysOf(kind_, channel_), slots)) return true;
         why = "the " + poolName(kind_, channel_) + " has no locks yet";
@@ -119,57 +134,77 @@ protected:
     const char* pending_ = nullptr;  // why the reader last jumped to the newest element
 };
 
-class JpgReader final : public AttachedReader {
+// The readers of rings in which element k lies in slot k % slots (jpg frames,
+// audio fragments): from the newest element on, slot after slot. The kind
+// gives the getter's moves, its fetch, its age probe and the element's view.
+class RingReader : public AttachedReader {
 public:
-    JpgReader(int channel, int maxAge, pid_t creator) : AttachedReader(Kind::Jpg, channel, maxAge, creator) {}
-
-    bool attach(std::string& why) {
-        getter_.init(channel_);
-        JPGPoolHeader header;
-        if (!readHeader(keysOf(kind_, channel_).segment, header)) return false;
-        slots_ = header.frameCount;
-        if (slots_ < 1 || slots_ > JPG_MAX_FRAME_COUNT) {
-            why = "the " + poolName(kind_, channel_) + " is not set up yet";
-            return false;
-        }
-        return openLocks(slots_, why);
-    }
-
     Next next(const std::atomic<bool>& stop, Element& element) override {
-        int safe = 0;
         if (!started_) {
-            Next first = awaitFirst([&] { return getter_.toWorking(safe); }, stop, creator_);
+            unsigned long long newest = 0;
+            Next first = awaitFirst([&] { return newest = toWorking(); }, stop, creator_);
             if (first != Next::Element) return first;
-            slot_ = slotOf(getter_.getFrameID());
+            slot_ = slotOf(newest);
             started_ = true;
         } else {
-            getter_.toNext(safe);
+            toNext();
             slot_ = (slot_ + 1) % slots_;
         }
         for (;;) {
             Wait wait = locks_.waitOpen(slot_, stop, creator_);
             if (wait != Wait::Open) return outcome(wait);
-            getter_.getFrame();  // moves on past frames whose bytes were reused
-            unsigned long long id = getter_.getFrameID();
+            unsigned long long id = take();
             if (slotOf(id) != slot_) {
                 slot_ = slotOf(id);
-                continue;  // that slot may still be being written: wait for it too
+                continue;  // the fetch moved past reused bytes; that slot may still be being written
             }
-            if (!probeAge([&] { getter_.probeAge(maxAge_); })) {
-                slot_ = slotOf(getter_.toWorking(safe));
+            if (!probeAge([&] { probe(); })) {
+                slot_ = slotOf(toWorking());
                 continue;
             }
-            const JPGFrame& frame = getter_.frame;
             element = Element{};
-            element.data = frame.data;
-            element.size = static_cast<size_t>(frame.frameLength);
-            element.captureUs = captureUs(frame.tv_sec, frame.tv_usec);
-            if (frame.fps > 0) element.durationNs = NS_PER_S / frame.fps;
+            describe(element);
             element.id = id;
             markGap(element, expected_, id, pending_);
             expected_ = id + 1;
             return Next::Element;
         }
+    }
+
+protected:
+    using AttachedReader::AttachedReader;
+
+    // The getter's moves to the newest and to the next slot; the first
+    // returns the number of the element there.
+    virtual unsigned long long toWorking() = 0;
+    virtual void toNext() = 0;
+    // Fetches the element under the getter's cursor; its number.
+    virtual unsigned long long take() = 0;
+    // The getter's age probe on that element; throws the getter's error.
+    virtual void probe() = 0;
+    // Its bytes, capture time and duration.
+    virtual void describe(Element& element) = 0;
+
+    int slots_ = 0;
+
+private:
+    int slotOf(unsigned long long id) const { return static_cast<int>(id % static_cast<unsigned long long>(slots_)); }
+
+    int slot_ = 0;
+};
+
+class JpgReader final : public RingReader {
+public:
+    JpgReader(int channel, int maxAge, pid_t creator) : RingReader(Kind::Jpg, channel, maxAge, creator) {}
+
+    bool attach(std::string& why) {
+        return attachGetter<JPGPoolHeader>(
+            getter_,
+            [&](const JPGPoolHeader& header) {
+                slots_ = header.frameCount <= JPG_MAX_FRAME_COUNT ? header.frameCount : 0;
+                return slots_;
+            },
+            why);
     }
 
     bool intact(const Element& element) override { return prefixHolds(element.data, element.id); }
@@ -184,11 +219,23 @@ public:
     }
 
 private:
-    int slotOf(unsigned long long id) const { return static_cast<int>(id % static_cast<unsigned long long>(slots_)); }
+    unsigned long long toWorking() override { return getter_.toWorking(safe_); }
+    void toNext() override { getter_.toNext(safe_); }
+    unsigned long long take() override {
+        getter_.getFrame();  // moves on past frames whose bytes were reused
+        return getter_.getFrameID();
+    }
+    void probe() override { getter_.probeAge(maxAge_); }
+    void describe(Element& element) override {
+        const JPGFrame& frame = getter_.frame;
+        element.data = frame.data;
+        element.size = static_cast<size_t>(frame.frameLength);
+        element.captureUs = captureUs(frame.tv_sec, frame.tv_usec);
+        if (frame.fps > 0) element.durationNs = NS_PER_S / frame.fps;
+    }
 
     JPGGetter getter_;
-    int slots_ = 0;
-    int slot_ = 0;
+    int safe_ = 0;
 };
 
 // GOP by GOP from the I frame of the GOP being written; after an overtake,
@@ -198,18 +245,17 @@ public:
     Mp4Reader(int channel, int maxAge, pid_t creator) : AttachedReader(Kind::Mp4, channel, maxAge, creator) {}
 
     bool attach(std::string& why) {
-        getter_.init(channel_);
-        MP4PoolHeader header;
-        if (!readHeader(keysOf(kind_, channel_).segment, header)) return false;
-        gops_ = header.gopCount;
-        frames_ = header.framesPerGop;
-        if (gops_ < 1 || frames_ < 1 || gops_ * frames_ > MP4_MAX_FRAME_COUNT) {
-            why = "the " + poolName(kind_, channel_) + " is not set up yet";
-            return false;
-        }
-        // A GOP's first frame is up to a GOP older than the newest one.
-        gopAge_ = maxAge_ + header.oneSafeTime / 1000 + 1;
-        return openLocks(gops_ * frames_, why);
+        return attachGetter<MP4PoolHeader>(
+            getter_,
+            [&](const MP4PoolHeader& header) {
+                gops_ = header.gopCount;
+                frames_ = header.framesPerGop;
+                // A GOP's first frame is up to a GOP older than the newest one.
+                gopAge_ = maxAge_ + header.oneSafeTime / 1000 + 1;
+                bool fits = gops_ >= 1 && frames_ >= 1 && gops_ * frames_ <= MP4_MAX_FRAME_COUNT;
+                return fits ? gops_ * frames_ : 0;
+            },
+            why);
     }
 
     Next next(const std::atomic<bool>& stop, Element& element) override {
@@ -312,10 +358,12 @@ private:
 };
 
 // The audio pools, fragment by fragment through their 200 slots.
-template <class Getter, class Error>
-class AudioReader final : public AttachedReader {
+template <class Getter>
+class AudioReader final : public RingReader {
 public:
-    AudioReader(Kind kind, int channel, int maxAge, pid_t creator) : AttachedReader(kind, channel, maxAge, creator) {}
+    AudioReader(Kind kind, int channel, int maxAge, pid_t creator) : RingReader(kind, channel, maxAge, creator) {
+        slots_ = AUDIO_SLOT_COUNT;
+    }
 
     bool attach(std::string& why) {
         if constexpr (std::is_same_v<Getter, AACGetter>)
@@ -323,39 +371,6 @@ public:
         else
             getter_.init();
         return openLocks(AUDIO_SLOT_COUNT, why);
-    }
-
-    Next next(const std::atomic<bool>& stop, Element& element) override {
-        int safe = 0;
-        if (!started_) {
-            Next first = awaitFirst([&] { return getter_.toWorking(safe); }, stop, creator_);
-            if (first != Next::Element) return first;
-            slot_ = slotOf(getter_.getFragmentID());
-            started_ = true;
-        } else {
-            getter_.toNext(safe);
-            slot_ = (slot_ + 1) % AUDIO_SLOT_COUNT;
-        }
-        for (;;) {
-            Wait wait = locks_.waitOpen(slot_, stop, creator_);
-            if (wait != Wait::Open) return outcome(wait);
-            getter_.getFragment();
-            unsigned long long id = getter_.getFragmentID();
-            if (!probeAge([&] { getter_.probeAge(maxAge_); })) {
-                slot_ = slotOf(getter_.toWorking(safe));
-                continue;
-            }
-            const auto& fragment = getter_.fragment;
-            element = Element{};
-            element.data = fragment.data;
-            element.size = static_cast<size_t>(fragment.length);
-            element.captureUs = captureUs(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
-            element.durationNs = durationNs(format(element));
-            element.id = id;
-            markGap(element, expected_, id, pending_);
-            expected_ = id + 1;
-            return Next::Element;
-        }
     }
 
     // The slot still holds the fragment: the writer numbers a slot anew
@@ -380,7 +395,20 @@ public:
     }
 
 private:
-    static int slotOf(unsigned long long id) { return static_cast<int>(id % AUDIO_SLOT_COUNT); }
+    unsigned long long toWorking() override { return getter_.toWorking(safe_); }
+    void toNext() override { getter_.toNext(safe_); }
+    unsigned long long take() override {
+        getter_.getFragment();
+        return getter_.getFragmentID();
+    }
+    void probe() override { getter_.probeAge(maxAge_); }
+    void describe(Element& element) override {
+        const auto& fragment = getter_.fragment;
+        element.data = fragment.data;
+        element.size = static_cast<size_t>(fragment.length);
+        element.captureUs = captureUs(fragment.timestamp.tv_sec, fragment.timestamp.tv_usec);
+        element.durationNs = durationNs(format(element));
+    }
 
     long long durationNs(const StreamFormat& format) const {
         if (format.rate <= 0 || format.channels <= 0) return -1;
@@ -392,7 +420,7 @@ private:
     }
 
     Getter getter_;
-    int slot_ = 0;
+    int safe_ = 0;
 };
 
 template <class Reader, class... Args>
@@ -419,10 +447,10 @@ std::shared_ptr<PoolReader> attachReader(Kind kind, int channel, int maxAge, std
     switch (kind) {
         case Kind::Jpg: return attach<JpgReader>(why, channel, maxAge, creator);
         case Kind::Mp4: return attach<Mp4Reader>(why, channel, maxAge, creator);
-        case Kind::Pcm: return attach<AudioReader<PCMGetter, PCMGetterError>>(why, kind, channel, maxAge, creator);
-        case Kind::Aac: return attach<AudioReader<AACGetter, AACGetterError>>(why, kind, channel, maxAge, creator);
+        case Kind::Pcm: return attach<AudioReader<PCMGetter>>(why, kind, channel, maxAge, creator);
+        case Kind::Aac: return attach<AudioReader<AACGetter>>(why, kind, channel, maxAge, creator);
         case Kind::Opus:
-            return attach<AudioReader<OPUSGetter, OPUSGetterError>>(why, kind, channel, maxAge, creator);
+            return attach<AudioReader<OPUSGetter>>(why, kind, channel, maxAge, creator);
     }
     return nullptr;
 }
