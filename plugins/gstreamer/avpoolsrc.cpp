@@ -14,9 +14,10 @@
 #include "pool_reader.h"
 #include "slot_wait.h"
 
+#include <avpool/common.h>
+
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
 using avpool::gst::Element;
@@ -299,7 +300,14 @@ static GstFlowReturn gst_avpool_src_create(GstPushSrc* push, GstBuffer** out) {
             if (attached != GST_FLOW_OK) return attached;
         }
         Element element;
-        Next next = state.reader->next(state.stop, element);
+        Next next = Next::Gone;
+        try {
+            next = state.reader->next(state.stop, element);
+        } catch (const avpool::PoolError& error) {
+            // A getter that refuses what the segment holds now: the pool is
+            // taken as gone, and attached anew.
+            GST_WARNING_OBJECT(self, "the pool cannot be read: %s", error.what());
+        }
         if (next == Next::Stopped) return GST_FLOW_FLUSHING;
         if (next == Next::Gone) {
             state.reader.reset();
