@@ -118,6 +118,11 @@ static gboolean gst_avpool_sink_start(GstBaseSink* base) {
         return FALSE;
     }
     state.writer = avpool::gst::createWriter(kind, state.running.geometry);
+    if (!state.writer) {
+        GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("avpoolsink does not write %s pools", avpool::gst::kindName(kind)),
+                          (nullptr));
+        return FALSE;
+    }
     state.refused = 0;
     return TRUE;
 }

@@ -9,8 +9,10 @@ namespace {
 // The pools store samples in the machine's byte order.
 #if G_BYTE_ORDER == G_LITTLE_ENDIAN
 #define AVPOOL_S16 "S16LE"
+#define AVPOOL_GRAY16 "GRAY16_LE"
 #else
 #define AVPOOL_S16 "S16BE"
+#define AVPOOL_GRAY16 "GRAY16_BE"
 #endif
 
 // One structure per kind, in the order of Kind.
@@ -22,6 +24,7 @@ const char* const KIND_CAPS[] = {
     "rate=(int)[ 1000, 2147483647 ], channels=(int)[ 1, 2147483647 ]",
     "audio/mpeg, mpegversion=(int)4, stream-format=(string){ adts, raw }",
     "audio/x-opus, channel-mapping-family=(int)0",
+    "video/x-raw, format=(string)" AVPOOL_GRAY16 ", width=(int)[ 1, 2147483647 ], height=(int)[ 1, 2147483647 ]",
 };
 
 // The sink takes AAC in ADTS frames only: that is what the pool's other
@@ -41,7 +44,8 @@ GstCaps* kindCaps(Kind kind, bool sink) {
 
 GstCaps* allCaps(bool sink) {
     GstCaps* caps = gst_caps_new_empty();
-    for (Kind kind : {Kind::Jpg, Kind::Mp4, Kind::Pcm, Kind::Aac, Kind::Opus}) gst_caps_append(caps, kindCaps(kind, sink));
+    for (Kind kind : {Kind::Jpg, Kind::Mp4, Kind::Pcm, Kind::Aac, Kind::Opus, Kind::Lum})
+        if (!sink || kind != Kind::Lum) gst_caps_append(caps, kindCaps(kind, sink));
     return caps;
 }
 
@@ -87,6 +91,13 @@ GstCaps* capsFor(const StreamFormat& format) {
                 gst_caps_set_simple(caps, "codec_data", GST_TYPE_BUFFER, config, nullptr);
                 gst_buffer_unref(config);
             }
+            break;
+        case Kind::Lum:
+            // Rows of an odd width would need padding to GStreamer's 4-byte stride.
+            if (format.width < 1 || format.height < 1 || format.width % 2 != 0) return nullptr;
+            caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, AVPOOL_GRAY16, "width", G_TYPE_INT,
+                                       format.width, "height", G_TYPE_INT, format.height, "framerate",
+                                       GST_TYPE_FRACTION, format.fps, 1, nullptr);
             break;
         case Kind::Opus:
             caps = gst_caps_new_simple("audio/x-opus", "channel-mapping-family", G_TYPE_INT, 0, "channels",

@@ -14,7 +14,7 @@ GstCaps* kindCaps(Kind kind, bool sink);
 GstCaps* allCaps(bool sink);
 
 // The fixed caps of a stream; null for a format that has none (a pcm format
-// code other than 1, 8 and 16).
+// code other than 1, 8 and 16, luminance pictures of an odd width).
 GstCaps* capsFor(const StreamFormat& format);
 
 // The stream format a sink's fixed caps describe for kind; false when the

@@ -15,6 +15,7 @@ GType gst_avpool_kind_get_type(void) {
             {kindValue(Kind::Pcm), "PCM audio (one pool per machine)", "pcm"},
             {kindValue(Kind::Aac), "AAC audio", "aac"},
             {kindValue(Kind::Opus), "Opus audio (one pool per machine)", "opus"},
+            {kindValue(Kind::Lum), "Luminance pictures (avpoolsrc only)", "lum"},
             {0, nullptr, nullptr},
         };
         g_once_init_leave(&type, g_enum_register_static("GstAvpoolKind", values));

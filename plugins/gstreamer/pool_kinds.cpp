@@ -2,6 +2,7 @@
 
 #include <avpool/aac.h>
 #include <avpool/jpg.h>
+#include <avpool/lum.h>
 #include <avpool/mp4.h>
 #include <avpool/opus.h>
 #include <avpool/pcm.h>
@@ -28,6 +29,7 @@ const char* kindName(Kind kind) {
         case Kind::Pcm: return "pcm";
         case Kind::Aac: return "aac";
         case Kind::Opus: return "opus";
+        case Kind::Lum: return "lum";
     }
     return "?";
 }
@@ -51,6 +53,7 @@ PoolKeys keysOf(Kind kind, int channel) {
         case Kind::Aac:
             return {AAC_BASE_KEY + channel, AAC_BASE_KEY + channel * LOCK_GROUP_STRIDE, LOCK_GROUP_SIZE};
         case Kind::Opus: return {OPUS_KEY, OPUS_KEY, LOCK_GROUP_SIZE};
+        case Kind::Lum: return {LUM_BASE_KEY + channel, LUM_BASE_KEY + channel, LUM_FRAME_COUNT};
     }
     return {-1, -1, 1};
 }

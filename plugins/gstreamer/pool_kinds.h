@@ -8,7 +8,8 @@
 
 namespace avpool::gst {
 
-enum class Kind { Jpg, Mp4, Pcm, Aac, Opus };
+// Lum (luminance pictures) is only read: its writer is the encoder's analysis.
+enum class Kind { Jpg, Mp4, Pcm, Aac, Opus, Lum };
 
 // "jpg", "mp4", ...
 const char* kindName(Kind kind);

@@ -4,6 +4,7 @@
 
 #include <avpool/aac.h>
 #include <avpool/jpg.h>
+#include <avpool/lum.h>
 #include <avpool/mp4.h>
 #include <avpool/opus.h>
 #include <avpool/pcm.h>
@@ -423,6 +424,53 @@ private:
     int safe_ = 0;
 };
 
+// The luminance pool: six pictures of 16-bit samples in their slots. The
+// analysis getters have no age probe: gaps in the numbers show an overtake.
+class LumReader final : public RingReader {
+public:
+    LumReader(int channel, int maxAge, pid_t creator) : RingReader(Kind::Lum, channel, maxAge, creator) {
+        slots_ = LUM_FRAME_COUNT;
+    }
+
+    bool attach(std::string& why) {
+        getter_.init(channel_);
+        return openLocks(LUM_FRAME_COUNT, why);
+    }
+
+    bool intact(const Element& element) override {
+        std::atomic_thread_fence(std::memory_order_acquire);
+        return getter_.getFrameID() == element.id;
+    }
+
+    StreamFormat format(const Element&) override {
+        StreamFormat format;
+        format.kind = Kind::Lum;
+        format.width = getter_.getWorkingWidth();
+        format.height = getter_.getWorkingHeight();
+        format.fps = getter_.getWorkingFPS();
+        return format;
+    }
+
+private:
+    unsigned long long toWorking() override { return getter_.toWorking(safe_); }
+    void toNext() override { getter_.toNext(safe_); }
+    unsigned long long take() override {
+        getter_.getFrame();
+        return getter_.getFrameID();
+    }
+    void probe() override {}
+    void describe(Element& element) override {
+        element.data = reinterpret_cast<const unsigned char*>(getter_.samples);
+        element.size = static_cast<size_t>(getter_.frameLength) * sizeof(unsigned short);
+        element.captureUs = captureUs(getter_.tv_sec, getter_.tv_usec);
+        int fps = getter_.getWorkingFPS();
+        if (fps > 0) element.durationNs = NS_PER_S / fps;
+    }
+
+    LUMGetter getter_;
+    int safe_ = 0;
+};
+
 template <class Reader, class... Args>
 std::shared_ptr<PoolReader> attach(std::string& why, Args... args) {
     auto reader = std::make_shared<Reader>(args...);
@@ -449,8 +497,8 @@ std::shared_ptr<PoolReader> attachReader(Kind kind, int channel, int maxAge, std
         case Kind::Mp4: return attach<Mp4Reader>(why, channel, maxAge, creator);
         case Kind::Pcm: return attach<AudioReader<PCMGetter>>(why, kind, channel, maxAge, creator);
         case Kind::Aac: return attach<AudioReader<AACGetter>>(why, kind, channel, maxAge, creator);
-        case Kind::Opus:
-            return attach<AudioReader<OPUSGetter>>(why, kind, channel, maxAge, creator);
+        case Kind::Opus: return attach<AudioReader<OPUSGetter>>(why, kind, channel, maxAge, creator);
+        case Kind::Lum: return attach<LumReader>(why, channel, maxAge, creator);
     }
     return nullptr;
 }

@@ -235,6 +235,7 @@ std::unique_ptr<PoolWriter> createWriter(Kind kind, const PoolGeometry& geometry
         case Kind::Pcm: return std::make_unique<PcmWriter>();
         case Kind::Aac: return std::make_unique<AacWriter>(geometry.channel);
         case Kind::Opus: return std::make_unique<OpusWriter>();
+        case Kind::Lum: return nullptr;
     }
     return nullptr;
 }

@@ -43,7 +43,8 @@ public:
     virtual void finish() {}
 };
 
-// A writer for the kind's pool; nothing is created before configure.
+// A writer for the kind's pool; nothing is created before configure. Null
+// for lum, whose pools only the encoder's analysis writes.
 std::unique_ptr<PoolWriter> createWriter(Kind kind, const PoolGeometry& geometry);
 
 // The defaults a geometry of 0s takes, for the property descriptions.

@@ -178,6 +178,14 @@ TEST_F(SinkTest, APoolOfARunningWriterIsNotTakenOver) {
     EXPECT_TRUE(writer.wait().ok());
 }
 
+TEST_F(SinkTest, LuminancePoolsAreOnlyRead) {
+    Pipeline pipeline("fakesrc num-buffers=1 ! avpoolsink kind=lum channel=6");
+    pipeline.play();
+    GstMessage* error = pipeline.pop(GST_MESSAGE_ERROR, 5000);
+    EXPECT_EQ(errorText(error), "avpoolsink does not write lum pools");
+    if (error != nullptr) gst_message_unref(error);
+}
+
 struct RoundTrip {
     const char* name;
     const char* sink;

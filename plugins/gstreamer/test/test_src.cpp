@@ -7,6 +7,7 @@
 
 #include <avpool/aac.h>
 #include <avpool/jpg.h>
+#include <avpool/lum.h>
 #include <avpool/mp4.h>
 #include <avpool/opus.h>
 #include <avpool/pcm.h>
@@ -95,7 +96,7 @@ protected:
     static void SetUpTestSuite() { initGst(); }
 
     IpcKeys keys{JPG_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL * 16, PCM_KEY,
-                 AAC_BASE_KEY + CHANNEL, AAC_BASE_KEY + CHANNEL * 16, OPUS_KEY};
+                 AAC_BASE_KEY + CHANNEL, AAC_BASE_KEY + CHANNEL * 16, OPUS_KEY, LUM_BASE_KEY + CHANNEL};
 };
 
 TEST_F(SourceTest, AMissingOrStalePoolIsAnErrorThatNamesIt) {
@@ -386,6 +387,46 @@ TEST_F(SourceTest, WithoutReattachTheStreamEndsWhenTheWriterGoes) {
         gst_event_unref(event);
     }
     EXPECT_TRUE(eos);
+}
+
+TEST_F(SourceTest, LuminancePicturesComeOutAsSixteenBitGrey) {
+    constexpr int WIDTH = 80;
+    constexpr int HEIGHT = 64;
+    constexpr size_t BYTES = WIDTH * HEIGHT * 2;
+    ForkedChild writer([&](ChildLink& link) {
+        LUMPutter putter;
+        putter.init(CHANNEL);
+        putter.reset(WIDTH, HEIGHT, 30);
+        link.say("ready");
+        if (!link.awaitGo()) return 1;
+        for (unsigned long long id = 1; id <= 4; ++id) {
+            std::vector<unsigned char> samples = payload(id, BYTES);
+            putter.putFrame(samples.data(), WIDTH * HEIGHT, nowTv());
+            usleep(2000);
+        }
+        link.awaitGo();
+        return 0;
+    });
+    std::string line;
+    ASSERT_TRUE(writer.readLine(line));
+    Harness harness("avpoolsrc kind=lum channel=5");
+    gst_harness_play(harness.get());
+    usleep(50000);
+    writer.go();
+    GstBuffer* buffer = harness.pull();
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(capsText(harness.currentCaps()),
+              "video/x-raw, format=(string)GRAY16_LE, width=(int)80, height=(int)64, framerate=(fraction)30/1");
+    for (guint64 id = GST_BUFFER_OFFSET(buffer);; ++id) {
+        EXPECT_EQ(GST_BUFFER_OFFSET(buffer), id);
+        EXPECT_EQ(bytesOf(buffer), payload(id, BYTES)) << "picture " << id;
+        gst_buffer_unref(buffer);
+        if (id == 4) break;
+        buffer = harness.pull();
+        ASSERT_NE(buffer, nullptr) << "no picture " << id + 1;
+    }
+    writer.go();
+    EXPECT_TRUE(writer.wait().ok());
 }
 
 // ------------------------------------------------------------------- audio
