@@ -136,10 +136,19 @@ protected:
 };
 
 // The readers of rings in which element k lies in slot k % slots (jpg frames,
-// audio fragments): from the newest element on, slot after slot. The kind
-// gives the getter's moves, its fetch, its age probe and the element's view.
+// audio fragments, luminance pictures): from the newest element on, slot
+// after slot, through the kind's getter. The kind gives the getter's fetch,
+// its age probe and the element's view.
+template <class Getter>
 class RingReader : public AttachedReader {
 public:
+    // A copy is whole when the slot still holds its element afterwards: the
+    // writer numbers a slot anew before it writes the slot's bytes.
+    bool intact(const Element& element) override {
+        std::atomic_thread_fence(std::memory_order_acquire);
+        return currentId() == element.id;
+    }
+
     Next next(const std::atomic<bool>& stop, Element& element) override {
         if (!started_) {
             unsigned long long newest = 0;
@@ -148,13 +157,14 @@ public:
             slot_ = slotOf(newest);
             started_ = true;
         } else {
-            toNext();
+            getter_.toNext(safe_);
             slot_ = (slot_ + 1) % slots_;
         }
         for (;;) {
             Wait wait = locks_.waitOpen(slot_, stop, creator_);
             if (wait != Wait::Open) return outcome(wait);
-            unsigned long long id = take();
+            fetch();
+            unsigned long long id = currentId();
             if (slotOf(id) != slot_) {
                 slot_ = slotOf(id);
                 continue;  // the fetch moved past reused bytes; that slot may still be being written
@@ -175,26 +185,27 @@ public:
 protected:
     using AttachedReader::AttachedReader;
 
-    // The getter's moves to the newest and to the next slot; the first
-    // returns the number of the element there.
-    virtual unsigned long long toWorking() = 0;
-    virtual void toNext() = 0;
-    // Fetches the element under the getter's cursor; its number.
-    virtual unsigned long long take() = 0;
+    // Fetches the element under the getter's cursor (getFrame, getFragment)
+    // and tells its number.
+    virtual void fetch() = 0;
+    virtual unsigned long long currentId() = 0;
     // The getter's age probe on that element; throws the getter's error.
     virtual void probe() = 0;
     // Its bytes, capture time and duration.
     virtual void describe(Element& element) = 0;
 
+    Getter getter_;
     int slots_ = 0;
 
 private:
+    unsigned long long toWorking() { return getter_.toWorking(safe_); }
     int slotOf(unsigned long long id) const { return static_cast<int>(id % static_cast<unsigned long long>(slots_)); }
 
+    int safe_ = 0;
     int slot_ = 0;
 };
 
-class JpgReader final : public RingReader {
+class JpgReader final : public RingReader<JPGGetter> {
 public:
     JpgReader(int channel, int maxAge, pid_t creator) : RingReader(Kind::Jpg, channel, maxAge, creator) {}
 
@@ -220,12 +231,8 @@ public:
     }
 
 private:
-    unsigned long long toWorking() override { return getter_.toWorking(safe_); }
-    void toNext() override { getter_.toNext(safe_); }
-    unsigned long long take() override {
-        getter_.getFrame();  // moves on past frames whose bytes were reused
-        return getter_.getFrameID();
-    }
+    void fetch() override { getter_.getFrame(); }  // moves on past frames whose bytes were reused
+    unsigned long long currentId() override { return getter_.getFrameID(); }
     void probe() override { getter_.probeAge(maxAge_); }
     void describe(Element& element) override {
         const JPGFrame& frame = getter_.frame;
@@ -234,9 +241,6 @@ private:
         element.captureUs = captureUs(frame.tv_sec, frame.tv_usec);
         if (frame.fps > 0) element.durationNs = NS_PER_S / frame.fps;
     }
-
-    JPGGetter getter_;
-    int safe_ = 0;
 };
 
 // GOP by GOP from the I frame of the GOP being written; after an overtake,
@@ -360,10 +364,15 @@ private:
 
 // The audio pools, fragment by fragment through their 200 slots.
 template <class Getter>
-class AudioReader final : public RingReader {
+class AudioReader final : public RingReader<Getter> {
+    using Base = RingReader<Getter>;
+    using Base::channel_;
+    using Base::getter_;
+    using Base::kind_;
+
 public:
-    AudioReader(Kind kind, int channel, int maxAge, pid_t creator) : RingReader(kind, channel, maxAge, creator) {
-        slots_ = AUDIO_SLOT_COUNT;
+    AudioReader(Kind kind, int channel, int maxAge, pid_t creator) : Base(kind, channel, maxAge, creator) {
+        Base::slots_ = AUDIO_SLOT_COUNT;
     }
 
     bool attach(std::string& why) {
@@ -371,14 +380,7 @@ public:
             getter_.init(channel_);
         else
             getter_.init();
-        return openLocks(AUDIO_SLOT_COUNT, why);
-    }
-
-    // The slot still holds the fragment: the writer numbers a slot anew
-    // before it writes its bytes.
-    bool intact(const Element& element) override {
-        std::atomic_thread_fence(std::memory_order_acquire);
-        return getter_.getFragmentID() == element.id;
+        return Base::openLocks(AUDIO_SLOT_COUNT, why);
     }
 
     StreamFormat format(const Element& element) override {
@@ -396,13 +398,9 @@ public:
     }
 
 private:
-    unsigned long long toWorking() override { return getter_.toWorking(safe_); }
-    void toNext() override { getter_.toNext(safe_); }
-    unsigned long long take() override {
-        getter_.getFragment();
-        return getter_.getFragmentID();
-    }
-    void probe() override { getter_.probeAge(maxAge_); }
+    void fetch() override { getter_.getFragment(); }
+    unsigned long long currentId() override { return getter_.getFragmentID(); }
+    void probe() override { getter_.probeAge(Base::maxAge_); }
     void describe(Element& element) override {
         const auto& fragment = getter_.fragment;
         element.data = fragment.data;
@@ -419,14 +417,11 @@ private:
         if (kind_ == Kind::Aac) samples = AAC_FRAME_SAMPLES;
         return samples < 0 ? -1 : samples * NS_PER_S / format.rate;
     }
-
-    Getter getter_;
-    int safe_ = 0;
 };
 
 // The luminance pool: six pictures of 16-bit samples in their slots. The
 // analysis getters have no age probe: gaps in the numbers show an overtake.
-class LumReader final : public RingReader {
+class LumReader final : public RingReader<LUMGetter> {
 public:
     LumReader(int channel, int maxAge, pid_t creator) : RingReader(Kind::Lum, channel, maxAge, creator) {
         slots_ = LUM_FRAME_COUNT;
@@ -435,11 +430,6 @@ public:
     bool attach(std::string& why) {
         getter_.init(channel_);
         return openLocks(LUM_FRAME_COUNT, why);
-    }
-
-    bool intact(const Element& element) override {
-        std::atomic_thread_fence(std::memory_order_acquire);
-        return getter_.getFrameID() == element.id;
     }
 
     StreamFormat format(const Element&) override {
@@ -452,12 +442,8 @@ public:
     }
 
 private:
-    unsigned long long toWorking() override { return getter_.toWorking(safe_); }
-    void toNext() override { getter_.toNext(safe_); }
-    unsigned long long take() override {
-        getter_.getFrame();
-        return getter_.getFrameID();
-    }
+    void fetch() override { getter_.getFrame(); }
+    unsigned long long currentId() override { return getter_.getFrameID(); }
     void probe() override {}
     void describe(Element& element) override {
         element.data = reinterpret_cast<const unsigned char*>(getter_.samples);
@@ -466,9 +452,6 @@ private:
         int fps = getter_.getWorkingFPS();
         if (fps > 0) element.durationNs = NS_PER_S / fps;
     }
-
-    LUMGetter getter_;
-    int safe_ = 0;
 };
 
 template <class Reader, class... Args>
