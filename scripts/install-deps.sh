@@ -4,14 +4,20 @@
 #
 #   scripts/install-deps.sh [native] [cross] [fuzz] [all]    (default: all)
 #
-# native: compiler, CMake, the test/benchmark libraries and ffmpeg for the build machine.
+# native: compiler, CMake, the test/benchmark libraries, ffmpeg and GStreamer (development
+#         files for the plugin, the tools and the plugins its tests use) for the build machine.
 # cross:  the arm-linux-gnueabihf compiler, qemu-arm to run its programs, and the
 #         GoogleTest sources, which scripts/armhf-build.sh compiles for the device.
 # fuzz:   clang and its libFuzzer runtime for the getters' fuzz targets.
 set -eu
 
 # ffmpeg makes the media the media tests put through the pools (they skip without it).
-native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg"
+# The GStreamer plugin is built against libgstreamer*-dev; its tests run pipelines with
+# elements of plugins-base (appsink), -good (jpegdec) and -bad (h264parse); the package
+# checks run gst-inspect-1.0 from gstreamer1.0-tools.
+gstreamer_packages="pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad"
+native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg $gstreamer_packages"
 cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
 fuzz_packages="make cmake clang libclang-rt-14-dev"
 
