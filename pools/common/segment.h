@@ -88,6 +88,16 @@ void detachSegment(int& id, T*& address, typename std::common_type<T*>::type det
     id = -1;
 }
 
+// A getter that found a header describing no pool: detach (release is the
+// getter's own), so that nothing is read through it, and say so.
+template <class Header, class Release>
+[[noreturn]] void refuseHeader(Header*& pool, Release release, Raise raise) {
+    if (pool == notAttached<Header>()) pool = nullptr;
+    release();
+    raise(POOL_NOT_READY);
+    __builtin_unreachable();
+}
+
 // Putter release: detach, then remove the segment it owns.
 template <class T>
 void removeSegment(int& id, T*& address, typename std::common_type<T*>::type detached = nullptr) {

@@ -5,18 +5,14 @@
 
 namespace avpool::detail {
 
-namespace {
-union SemArg {
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
-}  // namespace
-
-int setLock(int semId, int index, int value, Raise raise) {
+int setValue(int semId, int index, int value) {
     SemArg arg;
     arg.val = value;
-    int result = semctl(semId, index, SETVAL, arg);
+    return semctl(semId, index, SETVAL, arg);
+}
+
+int setLock(int semId, int index, int value, Raise raise) {
+    int result = setValue(semId, index, value);
     if (result == -1) systemFailure("semctl failed", raise);
     return result;
 }

@@ -7,12 +7,22 @@
 #include <avpool/common.h>
 
 #include <sys/ipc.h>
+#include <sys/sem.h>
 
 namespace avpool::detail {
 
 constexpr int LOCK_CLOSED = 1;
 constexpr int LOCK_OPEN = 0;
 
+// The fourth argument of semctl, which the caller declares.
+union SemArg {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+
+// SETVAL, reporting nothing; semctl's result.
+int setValue(int semId, int index, int value);
 // SETVAL; failure is "semctl failed.". Returns semctl's result (0).
 int setLock(int semId, int index, int value, Raise raise);
 

@@ -11,20 +11,6 @@ namespace avpool::detail {
 
 namespace {
 constexpr int HOLDER_DIED = 1;
-
-union SemArg {
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
-
-// The budget's semaphores are set without reporting: with the set gone the
-// getter runs unlocked, as it does without one.
-void setSem(int id, int index, int value) {
-    SemArg arg;
-    arg.val = value;
-    semctl(id, index, SETVAL, arg);
-}
 }  // namespace
 
 int budgetSems(int id) {
@@ -50,15 +36,17 @@ BudgetSession::BudgetSession(int id, int sems, InfoArea* area)
     if (healing_) heal();
 }
 
+// The budget's semaphores are set without reporting: with the set gone the
+// getter runs unlocked, as it does without one.
 void BudgetSession::mark(int value) {
-    setSem(id_, BUDGET_JOURNAL, value);
+    setValue(id_, BUDGET_JOURNAL, value);
 }
 
 // SETVAL also clears every process's pending undo of that semaphore, so a slat
 // returned by anyone stops counting on its first holder.
 void BudgetSession::setHolder(int i, bool thisProcess) {
     if (!healing_) return;
-    setSem(id_, BUDGET_HOLDERS + i, 0);
+    setValue(id_, BUDGET_HOLDERS + i, 0);
     if (!thisProcess) return;
     sembuf ops[2] = {{static_cast<unsigned short>(BUDGET_HOLDERS + i), 1, 0},
                      {static_cast<unsigned short>(BUDGET_HOLDERS + i), 1, SEM_UNDO}};

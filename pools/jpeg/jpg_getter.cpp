@@ -46,13 +46,8 @@ void JPGGetter::init(int channel) {
     current_ = writer();
 }
 
-// A header that is not (yet) a pool's: detach, so that nothing is read through
-// it, and say so.
 void JPGGetter::notReady() {
-    if (pool_ == notAttached<JPGPoolHeader>()) pool_ = nullptr;
-    release();
-    raise(POOL_NOT_READY);
-    __builtin_unreachable();
+    refuseHeader(pool_, [this] { release(); }, raise);
 }
 
 void JPGGetter::requireAttached() const {

@@ -54,13 +54,8 @@ void MP4Getter::init(int channel) {
     workingGop_ = 0;
 }
 
-// A header that is not (yet) a pool's: detach, so that nothing is read through
-// it, and say so.
 void MP4Getter::notReady() {
-    if (pool_ == notAttached<MP4PoolHeader>()) pool_ = nullptr;
-    release();
-    raise(POOL_NOT_READY);
-    __builtin_unreachable();
+    refuseHeader(pool_, [this] { release(); }, raise);
 }
 
 int MP4Getter::writer() const {
