@@ -1,7 +1,7 @@
 #!/bin/sh
 # Checks that a build for this machine and a build for the armhf device meet in
-# the same pools byte for byte: builds the interop peer in both (configuring the
-# trees where needed) and runs tests/interop/run-interop.sh on them.
+# the same pools byte for byte: builds avpool_golden in both (configuring the
+# trees where needed) and runs tests/interop/run-golden.sh on them.
 #
 #   scripts/interop-test.sh [NATIVE_BUILD_DIR] [ARMHF_BUILD_DIR]
 #
@@ -20,7 +20,7 @@ jobs=${JOBS:-$(nproc)}
 if [ ! -f "$native/CMakeCache.txt" ]; then
     cmake -S "$repo" -B "$native" -DAVPOOL_BUILD_BENCH=OFF -DAVPOOL_BUILD_TOOLS=OFF
 fi
-cmake --build "$native" -j "$jobs" --target avpool_interop_peer
-"$repo/scripts/armhf-build.sh" "$armhf" avpool_interop_peer
+cmake --build "$native" -j "$jobs" --target avpool_golden
+"$repo/scripts/armhf-build.sh" "$armhf" avpool_golden
 
-"$repo/tests/interop/run-interop.sh" "$native" "$armhf"
+"$repo/tests/interop/run-golden.sh" "$native" "$armhf"
