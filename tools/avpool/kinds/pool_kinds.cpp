@@ -74,7 +74,7 @@ const PoolKind md = {
     readAnalysis, statAnalysis, nullptr, nullptr, demo::writeMd, demo::consumeMd, 7,
 };
 const PoolKind infos = {
-    "infos", INFOS_KEY, false, LockKeys::None, Family::InfoArea,
+    "infos", INFOS_KEY, false, LockKeys::Single, Family::InfoArea,
     0, INFOS_AREA_SIZE, 0, 0, INFOS_AREA_SIZE, 0, 0, false,
     readInfos, nullptr, nullptr, nullptr, nullptr, nullptr, 0,
 };

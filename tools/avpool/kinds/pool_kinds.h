@@ -33,8 +33,7 @@ struct GetJob;
 constexpr int MAX_CHANNEL = 255;  // the kinds' base keys are 0x100 apart
 
 enum class LockKeys {
-    None,     // no semaphores (the information area)
-    Single,   // one set under the segment's key
+    Single,   // one set under the segment's key (the information area: its budget's set)
     Grouped,  // sets under base + channel * 16 + g
 };
 
