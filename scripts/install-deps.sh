@@ -14,8 +14,9 @@ set -eu
 # ffmpeg makes the media the media tests put through the pools (they skip without it).
 # The GStreamer plugin is built against libgstreamer*-dev; its tests run pipelines with
 # elements of plugins-base (appsink), -good (jpegdec) and -bad (h264parse); the package
-# checks run gst-inspect-1.0 from gstreamer1.0-tools.
-gstreamer_packages="pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+# checks run gst-inspect-1.0 from gstreamer1.0-tools. `avpool serve` is built on
+# gst-rtsp-server (libgstrtspserver-1.0-dev).
+gstreamer_packages="pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad"
 native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg $gstreamer_packages"
 cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
