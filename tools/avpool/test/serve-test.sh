@@ -48,19 +48,21 @@ shown() { grep -q "$2" "$work/$1.out" 2>/dev/null; }
 budget_is() { "$AVPOOL" infos >"$work/infos.out" 2>&1 && grep -q "^budget: *$1 of 10 units taken" "$work/infos.out"; }
 
 # An area with profile 0 on the mp4 pool of channel 0 and profile 1 on the
-# jpg pool of channel 1, both pools fed from files, and the server.
+# jpg pool of channel 1, both pools fed from files (the jpg one in a loop, the
+# mp4 one with the options given), and the server.
 setup() {
     sh "$(dirname "$0")/../../../tests/media/make-media.sh" "$work" || exit $?
-    # SPS and PPS only in front of the first picture, as a GStreamer encoder
-    # sends them: a client that starts later gets those the area publishes.
+    # SPS and PPS only in front of the first of 15 GOPs, as a GStreamer
+    # encoder sends them: a client that starts on another decodes only with
+    # those the area publishes (the frames repeat every 50, as in camera.h264).
     ffmpeg -nostdin -v error -i "$work/camera.h264" -c copy -bsf:v filter_units=pass_types=7-8 -frames:v 1 \
         -f h264 "$work/sets.h264" &&
         ffmpeg -nostdin -v error -i "$work/camera.h264" -c copy -bsf:v filter_units=remove_types=7-8 \
             -f h264 "$work/slices.h264" || fail "ffmpeg cannot rewrite camera.h264"
-    cat "$work/sets.h264" "$work/slices.h264" >"$work/once.h264"
+    cat "$work/sets.h264" "$work/slices.h264" "$work/slices.h264" "$work/slices.h264" >"$work/once.h264"
     start area "$AREA" mp4:0 jpg:1
     until_true 5 "the information area" shown area published
-    start put0 "$AVPOOL" put mp4 0 "$work/once.h264" --loop
+    start put0 "$AVPOOL" put mp4 0 "$work/once.h264" "$@"
     start put1 "$AVPOOL" put jpg 1 "$work/camera.mjpeg" --loop
     until_true 5 "both pools" sh -c "'$AVPOOL' stat mp4 0 >/dev/null 2>&1 && '$AVPOOL' stat jpg 1 >/dev/null 2>&1"
     start serve "$AVPOOL" serve --port 0
@@ -83,10 +85,13 @@ window() {
 case $case_name in
 frames)
     setup
+    until_true 5 "the writer past the GOP with SPS and PPS" sh -c \
+        "'$AVPOOL' stat mp4 0 2>/dev/null | grep -qE '^\\* GOP +[0-9]+ +gopID +([2-9]|[1-9][0-9])'"
     for mount in 0:h264:40 1:mjpeg:30; do
         profile=${mount%%:*} rest=${mount#*:}
         format=${rest%%:*} count=${rest#*:}
         file=$work/camera.$format
+        [ "$format" = h264 ] && file=$work/once.h264
         ffmpeg -nostdin -v error -f "$format" -i "$file" -f framemd5 "$work/file$profile.md5" || fail "ffmpeg cannot decode $file"
         hashes "$work/file$profile.md5" >"$work/file$profile.txt"
         timeout 20 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$url/profile$profile" -frames:v "$count" \
@@ -100,7 +105,7 @@ frames)
     [ "$(grep -c ' (teardown)$' "$work/serve.out")" = 2 ] || fail "the clients did not leave with TEARDOWN"
     ;;
 budget)
-    setup
+    setup --loop
     # Eight units for active users, two for RTSP clients.
     for i in 1 2 3 4 5 6 7 8; do "$AVPOOL" users add "user$i" web >/dev/null || fail "users add $i"; done
     play() { start "$1" ffmpeg -nostdin -v error -rtsp_transport tcp -i "$url/$2" -c copy -t 30 -f null -; }
