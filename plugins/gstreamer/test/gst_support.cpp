@@ -97,11 +97,15 @@ GstBuffer* Pipeline::pullFrom(const char* appsink, int timeoutMs) {
 }
 
 std::string errorText(GstMessage* message) {
-    if (message == nullptr || GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return "";
-    GError* error = nullptr;
-    gst_message_parse_error(message, &error, nullptr);
-    std::string text = error->message;
-    g_error_free(error);
+    if (message == nullptr) return "";
+    std::string text;
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+        GError* error = nullptr;
+        gst_message_parse_error(message, &error, nullptr);
+        text = error->message;
+        g_error_free(error);
+    }
+    gst_message_unref(message);
     return text;
 }
 

@@ -57,7 +57,7 @@ private:
     GstElement* pipeline_;
 };
 
-std::string errorText(GstMessage* message);  // "" when not an error
+std::string errorText(GstMessage* message);  // "" when not an error; takes the message
 std::vector<unsigned char> bytesOf(GstBuffer* buffer);
 
 // Element number id as writers put it: `size` bytes behind an optional head,

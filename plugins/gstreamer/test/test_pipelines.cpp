@@ -101,8 +101,7 @@ TEST_P(PutTest, ElementsPutByTheToolComeOutOfTheSourceByteIdentical) {
         }
         EXPECT_EQ(delta, !keys[at]) << "element " << at;
     }
-    GstMessage* error = pipeline.pop(GST_MESSAGE_ERROR, 0);
-    EXPECT_EQ(error, nullptr) << errorText(error);
+    EXPECT_EQ(errorText(pipeline.pop(GST_MESSAGE_ERROR, 0)), "") << "the decoder or parser refused a buffer";
     tool.signal(SIGTERM);
     EXPECT_TRUE(tool.wait(5000).ok());
 }

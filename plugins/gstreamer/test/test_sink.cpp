@@ -22,10 +22,7 @@ protected:
 
 // A sink harness that renders at once (no clock waits).
 struct SinkHarness : Harness {
-    SinkHarness(const std::string& description, const char* caps) : Harness(description) {
-        GstElement* sink = gst_harness_find_element(get(), "avpoolsink");
-        g_object_set(sink, "sync", FALSE, nullptr);
-        gst_object_unref(sink);
+    SinkHarness(const std::string& description, const char* caps) : Harness(description + " sync=false") {
         gst_harness_set_src_caps_str(get(), caps);
     }
     GstFlowReturn push(const std::vector<unsigned char>& bytes, bool key = true) {

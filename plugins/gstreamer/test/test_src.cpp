@@ -61,9 +61,7 @@ protected:
 TEST_F(SourceTest, AMissingPoolIsAnErrorThatNamesIt) {
     Pipeline missing("avpoolsrc kind=jpg channel=9 ! fakesink");
     missing.play();
-    GstMessage* error = missing.pop(GST_MESSAGE_ERROR, 5000);
-    EXPECT_EQ(errorText(error), "No jpg pool on channel 9 (key 0x4c09)");
-    if (error != nullptr) gst_message_unref(error);
+    EXPECT_EQ(errorText(missing.pop(GST_MESSAGE_ERROR, 5000)), "No jpg pool on channel 9 (key 0x4c09)");
 }
 
 class JpegSourceTest : public SourceTest, public ::testing::WithParamInterface<bool> {};
