@@ -62,6 +62,14 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Media pools in System V shared memory: th
  of a producer and its consumers.")
 set(CPACK_COMPONENT_TOOLS_DEPENDS library)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${avpool_runtime_depends}")
+if(AVPOOL_SERVE_BUILT)
+  # avpool serve links gst-rtsp-server and reads the pools through the plugin;
+  # its pipelines payload with elements of plugins-good and parse H.264 with
+  # plugins-bad.
+  string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    ", libglib2.0-0, libgstreamer1.0-0 (>= 1.18), libgstrtspserver-1.0-0, libgstreamer-plugins-base1.0-0")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "gstreamer1.0-avpool, gstreamer1.0-plugins-good, gstreamer1.0-plugins-bad")
+endif()
 
 set(CPACK_DEBIAN_GSTREAMER_PACKAGE_NAME gstreamer1.0-avpool)
 set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SECTION video)

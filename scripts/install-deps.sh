@@ -14,8 +14,9 @@ set -eu
 # ffmpeg makes the media the media tests put through the pools (they skip without it).
 # The GStreamer plugin is built against libgstreamer*-dev; its tests run pipelines with
 # elements of plugins-base (appsink), -good (jpegdec) and -bad (h264parse); the package
-# checks run gst-inspect-1.0 from gstreamer1.0-tools.
-gstreamer_packages="pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+# checks run gst-inspect-1.0 from gstreamer1.0-tools. `avpool serve` is built on
+# gst-rtsp-server (libgstrtspserver-1.0-dev).
+gstreamer_packages="pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad"
 native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg python3 $gstreamer_packages"
 cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
@@ -65,6 +66,8 @@ else
 fi
 
 echo "install-deps: installing$missing"
-$as_root apt-get update -q
+# A list that fails (the armhf security index that scripts/armhf-sysroot.sh's
+# foreign architecture brings is at times out of step) does not stop the rest.
+$as_root apt-get update -q || echo "install-deps: some package lists failed to update; going on" >&2
 # shellcheck disable=SC2086 # one word per package
 $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing

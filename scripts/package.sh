@@ -10,9 +10,12 @@
 #         (each finds libavpool through its RPATH), and the plugin must lie
 #         in the system's GStreamer plugin directory. As root they are also
 #         installed with dpkg, checked the same way from /usr, and removed.
-# armhf:  armhf packages from the cross build in build-armhf-deb; the
-#         unpacked tool runs under qemu-arm. The GStreamer plugin is not
-#         cross-built (the cross build has no armhf GStreamer).
+# armhf:  armhf packages from the cross build in build-armhf-deb, the plugin
+#         built against Debian's armhf GStreamer unpacked by
+#         scripts/armhf-sysroot.sh; the unpacked tool runs under qemu-arm, the
+#         plugin is an ARM object that needs only libraries of the Debian
+#         packages it depends on, and armhf gst-inspect-1.0 loads it under
+#         qemu-arm.
 #
 # Packages land in BUILD_DIR/packages. JOBS sets the build's parallel level.
 set -eu
@@ -117,17 +120,43 @@ native() {
 
 armhf() {
     "$repo/scripts/install-deps.sh" cross
+    sysroot=$("$repo/scripts/armhf-sysroot.sh" "$repo/build-armhf-sysroot")
     dir=$repo/build-armhf-deb
     # The toolchain does not tell CMake the multiarch triple, so the Debian
     # library directory is named here.
-    build "$dir" -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/toolchains/armhf.cmake" \
+    AVPOOL_ARMHF_SYSROOT=$sysroot build "$dir" -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/toolchains/armhf.cmake" \
         -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf
-    expect_packages "$dir" armhf libavpool0 libavpool-dev avpool-tools
+    expect_packages "$dir" armhf libavpool0 libavpool-dev avpool-tools gstreamer1.0-avpool
     root=$scratch/armhf
     for deb in "$dir"/packages/*.deb; do dpkg-deb -x "$deb" "$root"; done
     [ -f "$root/usr/lib/arm-linux-gnueabihf/libavpool.so.0" ] || fail "libavpool.so.0 is not in lib/arm-linux-gnueabihf"
     check_tool qemu-arm -L /usr/arm-linux-gnueabihf "$root/usr/bin/avpool"
     echo "package: armhf packages unpacked in a scratch root: avpool --help works under qemu-arm"
+    passed=$((passed + 1))
+
+    plugin=$root/usr/lib/arm-linux-gnueabihf/gstreamer-1.0/libgstavpool.so
+    [ -f "$plugin" ] || fail "the armhf plugin is not in lib/arm-linux-gnueabihf/gstreamer-1.0"
+    file -L "$plugin" | grep -q "ELF 32-bit LSB shared object, ARM, EABI5" || fail "$(file -L "$plugin")"
+    readelf -d "$plugin" | grep -q 'RUNPATH.*\[\$ORIGIN/\.\.\]' || fail "the armhf plugin does not find libavpool beside it"
+    readelf -d "$plugin" | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' >"$scratch/needed"
+    for lib in $(cat "$scratch/needed"); do
+        case $lib in
+            libavpool.so.0 | libgstbase-1.0.so.0 | libgstreamer-1.0.so.0 | libgobject-2.0.so.0 | libglib-2.0.so.0 | \
+                libstdc++.so.6 | libgcc_s.so.1 | libc.so.6 | libm.so.6) ;;
+            *) fail "the armhf plugin needs $lib, which its package's dependencies do not bring" ;;
+        esac
+    done
+    # gst-inspect-1.0 for armhf under qemu-arm, with the armhf GStreamer of the
+    # sysroot and the plugin and library of the packages; in the inspecting
+    # process itself (the plugin scanner would run as an ARM program).
+    libs=$root/usr/lib/arm-linux-gnueabihf:$sysroot/usr/lib/arm-linux-gnueabihf:$sysroot/lib/arm-linux-gnueabihf
+    for element in avpoolsrc avpoolsink; do
+        GST_REGISTRY_FORK=no GST_REGISTRY="$scratch/armhf-registry.bin" GST_PLUGIN_SYSTEM_PATH="$root/usr/lib/arm-linux-gnueabihf/gstreamer-1.0" \
+            qemu-arm -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH="$libs" "$sysroot/usr/bin/gst-inspect-1.0" "$element" \
+            >"$scratch/inspect.out" 2>&1 || fail "armhf gst-inspect-1.0 $element: $(tail -n 3 "$scratch/inspect.out")"
+        grep -q "kind" "$scratch/inspect.out" || fail "armhf gst-inspect-1.0 $element shows no kind property"
+    done
+    echo "package: the armhf plugin package: an ARM object found where GStreamer looks, armhf gst-inspect-1.0 loads both elements under qemu-arm"
     passed=$((passed + 1))
 }
 

@@ -26,6 +26,27 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# GStreamer for the target, for the plugin: Debian's armhf packages unpacked
+# into a directory by scripts/armhf-sysroot.sh, named in the environment or
+# the cache as AVPOOL_ARMHF_SYSROOT. pkg-config then answers from that tree
+# (its paths prefixed with it), and the linker finds there the libraries the
+# GStreamer libraries need in turn.
+if(NOT AVPOOL_ARMHF_SYSROOT AND DEFINED ENV{AVPOOL_ARMHF_SYSROOT})
+  set(AVPOOL_ARMHF_SYSROOT $ENV{AVPOOL_ARMHF_SYSROOT})
+endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES AVPOOL_ARMHF_SYSROOT)
+if(AVPOOL_ARMHF_SYSROOT)
+  set(ENV{PKG_CONFIG_SYSROOT_DIR} ${AVPOOL_ARMHF_SYSROOT})
+  set(ENV{PKG_CONFIG_LIBDIR}
+    "${AVPOOL_ARMHF_SYSROOT}/usr/lib/${AVPOOL_ARMHF_TRIPLE}/pkgconfig:${AVPOOL_ARMHF_SYSROOT}/usr/share/pkgconfig")
+  list(APPEND CMAKE_FIND_ROOT_PATH ${AVPOOL_ARMHF_SYSROOT})
+  foreach(dir usr/lib/${AVPOOL_ARMHF_TRIPLE} lib/${AVPOOL_ARMHF_TRIPLE})
+    string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,-rpath-link,${AVPOOL_ARMHF_SYSROOT}/${dir}")
+    string(APPEND CMAKE_MODULE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${AVPOOL_ARMHF_SYSROOT}/${dir}")
+    string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${AVPOOL_ARMHF_SYSROOT}/${dir}")
+  endforeach()
+endif()
+
 # Debian's qemu-user installs qemu-arm; the static build is qemu-arm-static.
 # -L makes the emulator load the target's dynamic loader and libraries.
 find_program(AVPOOL_QEMU_ARM NAMES qemu-arm qemu-arm-static

@@ -1,5 +1,7 @@
 #include "pool_writer.h"
 
+#include "publish/video_profile.h"
+
 #include <avpool/aac.h>
 #include <avpool/jpg.h>
 #include <avpool/mp4.h>
@@ -65,7 +67,9 @@ private:
 // every frame whole: a P frame the pool would truncate, or one past the GOP's
 // last slot (which the pool would announce on the console), is refused here,
 // and a refused frame makes the rest of its GOP go too, since nothing after
-// it decodes.
+// it decodes. Like an encoder, it tells the information area's profiles of
+// its channel the picture size and rate, and the SPS and PPS of H.264 as the
+// I frames bring them.
 class Mp4Writer final : public PoolWriter {
 public:
     explicit Mp4Writer(const PoolGeometry& geometry) : geometry_(geometry) {}
@@ -80,6 +84,11 @@ public:
             created_ = true;
         }
         putter_.reset(format.width, format.height, orDefault(format.fps, DEFAULT_FPS));
+        profile_.width = format.width;
+        profile_.height = format.height;
+        profile_.fps = orDefault(format.fps, DEFAULT_FPS);
+        h264_ = format.codec == VideoCodec::H264;
+        publish::publishVideo(geometry_.channel, profile_);
     }
 
     Put put(const unsigned char* data, size_t size, bool key, long long captureUs) override {
@@ -91,6 +100,7 @@ public:
         if (key) {
             putter_.putIFrame(bytes(data), static_cast<int>(size), tv);
             inGop_ = 1;
+            if (h264_) publishParameterSets(data, size);
             return Put::Written;
         }
         if (inGop_ < 0) return Put::NoKeyFrame;
@@ -101,8 +111,20 @@ public:
     }
 
 private:
+    // The I frame's SPS and PPS, published when they are new.
+    void publishParameterSets(const unsigned char* data, size_t size) {
+        std::vector<unsigned char> sps, pps;
+        publish::findParameterSets(data, size, sps, pps);
+        if ((sps.empty() || sps == profile_.sps) && (pps.empty() || pps == profile_.pps)) return;
+        if (!sps.empty()) profile_.sps = sps;
+        if (!pps.empty()) profile_.pps = pps;
+        publish::publishVideo(geometry_.channel, profile_);
+    }
+
     PoolGeometry geometry_;
     MP4Putter putter_;
+    publish::VideoProfile profile_;
+    bool h264_ = false;
     bool created_ = false;
     int gops_ = 0;
     int frames_ = 0;

@@ -4,7 +4,9 @@
 #   make-media.sh DIR [video|audio]      (default: video)
 #
 # video:
-# DIR/camera.mjpeg: 25 JPEG pictures of 320x240 one after the other (1 s at 25/s)
+# DIR/camera.mjpeg: 25 JPEG pictures of 320x240 one after the other (1 s at 25/s),
+#                   4:2:0 with the standard Huffman tables, as cameras make
+#                   them and as RTP carries them
 # DIR/camera.h264:  50 pictures of 320x240 as an H.264 Annex B stream, an IDR
 #                   picture every 10
 # audio:
@@ -42,6 +44,7 @@ done
 [ -n "$h264" ] || { echo "make-media: this ffmpeg has no H.264 encoder" >&2; exit 77; }
 
 source="testsrc=size=320x240:rate=25"
-ffmpeg -nostdin -v error -y -f lavfi -i "$source" -t 1 -c:v mjpeg -f mjpeg "$dir/camera.mjpeg"
+ffmpeg -nostdin -v error -y -f lavfi -i "$source" -t 1 -c:v mjpeg -pix_fmt yuvj420p -huffman default \
+    -f mjpeg "$dir/camera.mjpeg"
 ffmpeg -nostdin -v error -y -f lavfi -i "$source" -t 2 -c:v "$h264" -g 10 -pix_fmt yuv420p \
     -bsf:v h264_mp4toannexb -f h264 "$dir/camera.h264"

@@ -27,6 +27,7 @@ const Verb* const verbs[] = {
     &cleanVerb,
     &putVerb,
     &getVerb,
+    &serveVerb,
 };
 
 const Verb* findVerb(const char* name) {

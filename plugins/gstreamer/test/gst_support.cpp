@@ -43,16 +43,21 @@ Harness::~Harness() {
 }
 
 GstBuffer* Harness::pull(int timeoutMs) {
-    gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(timeoutMs) * 1000;
-    for (;;) {
+    for (gint64 deadline = g_get_monotonic_time() + timeoutMs * 1000LL; g_get_monotonic_time() < deadline;) {
         if (GstBuffer* buffer = gst_harness_try_pull(harness_)) return buffer;
-        if (g_get_monotonic_time() >= deadline) return nullptr;
         g_usleep(500);
     }
+    return nullptr;
 }
 
-GstCaps* Harness::currentCaps() const {
-    return gst_pad_get_current_caps(harness_->sinkpad);
+std::string Harness::caps() const {
+    GstCaps* caps = gst_pad_get_current_caps(harness_->sinkpad);
+    if (caps == nullptr) return "(none)";
+    gchar* text = gst_caps_to_string(caps);
+    std::string result = text;
+    g_free(text);
+    gst_caps_unref(caps);
+    return result;
 }
 
 Pipeline::Pipeline(const std::string& description) {
@@ -66,15 +71,8 @@ Pipeline::Pipeline(const std::string& description) {
 }
 
 Pipeline::~Pipeline() {
-    if (pipeline_ == nullptr) return;
     gst_element_set_state(pipeline_, GST_STATE_NULL);
     gst_object_unref(pipeline_);
-}
-
-GstElement* Pipeline::byName(const char* name) const {
-    GstElement* element = gst_bin_get_by_name(GST_BIN(pipeline_), name);
-    if (element != nullptr) gst_object_unref(element);  // the pipeline holds it
-    return element;
 }
 
 GstStateChangeReturn Pipeline::play() {
@@ -83,15 +81,15 @@ GstStateChangeReturn Pipeline::play() {
 
 GstMessage* Pipeline::pop(GstMessageType types, int timeoutMs) {
     GstBus* bus = gst_element_get_bus(pipeline_);
-    GstMessage* message =
-        gst_bus_timed_pop_filtered(bus, static_cast<GstClockTime>(timeoutMs) * GST_MSECOND, types);
+    GstMessage* message = gst_bus_timed_pop_filtered(bus, timeoutMs * GST_MSECOND, types);
     gst_object_unref(bus);
     return message;
 }
 
-GstBuffer* Pipeline::pullFrom(const char* name, int timeoutMs) {
-    GstSample* sample =
-        gst_app_sink_try_pull_sample(GST_APP_SINK(byName(name)), static_cast<GstClockTime>(timeoutMs) * GST_MSECOND);
+GstBuffer* Pipeline::pullFrom(const char* appsink, int timeoutMs) {
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline_), appsink);
+    GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), timeoutMs * GST_MSECOND);
+    gst_object_unref(sink);
     if (sample == nullptr) return nullptr;
     GstBuffer* buffer = gst_buffer_ref(gst_sample_get_buffer(sample));
     gst_sample_unref(sample);
@@ -99,11 +97,15 @@ GstBuffer* Pipeline::pullFrom(const char* name, int timeoutMs) {
 }
 
 std::string errorText(GstMessage* message) {
-    if (message == nullptr || GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return "";
-    GError* error = nullptr;
-    gst_message_parse_error(message, &error, nullptr);
-    std::string text = error->message;
-    g_error_free(error);
+    if (message == nullptr) return "";
+    std::string text;
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+        GError* error = nullptr;
+        gst_message_parse_error(message, &error, nullptr);
+        text = error->message;
+        g_error_free(error);
+    }
+    gst_message_unref(message);
     return text;
 }
 
@@ -117,16 +119,6 @@ std::vector<unsigned char> payload(unsigned long long id, size_t size, const std
     std::vector<unsigned char> bytes(head);
     for (size_t i = bytes.size(); i < size; ++i) bytes.push_back(static_cast<unsigned char>((id * 131 + i * 7) % 251));
     return bytes;
-}
-
-timeval nowTv() {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return now;
-}
-
-long long usOf(const timeval& tv) {
-    return static_cast<long long>(tv.tv_sec) * 1000000 + tv.tv_usec;
 }
 
 }  // namespace avpool::test

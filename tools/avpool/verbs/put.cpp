@@ -13,19 +13,17 @@
 #include "media/h264_stream.h"
 #include "media/jpeg_stream.h"
 #include "media/wav_stream.h"
+#include "publish/video_profile.h"
 #include "verbs/per_kind.h"
 #include "verbs/verbs.h"
 
 #include <avpool/aac.h>
-#include <avpool/infos.h>
 #include <avpool/jpg.h>
 #include <avpool/mp4.h>
 #include <avpool/pcm.h>
 
 #include <algorithm>
 #include <cstring>
-#include <sys/ipc.h>
-#include <sys/shm.h>
 
 namespace avpool::cli {
 
@@ -148,42 +146,6 @@ int putJpg(const PutJob& job) {
     return 0;
 }
 
-namespace {
-
-// Publishes the stream's parameters to the profiles of the information area
-// that name this channel (among the profiles the encoder announced): picture
-// size, the frame rate as the profile's third video value, and SPS and PPS
-// without start codes. Without an information area there is nobody to tell.
-void publishStream(int channel, const media::H264Stream& stream, int fps) {
-    int id = shmget(INFOS_KEY, INFOS_AREA_SIZE, 0600);
-    if (id == -1) return;
-    void* address = shmat(id, nullptr, 0);
-    if (address == reinterpret_cast<void*>(-1)) return;
-    InfoArea* area = static_cast<InfoArea*>(address);
-    int profiles = std::min(area->sizeofPools, MAX_MEDIA_POOL);
-    for (int p = 0; p < profiles; ++p) {
-        MediaProfileInfo& profile = area->profiles[p];
-        if (profile.channel != channel) continue;
-        profile.width = stream.picture.width;
-        profile.height = stream.picture.height;
-        profile.videoParam3 = fps;
-        // The size last, so a reader never takes more bytes than were written.
-        if (stream.sps.size() <= sizeof profile.sdp.sps) {
-            profile.sdp.spsSize = 0;
-            memcpy(profile.sdp.sps, stream.sps.data(), stream.sps.size());
-            profile.sdp.spsSize = static_cast<int32_t>(stream.sps.size());
-        }
-        if (stream.pps.size() <= sizeof profile.sdp.pps) {
-            profile.sdp.ppsSize = 0;
-            memcpy(profile.sdp.pps, stream.pps.data(), stream.pps.size());
-            profile.sdp.ppsSize = static_cast<int32_t>(stream.pps.size());
-        }
-    }
-    shmdt(address);
-}
-
-}  // namespace
-
 int putMp4(const PutJob& job) {
     media::H264Stream stream = splitFile(job, media::splitH264);
     // A GOP begins at an IDR picture; pictures before the first have nothing
@@ -223,7 +185,9 @@ int putMp4(const PutJob& job) {
         putter.init(job.channel, gops, framesPerGop, maxFrame, dataSize + gops * framesPerGop * SLOT_RECORDS);
     });
     putter.reset(stream.picture.width, stream.picture.height, fps);
-    publishStream(job.channel, stream, fps);
+    // The profiles the encoder announced for this channel learn what a server
+    // describes the stream with; without an information area nobody is told.
+    publish::publishVideo(job.channel, {stream.picture.width, stream.picture.height, fps, stream.sps, stream.pps});
     pace(job, elements, {NS_PER_S, fps}, [&](const Element& element, const timeval& now) {
         void* data = elementData(job, element);
         if (element.key)

@@ -15,5 +15,6 @@ extern const Verb watchVerb;
 extern const Verb cleanVerb;
 extern const Verb putVerb;
 extern const Verb getVerb;
+extern const Verb serveVerb;
 
 }  // namespace avpool::cli
