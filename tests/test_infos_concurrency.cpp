@@ -4,7 +4,7 @@
 // and the total always matches the weights; without it (an area as an older
 // encoder leaves it) the same load breaks both. A holder killed inside the lock
 // does not wedge the others.
-#include "infos_fixture.h"
+#include "infos.h"
 
 #include <chrono>
 #include <csignal>
