@@ -125,6 +125,12 @@ TEST_F(Jpeg, framesGoIntoTheRingBehindTheirIdPrefixPaddedToFourBytesAndWrap) {
     EXPECT_EQ(raw.i32(record(4, 0) + 40), 36);
     EXPECT_EQ(raw.u64(base + 36), 4u);
     EXPECT_EQ(raw.bytes(base + 44, 20), Bytes(20, 'y'));
+    // The ring is what dataSize leaves after 52 bytes a slot: 28 + 8 + 29 + 3 is
+    // one word too many for it.
+    ASSERT_EQ(put(std::string(20, 'z'), 1004), 1);
+    ASSERT_EQ(put(std::string(29, 'w'), 1005), 1);
+    EXPECT_EQ(recordOf(4, 1)[10], 0);
+    EXPECT_EQ(recordOf(4, 2)[10], 0);
 }
 
 TEST_F(Jpeg, eachPutOpensItsSlotClosesTheNextAndSafeTimesCountAheadOfTheWriter) {
