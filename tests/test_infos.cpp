@@ -170,21 +170,6 @@ TEST_F(InfosArea, putMaxConnStoresAtMostTenAndMarksOnlyThoseSlatsFree) {
     EXPECT_EQ(raw(MAX_CONN), -2);
 }
 
-TEST_F(InfosArea, getSdpHeaderHandsOutEachProfilesBlockFortyFourBytesIn) {
-    encoder.init(KEY);
-    for (int p = 0; p < MAX_MEDIA_POOL; ++p) {
-        unsigned char* block = encoder.GetSDPHeader(p);
-        EXPECT_EQ(block - encoder.GetSDPHeader(0), PROFILE * p);
-        const int32_t word = 1000 + p;
-        memcpy(block, &word, sizeof word);
-        block[PROFILE - SDP_BLOCK - 1] = static_cast<unsigned char>(0xE0 + p);  // volSize's last byte
-    }
-    for (int p = 0; p < MAX_MEDIA_POOL; ++p) {
-        EXPECT_EQ(raw(profile(p, SDP_BLOCK)), 1000 + p);
-        EXPECT_EQ(rawBytes(profile(p, VOL_SIZE) + 3, 1), std::string(1, static_cast<char>(0xE0 + p)));
-    }
-}
-
 // IDs whose record would lie outside the segment are refused before a byte is
 // written, under the operations' old names; -1 is let through by the signed
 // bound and writes the record just before profile 0, inside the slat table.
