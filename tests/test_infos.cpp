@@ -549,6 +549,9 @@ TEST_F(InfosArea, userSlatTextsAreBoundedAndRewrittenOnlyWhereGiven) {
     EXPECT_EQ(server.takeConn("weightless", "", 1, 0, false), 0);
     const std::string before = rawBytes(0, SIZE);
     for (int s : {11, 6, -1}) EXPECT_EQ(server.resetUserSlat("x", "y", s), 1) << s;
+    writeWord(MAX_CONN, 12);  // not as the encoder writes it: the table still ends at 10
+    EXPECT_EQ(server.resetUserSlat("x", "y", 10), 1);
+    writeWord(MAX_CONN, 6);
     for (int s : {1, 0}) EXPECT_EQ(server.resetUserSlat("x", "y", s), 0) << s;
     EXPECT_EQ(rawBytes(0, SIZE), before);
 }

@@ -26,10 +26,13 @@ constexpr bool readable = !std::is_same_v<typename Kind::Getter, NoGetter>;
 // with the system call's text.
 TYPED_TEST(Shared, leftoversAreReplacedOnceOrFailInitAndReleaseRemovesEverything) {
     using Kind = TypeParam;
+    std::string err, out;
+    // In a fresh IPC namespace the first segment and set have the id 0.
+    captureOutput([&] { Kind::init(this->putter), this->putter.release(); }, err, &out);
+    for (key_t key : Kind::keys()) EXPECT_TRUE(shmIdOf(key) == -1 && semIdOf(key) == -1) << key;
     const int shm = plantSegment(Kind::KEY, Kind::SEGMENT, 0xAB), set = plantSemSet(Kind::SET_KEY, Kind::SET_COUNT);
     ASSERT_NE(shm, -1);
     ASSERT_NE(set, -1);
-    std::string err, out;
     captureOutput([&] { Kind::init(this->putter); }, err, &out);
     EXPECT_FALSE(shmIdAlive(shm));
     EXPECT_FALSE(semIdAlive(set));
