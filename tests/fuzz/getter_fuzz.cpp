@@ -158,6 +158,17 @@ int second(Input& in) {
     return in.byte() & 1 ? FIRST_SECOND + in.byte() % 8 : in.value(FIRST_SECOND, 0);
 }
 
+// Attaches getter to the loaded segment; false when init refuses the header.
+template <class Error, class Getter, class Init>
+bool attach(Getter& getter, Init init) {
+    try {
+        init(getter);
+        return true;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
 // Drives one getter: each call may throw the kind's error, which ends nothing.
 template <class Error, class Call>
 void drive(Input& in, Call call) {
@@ -218,11 +229,7 @@ struct Jpeg {
     void run(Input& in) {
         segment.load(in, SLOTS);
         JPGGetter getter;
-        try {
-            getter.init(0);
-        } catch (const JPGGetterError&) {
-            return;
-        }
+        if (!attach<JPGGetterError>(getter, [](JPGGetter& g) { g.init(0); })) return;
         drive<JPGGetterError>(in, [&](int op) {
             if (search(in, op % 11, getter, RingMoves{})) return;
             switch (op % 11) {
@@ -269,11 +276,7 @@ struct Video {
     void run(Input& in) {
         segment.load(in, GOPS * FRAMES);
         MP4Getter getter;
-        try {
-            getter.init(0);
-        } catch (const MP4GetterError&) {
-            return;
-        }
+        if (!attach<MP4GetterError>(getter, [](MP4Getter& g) { g.init(0); })) return;
         drive<MP4GetterError>(in, [&](int op) {
             int k = in.byte() % 2 ? in.byte() % (FRAMES + 2) - 1 : in.value(FRAMES, 1000);
             if (search(in, op % 11, getter, GopMoves{})) return;
@@ -318,11 +321,7 @@ struct Audio {
     void run(Input& in, Init init) {
         segment.load(in, SLOTS);
         Getter getter;
-        try {
-            init(getter);
-        } catch (const Error&) {
-            return;
-        }
+        if (!attach<Error>(getter, init)) return;
         drive<Error>(in, [&](int op) {
             if (search(in, op % 11, getter, RingMoves{})) return;
             switch (op % 11) {
@@ -366,11 +365,7 @@ struct Analysis {
     void run(Input& in, Payload payloadOf) {
         segment.load(in, SLOTS);
         Getter getter;
-        try {
-            getter.init(0);
-        } catch (const Error&) {
-            return;
-        }
+        if (!attach<Error>(getter, [](Getter& g) { g.init(0); })) return;
         drive<Error>(in, [&](int op) {
             int safe = 0;
             switch (op % 6) {
@@ -423,11 +418,7 @@ struct Infos {
         unsigned short free[12] = {1};
         semctl(budgetSet, 0, SETALL, free);
         InfosGetter getter;
-        try {
-            getter.init(INFOS_KEY);
-        } catch (const InfosGetterError&) {
-            return;
-        }
+        if (!attach<InfosGetterError>(getter, [](InfosGetter& g) { g.init(INFOS_KEY); })) return;
         drive<InfosGetterError>(in, [&](int op) {
             int profile = in.byte() % 2 ? in.byte() % 7 - 1 : in.value(MAX_MEDIA_POOL, 0);
             int a = 0, b = 0, c = 0;
