@@ -34,6 +34,14 @@ inline unsigned long long idIn(const void* data) {
     return id;
 }
 
+template <class P, class G, class PE, class GE>
+struct Classes {
+    using Putter = P;
+    using Getter = G;
+    using PutterError = PE;
+    using GetterError = GE;
+};
+
 // The reader's moves under one set of names; the video pool's are by GOP.
 template <class Getter>
 struct Moves {
@@ -45,12 +53,8 @@ struct Moves {
     static unsigned long long toExact(Getter& g, int& s, int sec, int usec) { return g.toExactWorking(s, sec, usec); }
 };
 
-struct JpegKind : Moves<JPGGetter> {
+struct JpegKind : Classes<JPGPutter, JPGGetter, JPGPutterError, JPGGetterError>, Moves<JPGGetter> {
     static constexpr const char* NAME = "Jpeg";
-    using Putter = JPGPutter;
-    using Getter = JPGGetter;
-    using PutterError = JPGPutterError;
-    using GetterError = JPGGetterError;
     static constexpr int CHANNEL = 5, SLOTS = 6, INTERVAL = 100, SET_COUNT = SLOTS;
     static constexpr key_t KEY = JPG_BASE_KEY + CHANNEL, SET_KEY = KEY;
     static constexpr size_t SEGMENT = 172 + 52 * SLOTS + 1024;
@@ -105,12 +109,8 @@ struct JpegKind : Moves<JPGGetter> {
     }
 };
 
-struct Mp4Kind {
+struct Mp4Kind : Classes<MP4Putter, MP4Getter, MP4PutterError, MP4GetterError> {
     static constexpr const char* NAME = "Mp4";
-    using Putter = MP4Putter;
-    using Getter = MP4Getter;
-    using PutterError = MP4PutterError;
-    using GetterError = MP4GetterError;
     static constexpr int CHANNEL = 3, SLOTS = 6, FRAMES = 3, INTERVAL = 100, SET_COUNT = SLOTS * FRAMES;
     static constexpr key_t KEY = MP4_BASE_KEY + CHANNEL, SET_KEY = MP4_BASE_KEY + 16 * CHANNEL;
     static constexpr size_t SEGMENT = 52 + 52 * SET_COUNT + 2048;
@@ -178,11 +178,8 @@ struct Mp4Kind {
 
 // The audio kinds: 200 fixed slots of a kind's size behind an 816-byte header.
 template <class P, class G, class PE, class GE, key_t Key, key_t SetKey, size_t Slot, size_t Data, size_t Capacity>
-struct AudioKind : Moves<G> {
-    using Putter = P;
-    using Getter = G;
-    using PutterError = PE;
-    using GetterError = GE;
+struct AudioKind : Classes<P, G, PE, GE>, Moves<G> {
+    using typename Classes<P, G, PE, GE>::Getter;
     static constexpr int SLOTS = 200, SET_COUNT = 200;
     static constexpr key_t KEY = Key, SET_KEY = SetKey;
     static constexpr size_t SEGMENT = 816 + 200 * Slot, SLOT = Slot, DATA = Data, CAPACITY = Capacity;
@@ -287,11 +284,9 @@ using Opus = Audio<OpusKind>;
 // The analysis kinds: a few fixed records with their arrays inline.
 template <class P, class G, class PE, class GE, key_t Key, int Slots, size_t Size, size_t Record, size_t Element,
           int Arrays>
-struct AnalysisKind {
-    using Putter = P;
-    using Getter = G;
-    using PutterError = PE;
-    using GetterError = GE;
+struct AnalysisKind : Classes<P, G, PE, GE> {
+    using typename Classes<P, G, PE, GE>::Putter;
+    using typename Classes<P, G, PE, GE>::Getter;
     static constexpr int CHANNEL = 3, SLOTS = Slots, SET_COUNT = Slots, INTERVAL = 100, ARRAYS = Arrays;
     static constexpr key_t KEY = Key + CHANNEL, SET_KEY = KEY;
     static constexpr size_t SEGMENT = Size, RECORD = Record, ELEMENT = Element;

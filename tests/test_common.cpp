@@ -101,75 +101,12 @@ TEST(SemGroups, groupsLiveUnderConsecutiveKeysAndAreRemovedTogether) {
     EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
 }
 
-TEST(SemGroups, leftoverGroupIsForcedOutOnceAndOtherwiseFailsCreation) {
-    avpool::test::IpcKeys keys{FIRST_KEY, FIRST_KEY + 1};
-    // A leftover of any size is found by a lookup with 0 semaphores.
-    ASSERT_NE(avpool::test::plantSemSet(FIRST_KEY + 1, 7), -1);
-    SemGroups groups;
-    std::vector<int> forced;
-    createSemGroups(
-        FIRST_KEY, 251, groups,
-        [&](int g) {
-            forced.push_back(g);
-            forceRemoveSemSet(FIRST_KEY + g, 0, 250);
-        },
-        fail);
-    EXPECT_EQ(forced, std::vector<int>{1});
-    EXPECT_EQ(avpool::test::semCountOf(avpool::test::semIdOf(FIRST_KEY + 1)), 1);
-    removeSemGroups(groups);
-
-    // A release that removes nothing leaves the second attempt failing too.
-    int stale = avpool::test::plantSemSet(FIRST_KEY, 3);
-    ASSERT_NE(stale, -1);
-    SemGroups blocked;
-    int calls = 0;
-    auto [message, log] =
-        failureOf<CommonError>([&] { createSemGroups(FIRST_KEY, 10, blocked, [&](int) { ++calls; }, fail); });
-    EXPECT_EQ(message, "semget failed.");
-    EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY), stale);
-}
-
-TEST(Segments, creationForcesOutALeftoverOnceAndRemovalLeavesNothing) {
-    avpool::test::IpcKeys keys{FIRST_KEY};
-    int leftover = plantSegment(FIRST_KEY, 64, 0);
-    ASSERT_NE(leftover, -1);
-    int forced = 0;
-    int id = createSegment(
-        FIRST_KEY, 128,
-        [&] {
-            ++forced;
-            forceRemoveSegment(FIRST_KEY, 0);
-        },
-        fail);
-    EXPECT_EQ(forced, 1);
-    EXPECT_NE(id, leftover);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), id);
-
-    void* address = attachSegment(id, AttachFailure::MinusOne, fail);
-    static_cast<char*>(address)[127] = 'z';
-    int readerId = openSegment(FIRST_KEY, 16, fail);  // a smaller size is accepted
-    void* readerAddress = attachSegment(readerId, AttachFailure::Null, fail);
-    EXPECT_EQ(static_cast<char*>(readerAddress)[127], 'z');  // the whole segment is mapped
-    detachSegment(readerId, readerAddress, nullptr);
-    EXPECT_EQ(readerId, -1);
-    EXPECT_EQ(readerAddress, nullptr);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), id);
-
-    removeSegment(id, address, nullptr);
-    EXPECT_EQ(id, -1);
-    EXPECT_EQ(address, nullptr);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
-
-    // Forced release with the full size creates a missing segment and removes it.
-    forceRemoveSegment(FIRST_KEY, 4096);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
-    auto [message, log] = failureOf<CommonError>([&] { openSegment(FIRST_KEY, 16, fail); });
-    EXPECT_EQ(message, "shmget failed.");
-    EXPECT_EQ(log.rfind("shmget failed: ", 0), 0u) << log;
-    EXPECT_EQ(failureOf<CommonError>([&] { setLock(-1, 0, LOCK_CLOSED, fail); }).first, "semctl failed.");
-    // An error keeps its own copy of the text it is made from.
+// A failing system call: its perror line, then the text with a point; an error
+// keeps its own copy of the text it is made from.
+TEST(Errors, systemCallFailuresArePerrorThenTheTextWithAPoint) {
+    auto [message, log] = failureOf<CommonError>([&] { setLock(-1, 0, LOCK_CLOSED, fail); });
+    EXPECT_EQ(message, "semctl failed.");
+    EXPECT_EQ(log, "semctl failed: Invalid argument\n");
     std::string text = "semop failed.";
     CommonError error(text);
     text[0] = 'X';
