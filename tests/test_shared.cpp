@@ -212,13 +212,18 @@ TYPED_TEST(Shared, killedWritersKeysAreReplacedByTheNextInitAndItsReaderStartsOv
     }
 }
 
-TYPED_TEST(Shared, writePathAllocatesNothingAfterInit) {
+// Frames of every size, refused ones and resets among them: no allocation, and
+// nothing lands past the segment (the rest of its last page stays zero).
+TYPED_TEST(Shared, writePathAllocatesNothingAndWritesNothingPastTheSegment) {
     ASSERT_TRUE(avpool::testing::allocationsAreCounted());
     TypeParam::start(this->putter);
     static unsigned char bytes[2 * 12288] = {};
     const unsigned long long before = avpool::testing::allocationCount();
     for (int k = 1; k <= 1000; ++k) TypeParam::churn(this->putter, k, bytes);
     EXPECT_EQ(avpool::testing::allocationCount(), before);
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE)), end = TypeParam::SEGMENT;
+    RawSegment raw(TypeParam::KEY);
+    EXPECT_EQ(Bytes(raw.at(end), raw.at((end + page - 1) / page * page)), Bytes((page - end % page) % page, 0));
 }
 
 // ------------------------------------------------------------ ring searches
