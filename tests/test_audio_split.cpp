@@ -67,34 +67,30 @@ std::string wavError(const Bytes& file) {
     return errorOf(readWav, file);
 }
 
+// channels, rate, bits, data offset and length.
+std::vector<long> shape(const WavAudio& a) {
+    return {a.channels, a.rate, a.bits, static_cast<long>(a.dataOffset), static_cast<long>(a.dataLength)};
+}
+
 TEST(WavRead, OddChunksWithPadBytesArePassedOver) {
     Bytes samples = {1, 2, 3, 4, 5, 6, 7, 8};
     Bytes file = riff({chunk("LIST", {'a', 'b', 'c'}), chunk("fmt ", fmtBody(1, 2, 22050, 16)),
                        chunk("junk", {0x7F}), chunk("data", samples), chunk("tail", {9, 9})});
     WavAudio audio = readWav(file.data(), file.size());
-    EXPECT_EQ(audio.channels, 2);
-    EXPECT_EQ(audio.rate, 22050);
-    EXPECT_EQ(audio.bits, 16);
     // RIFF head 12, LIST 8+3+pad, fmt 8+16, junk 8+1+pad, data head 8.
-    EXPECT_EQ(audio.dataOffset, 12u + 12 + 24 + 10 + 8);
-    EXPECT_EQ(audio.dataLength, samples.size());
+    EXPECT_EQ(shape(audio), (std::vector<long>{2, 22050, 16, 12 + 12 + 24 + 10 + 8, 8}));
     EXPECT_EQ(Bytes(file.begin() + static_cast<long>(audio.dataOffset),
                     file.begin() + static_cast<long>(audio.dataOffset + audio.dataLength)),
               samples);
 
     // An odd data chunk of 8-bit mono, its pad byte at the very end.
     Bytes odd = riff({chunk("fmt ", fmtBody(1, 1, 8000, 8)), chunk("data", {0x80, 0x81, 0x82})});
-    audio = readWav(odd.data(), odd.size());
-    EXPECT_EQ(audio.bits, 8);
-    EXPECT_EQ(audio.dataLength, 3u);
+    EXPECT_EQ(shape(readWav(odd.data(), odd.size())), (std::vector<long>{1, 8000, 8, 12 + 24 + 8, 3}));
 }
 
 TEST(WavRead, ExtensibleFormatCountsByItsSubformat) {
     Bytes pcm = riff({chunk("fmt ", extensibleBody(6, 48000, 16, 1)), chunk("data", Bytes(24, 0))});
-    WavAudio audio = readWav(pcm.data(), pcm.size());
-    EXPECT_EQ(audio.channels, 6);
-    EXPECT_EQ(audio.rate, 48000);
-    EXPECT_EQ(audio.dataLength, 24u);
+    EXPECT_EQ(shape(readWav(pcm.data(), pcm.size())), (std::vector<long>{6, 48000, 16, 68, 24}));
     Bytes deep = riff({chunk("fmt ", extensibleBody(1, 48000, 24, 1)), chunk("data", Bytes(6, 0))});
     EXPECT_EQ(wavError(deep), "24-bit samples are not supported, only 8 or 16 bits");
     Bytes floats = riff({chunk("fmt ", extensibleBody(2, 48000, 32, 3)), chunk("data", Bytes(8, 0))});
@@ -105,9 +101,7 @@ TEST(WavRead, DataOfUnknownSizeRunsToTheEndInWholeFrames) {
     Bytes file = riff({chunk("fmt ", fmtBody(1, 2, 8000, 16))});
     append(file, {'d', 'a', 't', 'a', 0xFF, 0xFF, 0xFF, 0xFF});
     append(file, Bytes(4 * 5 + 3, 0x11));  // five frames and three stray bytes
-    WavAudio audio = readWav(file.data(), file.size());
-    EXPECT_EQ(audio.dataOffset, 12u + 24 + 8);
-    EXPECT_EQ(audio.dataLength, 20u);
+    EXPECT_EQ(shape(readWav(file.data(), file.size())), (std::vector<long>{2, 8000, 16, 12 + 24 + 8, 20}));
 }
 
 TEST(WavRead, WrongFormatsAndTruncationAreNamed) {
@@ -165,12 +159,8 @@ TEST(WavHeader, ExactBytesAndUnknownSizes) {
 
     // What get writes on a pipe reads back, the samples running to the end.
     append(open, {0x80, 0x7F, 0x81});
-    WavAudio audio = readWav(open.data(), open.size());
-    EXPECT_EQ(audio.channels, 1);
-    EXPECT_EQ(audio.rate, 8000);
-    EXPECT_EQ(audio.bits, 8);
-    EXPECT_EQ(audio.dataOffset, WAV_HEADER_SIZE);
-    EXPECT_EQ(audio.dataLength, 3u);
+    EXPECT_EQ(shape(readWav(open.data(), open.size())),
+              (std::vector<long>{1, 8000, 8, static_cast<long>(WAV_HEADER_SIZE), 3}));
 }
 
 // One ADTS frame: header for the object type, sampling-frequency index and
@@ -191,6 +181,14 @@ std::string adtsError(const Bytes& stream) {
     return errorOf(splitAdts, stream);
 }
 
+// Object type, rate, channels, then offset and length of every frame.
+std::vector<long> shape(const Bytes& stream) {
+    AdtsStream split = splitAdts(stream.data(), stream.size());
+    std::vector<long> values{split.objectType, split.rate, split.channels};
+    for (const auto& f : split.frames) values.insert(values.end(), {static_cast<long>(f.offset), static_cast<long>(f.length)});
+    return values;
+}
+
 TEST(AdtsSplit, FramesWithAndWithoutCrcByTheirLengths) {
     // Payloads begin with bytes that look like a sync word: only the lengths count.
     Bytes one = adts(2, 4, 2, 300);
@@ -199,28 +197,9 @@ TEST(AdtsSplit, FramesWithAndWithoutCrcByTheirLengths) {
     Bytes stream = one;
     append(stream, two);
     append(stream, three);
-    AdtsStream split = splitAdts(stream.data(), stream.size());
-    EXPECT_EQ(split.objectType, 2);
-    EXPECT_EQ(split.rate, 44100);
-    EXPECT_EQ(split.channels, 2);
-    ASSERT_EQ(split.frames.size(), 3u);
-    EXPECT_EQ(split.frames[0].offset, 0u);
-    EXPECT_EQ(split.frames[0].length, 307u);
-    EXPECT_EQ(split.frames[1].offset, 307u);
-    EXPECT_EQ(split.frames[1].length, 14u);
-    EXPECT_EQ(split.frames[2].offset, 321u);
-    EXPECT_EQ(split.frames[2].length, 7u);
-
-    Bytes eight = adts(1, 11, 7, 2);
-    split = splitAdts(eight.data(), eight.size());
-    EXPECT_EQ(split.objectType, 1);
-    EXPECT_EQ(split.rate, 8000);
-    EXPECT_EQ(split.channels, 8);
-    Bytes lowest = adts(4, 12, 1, 2);
-    split = splitAdts(lowest.data(), lowest.size());
-    EXPECT_EQ(split.objectType, 4);
-    EXPECT_EQ(split.rate, 7350);
-    EXPECT_EQ(split.channels, 1);
+    EXPECT_EQ(shape(stream), (std::vector<long>{2, 44100, 2, 0, 307, 307, 14, 321, 7}));
+    EXPECT_EQ(shape(adts(1, 11, 7, 2)), (std::vector<long>{1, 8000, 8, 0, 9}));
+    EXPECT_EQ(shape(adts(4, 12, 1, 2)), (std::vector<long>{4, 7350, 1, 0, 9}));
 }
 
 TEST(AdtsSplit, BadSyncTruncationAndWrongFormatAreNamed) {

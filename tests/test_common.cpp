@@ -1,5 +1,6 @@
-// The mechanism every pool shares: lock positions and semaphore groups, segment
-// and set creation with one forced release, safe-time forms and the lock wait.
+// The mechanism every pool shares, on the library's internal helpers: lock
+// positions and semaphore groups, segment and set creation with one forced
+// release, and the safe-time forms. The lock wait is tested on every kind.
 #include "pools/common/errors.h"
 #include "pools/common/safe_time.h"
 #include "pools/common/segment.h"
@@ -11,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -101,73 +101,16 @@ TEST(SemGroups, groupsLiveUnderConsecutiveKeysAndAreRemovedTogether) {
     EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
 }
 
-TEST(SemGroups, leftoverGroupIsForcedOutOnceAndOtherwiseFailsCreation) {
-    avpool::test::IpcKeys keys{FIRST_KEY, FIRST_KEY + 1};
-    // A leftover of any size is found by a lookup with 0 semaphores.
-    ASSERT_NE(avpool::test::plantSemSet(FIRST_KEY + 1, 7), -1);
-    SemGroups groups;
-    std::vector<int> forced;
-    createSemGroups(
-        FIRST_KEY, 251, groups,
-        [&](int g) {
-            forced.push_back(g);
-            forceRemoveSemSet(FIRST_KEY + g, 0, 250);
-        },
-        fail);
-    EXPECT_EQ(forced, std::vector<int>{1});
-    EXPECT_EQ(avpool::test::semCountOf(avpool::test::semIdOf(FIRST_KEY + 1)), 1);
-    removeSemGroups(groups);
-
-    // A release that removes nothing leaves the second attempt failing too.
-    int stale = avpool::test::plantSemSet(FIRST_KEY, 3);
-    ASSERT_NE(stale, -1);
-    SemGroups blocked;
-    int calls = 0;
-    auto [message, log] =
-        failureOf<CommonError>([&] { createSemGroups(FIRST_KEY, 10, blocked, [&](int) { ++calls; }, fail); });
-    EXPECT_EQ(message, "semget failed.");
-    EXPECT_EQ(log.rfind("semget failed: ", 0), 0u) << log;
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(avpool::test::semIdOf(FIRST_KEY), stale);
-}
-
-TEST(Segments, creationForcesOutALeftoverOnceAndRemovalLeavesNothing) {
-    avpool::test::IpcKeys keys{FIRST_KEY};
-    int leftover = plantSegment(FIRST_KEY, 64, 0);
-    ASSERT_NE(leftover, -1);
-    int forced = 0;
-    int id = createSegment(
-        FIRST_KEY, 128,
-        [&] {
-            ++forced;
-            forceRemoveSegment(FIRST_KEY, 0);
-        },
-        fail);
-    EXPECT_EQ(forced, 1);
-    EXPECT_NE(id, leftover);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), id);
-
-    void* address = attachSegment(id, AttachFailure::MinusOne, fail);
-    static_cast<char*>(address)[127] = 'z';
-    int readerId = openSegment(FIRST_KEY, 16, fail);  // a smaller size is accepted
-    void* readerAddress = attachSegment(readerId, AttachFailure::Null, fail);
-    EXPECT_EQ(static_cast<char*>(readerAddress)[127], 'z');  // the whole segment is mapped
-    detachSegment(readerId, readerAddress, nullptr);
-    EXPECT_EQ(readerId, -1);
-    EXPECT_EQ(readerAddress, nullptr);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), id);
-
-    removeSegment(id, address, nullptr);
-    EXPECT_EQ(id, -1);
-    EXPECT_EQ(address, nullptr);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
-
-    // Forced release with the full size creates a missing segment and removes it.
-    forceRemoveSegment(FIRST_KEY, 4096);
-    EXPECT_EQ(avpool::test::shmIdOf(FIRST_KEY), -1);
-    auto [message, log] = failureOf<CommonError>([&] { openSegment(FIRST_KEY, 16, fail); });
-    EXPECT_EQ(message, "shmget failed.");
-    EXPECT_EQ(log.rfind("shmget failed: ", 0), 0u) << log;
+// A failing system call: its perror line, then the text with a point; an error
+// keeps its own copy of the text it is made from.
+TEST(Errors, systemCallFailuresArePerrorThenTheTextWithAPoint) {
+    auto [message, log] = failureOf<CommonError>([&] { setLock(-1, 0, LOCK_CLOSED, fail); });
+    EXPECT_EQ(message, "semctl failed.");
+    EXPECT_EQ(log, "semctl failed: Invalid argument\n");
+    std::string text = "semop failed.";
+    CommonError error(text);
+    text[0] = 'X';
+    EXPECT_STREQ(error.what(), "semop failed.");
 }
 
 TEST(SafeTimes, frameFormLeavesZeroOnTheWriterAndTheSlotBehindIt) {
@@ -195,64 +138,4 @@ TEST(SafeTimes, fragmentFormKeepsAllIntervalsOnTheSlotBehindTheWriter) {
     EXPECT_EQ(table[0], 0);
     EXPECT_EQ(table[1], 20);
     EXPECT_EQ(table[199], 199 * 20);
-}
-
-class LockWait : public ::testing::Test {
-protected:
-    void SetUp() override {
-        set = avpool::test::plantSemSet(FIRST_KEY, 2);
-        ASSERT_NE(set, -1);
-        setLock(set, 0, LOCK_OPEN, fail);
-        setLock(set, 1, LOCK_CLOSED, fail);
-    }
-    // A child that waits on lock 1 and reports how the wait ended.
-    static int waitOnLockOne(ChildLink& link, OnSignal onSignal) {
-        link.reportSignal(SIGUSR1);
-        int id = avpool::test::semIdOf(FIRST_KEY);
-        link.say("waiting");
-        waitForOpen(id, 1, onSignal, fail);
-        link.say("open");
-        return 0;
-    }
-    void interruptWait(ForkedChild& child) {
-        ASSERT_NO_FATAL_FAILURE(expectLine(child, "waiting"));
-        ASSERT_TRUE(eventually([&] { return lockWaiters(FIRST_KEY, 1) == 1; }));
-        child.signal(SIGUSR1);
-        ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
-    }
-
-    avpool::test::IpcKeys keys{FIRST_KEY};
-    int set = -1;
-};
-
-TEST_F(LockWait, openLockReturnsAtOnceAndSetLockWritesTheValue) {
-    EXPECT_EQ(lockValue(FIRST_KEY, 0), 0);
-    EXPECT_EQ(lockValue(FIRST_KEY, 1), 1);
-    ForkedChild child([&](ChildLink& link) {
-        waitForOpen(set, 0, OnSignal::Fail, fail);
-        link.say("open");
-        return 0;
-    });
-    expectLastLine(child, "open");
-
-    auto [message, log] = failureOf<CommonError>([&] { setLock(-1, 0, LOCK_CLOSED, fail); });
-    EXPECT_EQ(message, "semctl failed.");
-    EXPECT_EQ(log.rfind("semctl failed: ", 0), 0u) << log;
-}
-
-TEST_F(LockWait, retryingWaitOutlastsASignalAndEndsWhenTheLockOpens) {
-    ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Retry); });
-    ASSERT_NO_FATAL_FAILURE(interruptWait(child));
-    ASSERT_TRUE(eventually([&] { return lockWaiters(FIRST_KEY, 1) == 1; }));
-    EXPECT_TRUE(child.running());
-    setLock(set, 1, LOCK_OPEN, fail);
-    expectLastLine(child, "open");
-}
-
-TEST_F(LockWait, failingWaitEndsOnASignalWithTheSemopText) {
-    ForkedChild child([](ChildLink& link) { return waitOnLockOne(link, OnSignal::Fail); });
-    ASSERT_NO_FATAL_FAILURE(interruptWait(child));
-    ASSERT_NO_FATAL_FAILURE(expectLine(child, "threw: semop failed."));
-    EXPECT_EQ(child.wait().code, 99);
-    EXPECT_EQ(lockValue(FIRST_KEY, 1), 1);
 }

@@ -4,12 +4,13 @@
 // and the total always matches the weights; without it (an area as an older
 // encoder leaves it) the same load breaks both. A holder killed inside the lock
 // does not wedge the others.
-#include "infos_fixture.h"
+#include "infos.h"
 
 #include <chrono>
 #include <csignal>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -39,9 +40,8 @@ struct Board {
     int32_t checks;
 };
 
-int32_t bump(int32_t& counter) {
-    return __atomic_add_fetch(&counter, 1, __ATOMIC_SEQ_CST);
-}
+int32_t bump(int32_t& counter) { return __atomic_add_fetch(&counter, 1, __ATOMIC_SEQ_CST); }
+bool stopped(Board& board) { return __atomic_load_n(&board.stop, __ATOMIC_SEQ_CST) != 0; }
 
 bool claim(int32_t& holder, int32_t from, int32_t to) {
     return __atomic_compare_exchange_n(&holder, &from, to, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
@@ -69,13 +69,8 @@ int work(Board& board, int index, Clock::time_point until, ChildLink& link) {
                 taken = getter.takeConn(tag.c_str(), "contention", 1, weight, false);
             } catch (const InfosGetterError& e) {
                 const std::string what = e.what();
-                if (what == "no more slat.") {
-                    bump(board.noMoreSlat);
-                } else if (what == "slat alloc fail.") {
-                    bump(board.allocFail);
-                } else {
-                    throw;
-                }
+                if (what != "no more slat." && what != "slat alloc fail.") throw;
+                bump(what == "no more slat." ? board.noMoreSlat : board.allocFail);
                 continue;
             }
             bump(board.takes);
@@ -98,7 +93,7 @@ int work(Board& board, int index, Clock::time_point until, ChildLink& link) {
 // seen together.
 int check(Board& board) {
     RawSegment area(KEY);
-    while (__atomic_load_n(&board.stop, __ATOMIC_SEQ_CST) == 0) {
+    while (!stopped(board)) {
         if (!adjustWithUndo(KEY, 0, -1)) return 2;
         int32_t sum = 0;
         for (int i = 0; i < MAX_USER_SLATS; ++i)
@@ -124,12 +119,13 @@ struct Round {
 };
 
 std::string describe(const Round& r) {
-    return "takes " + std::to_string(r.board.takes) + ", refused " + std::to_string(r.board.noMoreSlat) + " + " +
-           std::to_string(r.board.allocFail) + ", checks " + std::to_string(r.board.checks) + "; double holders " +
-           std::to_string(r.board.doubleHolders) + ", foreign names " + std::to_string(r.board.foreignNames) +
-           ", over budget " + std::to_string(r.board.overBudget) + ", inconsistent " +
-           std::to_string(r.board.inconsistent) + ", final total " + std::to_string(r.finalTotal) +
-           ", slats left taken " + std::to_string(r.slatsLeftTaken);
+    const Board& b = r.board;
+    std::ostringstream out;
+    out << "takes " << b.takes << ", refused " << b.noMoreSlat << " + " << b.allocFail << ", checks " << b.checks
+        << "; double holders " << b.doubleHolders << ", foreign names " << b.foreignNames << ", over budget "
+        << b.overBudget << ", inconsistent " << b.inconsistent << ", final total " << r.finalTotal
+        << ", slats left taken " << r.slatsLeftTaken;
+    return out.str();
 }
 
 }  // namespace
@@ -166,9 +162,7 @@ protected:
             EXPECT_TRUE(status.ok()) << "checker " << status.describe();
         }
 
-        Round round{*board, raw(TOTAL), 0};
-        for (int i = 0; i < MAX_USER_SLATS; ++i) round.slatsLeftTaken += slatFree(i) ? 0 : 1;
-        return round;
+        return Round{*board, raw(TOTAL), slatsTaken()};
     }
 
     SharedMemory<Board> board;
@@ -256,12 +250,6 @@ TEST_F(InfosContention, serversRunUnlockedWhenTheAreaHasNoLock) {
     EXPECT_EQ(raw(TOTAL), 3);
 }
 
-// The budget's set beside the lock: a holder unit per slat, then the journal.
-namespace budget_sems {
-constexpr int HOLDER = 1;
-constexpr int JOURNAL = 11;
-}  // namespace budget_sems
-
 // A process that dies between the stores of a slat (here: the ID written, the
 // weight not yet, the total already counted) leaves its journal mark; the next
 // holder of the lock puts that slat back to free and counts the total again.
@@ -269,7 +257,7 @@ TEST_F(InfosContention, slatLeftHalfWrittenByADeadProcessIsFreedByTheNextLockHol
     startServing(10);
     ASSERT_EQ(server.takeConn("kept", "", 1, 2, false), 0);
     ForkedChild dying([this](ChildLink&) {
-        if (!adjustWithUndo(KEY, 0, -1) || !setLockValue(KEY, budget_sems::JOURNAL, 1 + 3)) return 2;
+        if (!adjustWithUndo(KEY, 0, -1) || !setLockValue(KEY, JOURNAL, 1 + 3)) return 2;
         writeWord(slat(3, SLAT_ID), 3);
         strcpy(reinterpret_cast<char*>(encoderBase() + slat(3, USER_NAME)), "torn");
         writeWord(TOTAL, 2 + 5);
@@ -281,7 +269,7 @@ TEST_F(InfosContention, slatLeftHalfWrittenByADeadProcessIsFreedByTheNextLockHol
     EXPECT_TRUE(slatFree(3));
     EXPECT_EQ(userName(3), "");
     EXPECT_EQ(raw(TOTAL), 2);
-    EXPECT_EQ(lockValue(KEY, budget_sems::JOURNAL), 0);
+    EXPECT_EQ(lockValue(KEY, JOURNAL), 0);
     EXPECT_EQ(slatField(0, SLAT_ID), 0);
     EXPECT_EQ(slatWeight(0), 2);
     EXPECT_TRUE(server.probeConn(7));
@@ -303,24 +291,24 @@ TEST_F(InfosContention, unitsOfAKilledHolderComeBackWhileSlatsMeantToOutliveItSt
     });
     ASSERT_NO_FATAL_FAILURE(expectLine(holder, "0 1"));
     EXPECT_EQ(raw(TOTAL), 4);
-    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 2);
-    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 1), 0);
+    EXPECT_EQ(lockValue(KEY, HOLDER + 0), 2);
+    EXPECT_EQ(lockValue(KEY, HOLDER + 1), 0);
 
     holder.signal(SIGKILL);
     ASSERT_EQ(holder.wait().signal, SIGKILL);
-    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 1) << "the kernel takes back the dead holder's unit";
+    EXPECT_EQ(lockValue(KEY, HOLDER + 0), 1) << "the kernel takes back the dead holder's unit";
     EXPECT_EQ(raw(TOTAL), 4) << "nothing changes before the budget is used";
     EXPECT_EQ(server.getCurrentTotalConnections(), 1);
     EXPECT_TRUE(slatFree(0));
-    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 0);
+    EXPECT_EQ(lockValue(KEY, HOLDER + 0), 0);
     EXPECT_EQ(userName(1), "admin");
     EXPECT_EQ(slatWeight(1), 1);
     // Returned by anyone, a slat no longer counts on its first holder.
     const int again = server.takeConn("next", "", 1, 2, true);
     EXPECT_EQ(again, 0);
-    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 2);
+    EXPECT_EQ(lockValue(KEY, HOLDER + 0), 2);
     server.retConn(again);
-    EXPECT_EQ(lockValue(KEY, budget_sems::HOLDER + 0), 0);
+    EXPECT_EQ(lockValue(KEY, HOLDER + 0), 0);
     EXPECT_EQ(raw(TOTAL), 1);
 }
 
@@ -346,9 +334,9 @@ int serve(int index) {
 // names was being changed by a process that died and is left to the repair.
 int checkWhole(Board& board) {
     RawSegment area(KEY);
-    while (__atomic_load_n(&board.stop, __ATOMIC_SEQ_CST) == 0) {
+    while (!stopped(board)) {
         if (!adjustWithUndo(KEY, 0, -1)) return 2;
-        const int torn = lockValue(KEY, budget_sems::JOURNAL) - 1;
+        const int torn = lockValue(KEY, JOURNAL) - 1;
         int32_t sum = 0;
         for (int i = 0; i < MAX_USER_SLATS; ++i) {
             const int32_t id = area.i32(slat(i, SLAT_ID));
@@ -397,9 +385,7 @@ TEST_F(InfosContention, killedServersNeverLeaveAHalfWrittenSlatAndTheirUnitsCome
     EXPECT_TRUE(checker.wait().ok());
 
     server.init(KEY);
-    const int left = server.getCurrentTotalConnections();
-    int taken = 0;
-    for (int i = 0; i < MAX_USER_SLATS; ++i) taken += slatFree(i) ? 0 : 1;
+    const int left = server.getCurrentTotalConnections(), taken = slatsTaken();
     std::cout << "budget kills: " << kills << ", checks " << board->checks << ", half-written slats seen "
               << board->foreignNames << ", totals off " << board->inconsistent << ", units left " << left
               << ", slats left taken " << taken << std::endl;

@@ -41,20 +41,9 @@ public:
     // A value for a shared word or an argument: mostly the ones that break
     // arithmetic, near a count that matters (slots, profiles), or anything.
     int32_t value(int32_t near, int32_t size) {
-        switch (byte() % 12) {
-            case 0: return 0;
-            case 1: return 1;
-            case 2: return -1;
-            case 3: return INT32_MIN;
-            case 4: return INT32_MAX;
-            case 5: return near;
-            case 6: return near + 1;
-            case 7: return near - 1;
-            case 8: return size;
-            case 9: return size - 8;
-            case 10: return byte();
-            default: return static_cast<int32_t>(word());
-        }
+        const int32_t picks[] = {0, 1, -1, INT32_MIN, INT32_MAX, near, near + 1, near - 1, size, size - 8};
+        const int pick = byte() % 12;
+        return pick < 10 ? picks[pick] : pick == 10 ? byte() : static_cast<int32_t>(word());
     }
 
 private:
@@ -153,12 +142,7 @@ void openSets(key_t firstKey, int groups, int count) {
     }
 }
 
-timeval at(int second, int microsecond) {
-    timeval t;
-    t.tv_sec = second;
-    t.tv_usec = microsecond;
-    return t;
-}
+timeval at(int second, int microsecond) { return timeval{second, microsecond}; }
 
 std::vector<unsigned char> payload(int length, int seed) {
     std::vector<unsigned char> bytes(length > 0 ? length : 1);
@@ -174,6 +158,17 @@ int second(Input& in) {
     return in.byte() & 1 ? FIRST_SECOND + in.byte() % 8 : in.value(FIRST_SECOND, 0);
 }
 
+// Attaches getter to the loaded segment; false when init refuses the header.
+template <class Error, class Getter, class Init>
+bool attach(Getter& getter, Init init) {
+    try {
+        init(getter);
+        return true;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
 // Drives one getter: each call may throw the kind's error, which ends nothing.
 template <class Error, class Call>
 void drive(Input& in, Call call) {
@@ -184,6 +179,34 @@ void drive(Input& in, Call call) {
         }
     }
 }
+
+// The ring searches under one name, ops 0 to 5; false for any other op.
+template <class Getter, class Moves>
+bool search(Input& in, int op, Getter& g, Moves m) {
+    int safe = 0;
+    switch (op) {
+        case 0: m.working(g, safe); return true;
+        case 1: m.next(g, safe); return true;
+        case 2: m.oldest(g, safe, second(in), -1); return true;
+        case 3: m.oldest(g, safe, second(in), in.value(0, 1000000)); return true;
+        case 4: m.exact(g, safe, second(in), -1); return true;
+        case 5: m.exact(g, safe, second(in), in.value(0, 1000000)); return true;
+        default: return false;
+    }
+}
+// The getters' own names of the searches; -1 picks the form without microseconds.
+struct RingMoves {
+    template <class G> void working(G& g, int& s) { g.toWorking(s); }
+    template <class G> void next(G& g, int& s) { g.toNext(s); }
+    template <class G> void oldest(G& g, int& s, int sec, int usec) { usec < 0 ? (void)g.toOldestWorking(s, sec) : (void)g.toOldestWorking(s, sec, usec); }
+    template <class G> void exact(G& g, int& s, int sec, int usec) { usec < 0 ? (void)g.toExactWorking(s, sec) : (void)g.toExactWorking(s, sec, usec); }
+};
+struct GopMoves {
+    void working(MP4Getter& g, int& s) { g.toWorkingGop(s); }
+    void next(MP4Getter& g, int& s) { g.toNextGop(s); }
+    void oldest(MP4Getter& g, int& s, int sec, int usec) { usec < 0 ? (void)g.toOldestWorkingGop(s, sec) : (void)g.toOldestWorkingGop(s, sec, usec); }
+    void exact(MP4Getter& g, int& s, int sec, int usec) { usec < 0 ? (void)g.toExactWorkingGop(s, sec) : (void)g.toExactWorkingGop(s, sec, usec); }
+};
 
 // ------------------------------------------------------------------ kinds
 
@@ -206,20 +229,10 @@ struct Jpeg {
     void run(Input& in) {
         segment.load(in, SLOTS);
         JPGGetter getter;
-        try {
-            getter.init(0);
-        } catch (const JPGGetterError&) {
-            return;
-        }
+        if (!attach<JPGGetterError>(getter, [](JPGGetter& g) { g.init(0); })) return;
         drive<JPGGetterError>(in, [&](int op) {
-            int safe = 0;
+            if (search(in, op % 11, getter, RingMoves{})) return;
             switch (op % 11) {
-                case 0: getter.toWorking(safe); break;
-                case 1: getter.toNext(safe); break;
-                case 2: getter.toOldestWorking(safe, second(in)); break;
-                case 3: getter.toOldestWorking(safe, second(in), in.value(0, 1000000)); break;
-                case 4: getter.toExactWorking(safe, second(in)); break;
-                case 5: getter.toExactWorking(safe, second(in), in.value(0, 1000000)); break;
                 case 6:
                     getter.getFrame();
                     segment.expectInside(getter.frame.data, getter.frame.frameLength, "JPEG frame");
@@ -263,21 +276,11 @@ struct Video {
     void run(Input& in) {
         segment.load(in, GOPS * FRAMES);
         MP4Getter getter;
-        try {
-            getter.init(0);
-        } catch (const MP4GetterError&) {
-            return;
-        }
+        if (!attach<MP4GetterError>(getter, [](MP4Getter& g) { g.init(0); })) return;
         drive<MP4GetterError>(in, [&](int op) {
-            int safe = 0;
             int k = in.byte() % 2 ? in.byte() % (FRAMES + 2) - 1 : in.value(FRAMES, 1000);
+            if (search(in, op % 11, getter, GopMoves{})) return;
             switch (op % 11) {
-                case 0: getter.toWorkingGop(safe); break;
-                case 1: getter.toNextGop(safe); break;
-                case 2: getter.toOldestWorkingGop(safe, second(in)); break;
-                case 3: getter.toOldestWorkingGop(safe, second(in), in.value(0, 1000000)); break;
-                case 4: getter.toExactWorkingGop(safe, second(in)); break;
-                case 5: getter.toExactWorkingGop(safe, second(in), in.value(0, 1000000)); break;
                 case 6:
                     if (getter.getFrameData(k) != 0)
                         segment.expectInside(getter.frameData, getter.frameLength, "video frame");
@@ -318,20 +321,10 @@ struct Audio {
     void run(Input& in, Init init) {
         segment.load(in, SLOTS);
         Getter getter;
-        try {
-            init(getter);
-        } catch (const Error&) {
-            return;
-        }
+        if (!attach<Error>(getter, init)) return;
         drive<Error>(in, [&](int op) {
-            int safe = 0;
+            if (search(in, op % 11, getter, RingMoves{})) return;
             switch (op % 11) {
-                case 0: getter.toWorking(safe); break;
-                case 1: getter.toNext(safe); break;
-                case 2: getter.toOldestWorking(safe, second(in)); break;
-                case 3: getter.toOldestWorking(safe, second(in), in.value(0, 1000000)); break;
-                case 4: getter.toExactWorking(safe, second(in)); break;
-                case 5: getter.toExactWorking(safe, second(in), in.value(0, 1000000)); break;
                 case 6: {
                     // The length is the writer's word (Opus records it as given);
                     // the data is the slot's fixed buffer.
@@ -372,11 +365,7 @@ struct Analysis {
     void run(Input& in, Payload payloadOf) {
         segment.load(in, SLOTS);
         Getter getter;
-        try {
-            getter.init(0);
-        } catch (const Error&) {
-            return;
-        }
+        if (!attach<Error>(getter, [](Getter& g) { g.init(0); })) return;
         drive<Error>(in, [&](int op) {
             int safe = 0;
             switch (op % 6) {
@@ -429,11 +418,7 @@ struct Infos {
         unsigned short free[12] = {1};
         semctl(budgetSet, 0, SETALL, free);
         InfosGetter getter;
-        try {
-            getter.init(INFOS_KEY);
-        } catch (const InfosGetterError&) {
-            return;
-        }
+        if (!attach<InfosGetterError>(getter, [](InfosGetter& g) { g.init(INFOS_KEY); })) return;
         drive<InfosGetterError>(in, [&](int op) {
             int profile = in.byte() % 2 ? in.byte() % 7 - 1 : in.value(MAX_MEDIA_POOL, 0);
             int a = 0, b = 0, c = 0;

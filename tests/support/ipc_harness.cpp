@@ -45,20 +45,19 @@ void removeKey(key_t key) {
     if (sem != -1) semctl(sem, 0, IPC_RMID);
 }
 
-union SemArg {
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
+int signalReportFd = -1;
+
+void sayOnSignal(int) {
+    static const char line[] = "signal\n";
+    ssize_t ignored = ::write(signalReportFd, line, sizeof line - 1);
+    (void)ignored;
+}
 
 }  // namespace
 
-// ---------------------------------------------------------------- children
-
 std::string ExitStatus::describe() const {
     if (timedOut) return "timed out and killed";
-    if (exited) return "exited with " + std::to_string(code);
-    return "killed by signal " + std::to_string(signal);
+    return exited ? "exited with " + std::to_string(code) : "killed by signal " + std::to_string(signal);
 }
 
 void ChildLink::say(const std::string& line) const {
@@ -75,28 +74,16 @@ bool ChildLink::awaitGo() const {
     }
 }
 
-namespace {
-int signalReportFd = -1;
-
-void sayOnSignal(int) {
-    static const char line[] = "signal\n";
-    ssize_t ignored = ::write(signalReportFd, line, sizeof line - 1);
-    (void)ignored;
-}
-}  // namespace
-
 void ChildLink::reportSignal(int sig) const {
     signalReportFd = toParent_;
     struct sigaction action {};
     action.sa_handler = sayOnSignal;
     sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;
     sigaction(sig, &action, nullptr);
 }
 
 ForkedChild::ForkedChild(std::function<int(ChildLink&)> body) {
-    int up[2];
-    int down[2];
+    int up[2], down[2];
     if (pipe(up) != 0 || pipe(down) != 0) throw std::runtime_error("pipe failed");
     fflush(nullptr);  // nothing buffered may be written twice
     pid_ = fork();
@@ -151,14 +138,11 @@ bool ForkedChild::readLine(std::string& line, int timeoutMs) {
     }
 }
 
-void ForkedChild::go() {
-    writeAll(toChild_, "g", 1);
-}
+void ForkedChild::go() { writeAll(toChild_, "g", 1); }
 
 bool ForkedChild::running() {
     if (reaped_) return false;
-    // waitid with WNOWAIT looks without reaping, so wait() still gets the status.
-    siginfo_t info{};
+    siginfo_t info{};  // WNOWAIT looks without reaping, so wait() still gets the status
     if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return false;
     return info.si_pid == 0;
 }
@@ -171,9 +155,7 @@ ExitStatus ForkedChild::wait(int timeoutMs) {
     if (reaped_) return status_;
     auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     int raw = 0;
-    for (;;) {
-        pid_t done = waitpid(pid_, &raw, WNOHANG);
-        if (done == pid_) break;
+    while (waitpid(pid_, &raw, WNOHANG) != pid_) {
         if (Clock::now() >= deadline) {
             ::kill(pid_, SIGKILL);
             while (waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
@@ -207,17 +189,13 @@ bool withinOneSecond(const std::function<bool(time_t now)>& attempt) {
     }
 }
 
-// --------------------------------------------------------------- raw access
-
 RawSegment::RawSegment(key_t key) {
     const int id = shmget(key, 0, 0);
-    if (id == -1) return;
     shmid_ds ds{};
-    if (shmctl(id, IPC_STAT, &ds) != 0) return;
+    if (id == -1 || shmctl(id, IPC_STAT, &ds) != 0) return;
     size_ = ds.shm_segsz;
     void* address = shmat(id, nullptr, SHM_RDONLY);
-    if (address == reinterpret_cast<void*>(-1)) return;
-    base_ = static_cast<const unsigned char*>(address);
+    if (address != reinterpret_cast<void*>(-1)) base_ = static_cast<const unsigned char*>(address);
 }
 
 RawSegment::~RawSegment() {
@@ -230,34 +208,31 @@ int32_t RawSegment::i32(size_t offset) const {
     return value;
 }
 
-uint32_t RawSegment::u32(size_t offset) const {
-    uint32_t value;
-    memcpy(&value, base_ + offset, sizeof value);
-    return value;
-}
+uint32_t RawSegment::u32(size_t offset) const { return static_cast<uint32_t>(i32(offset)); }
 
-uint64_t RawSegment::u64(size_t offset) const {
-    return static_cast<uint64_t>(u32(offset + 4)) << 32 | u32(offset);
+uint64_t RawSegment::u64(size_t offset) const { return static_cast<uint64_t>(u32(offset + 4)) << 32 | u32(offset); }
+
+std::vector<int> RawSegment::words(size_t offset, size_t count, size_t stride) const {
+    std::vector<int> values;
+    for (size_t k = 0; k < count; ++k) values.push_back(i32(offset + k * stride));
+    return values;
 }
 
 std::vector<unsigned char> RawSegment::bytes(size_t offset, size_t count) const {
     return std::vector<unsigned char>(base_ + offset, base_ + offset + count);
 }
 
-int shmIdOf(key_t key) {
-    return shmget(key, 0, 0);
-}
-
-int semIdOf(key_t key) {
-    return semget(key, 0, 0);
-}
+int shmIdOf(key_t key) { return shmget(key, 0, 0); }
+int semIdOf(key_t key) { return semget(key, 0, 0); }
 
 int semCountOf(int semId) {
     semid_ds ds{};
-    SemArg arg;
+    union {
+        int val;
+        semid_ds* buf;
+    } arg;
     arg.buf = &ds;
-    if (semctl(semId, 0, IPC_STAT, arg) != 0) return -1;
-    return static_cast<int>(ds.sem_nsems);
+    return semctl(semId, 0, IPC_STAT, arg) != 0 ? -1 : static_cast<int>(ds.sem_nsems);
 }
 
 bool shmIdAlive(int shmId) {
@@ -265,14 +240,12 @@ bool shmIdAlive(int shmId) {
     return shmctl(shmId, IPC_STAT, &ds) == 0;
 }
 
+bool semIdAlive(int semId) { return semCountOf(semId) != -1; }
+int semCountAt(key_t key) { return semCountOf(semIdOf(key)); }
+
 int attachmentsOf(key_t key) {
     shmid_ds ds{};
-    if (shmctl(shmIdOf(key), IPC_STAT, &ds) != 0) return -1;
-    return static_cast<int>(ds.shm_nattch);
-}
-
-bool semIdAlive(int semId) {
-    return semCountOf(semId) != -1;
+    return shmctl(shmIdOf(key), IPC_STAT, &ds) != 0 ? -1 : static_cast<int>(ds.shm_nattch);
 }
 
 int lockValue(key_t key, int index) {
@@ -291,14 +264,11 @@ std::vector<int> lockValues(key_t key, int count) {
     return values;
 }
 
-int plantSemSet(key_t key, int count) {
-    return semget(key, count, IPC_CREAT | IPC_EXCL | 0600);
-}
+int plantSemSet(key_t key, int count) { return semget(key, count, IPC_CREAT | IPC_EXCL | 0600); }
 
 int plantSegment(key_t key, size_t size, unsigned char fill) {
     int id = shmget(key, size, IPC_CREAT | IPC_EXCL | 0600);
-    if (id == -1) return -1;
-    void* address = shmat(id, nullptr, 0);
+    void* address = id == -1 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, 0);
     if (address == reinterpret_cast<void*>(-1)) return -1;
     memset(address, fill, size);
     shmdt(address);
@@ -337,15 +307,12 @@ int ipcObjectsLeft() {
 
 bool adjustWithUndo(key_t key, int index, short delta) {
     int id = semIdOf(key);
-    if (id == -1) return false;
-    sembuf op{};
-    op.sem_num = static_cast<unsigned short>(index);
-    op.sem_op = delta;
-    op.sem_flg = SEM_UNDO;
-    for (;;) {
+    sembuf op{static_cast<unsigned short>(index), delta, SEM_UNDO};
+    while (id != -1) {
         if (semop(id, &op, 1) == 0) return true;
         if (errno != EINTR) return false;
     }
+    return false;
 }
 
 void* mapShared(size_t size) {
@@ -354,17 +321,10 @@ void* mapShared(size_t size) {
     return address;
 }
 
-void unmapShared(void* address, size_t size) {
-    munmap(address, size);
-}
+void unmapShared(void* address, size_t size) { munmap(address, size); }
 
-IpcKeys::IpcKeys(std::initializer_list<key_t> keys) : keys_(keys) {
-    removeAll();
-}
-
-IpcKeys::~IpcKeys() {
-    removeAll();
-}
+IpcKeys::IpcKeys(std::initializer_list<key_t> keys) : keys_(keys) { removeAll(); }
+IpcKeys::~IpcKeys() { removeAll(); }
 
 void IpcKeys::add(key_t key) {
     keys_.push_back(key);

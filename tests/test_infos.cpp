@@ -1,0 +1,738 @@
+// The information area, with raw reads of the segment as the oracle: the
+// encoder's puts at their absolute offsets and its refusals, what servers read
+// about the profiles, the connection budget, the active users and the JPEG
+// snapshot found through the area.
+#include "infos.h"
+
+#include <climits>
+#include <ctime>
+
+#include <sys/shm.h>
+
+using namespace avpool::test;
+using namespace infos_layout;
+
+namespace {
+
+// A call that must throw Error with exactly text, after writing log to stderr.
+template <class Error>
+void expectRefused(const std::string& what, const std::function<void()>& call, const std::string& text,
+                   const std::string& log = "") {
+    EXPECT_EQ(failureOf<Error>(call), std::make_pair(text, log)) << what;
+}
+
+const std::string STATE_ERROR = "InfosPutter::putVideoState programming error";
+
+// Every encoder operation with the text it refuses with when not attached.
+void expectEncoderRefusesAll(InfosPutter& e) {
+    const std::pair<std::function<void()>, std::string> calls[] = {
+        {[&] { e.putSizeofPools(1); }, STATE_ERROR},
+        {[&] { e.putMaxConn(1); }, STATE_ERROR},
+        {[&] { e.putInfo(0, 1, 1, 1); }, "InfosPutter::putVideoInfo programming error"},
+        {[&] { e.putState(0, 1); }, STATE_ERROR},
+        {[&] { e.putVideoInfo(0, 1, 1, 1); }, STATE_ERROR},
+        {[&] { e.putAudioInfo(0, 1, 1, 1, 1); }, STATE_ERROR},
+        {[&] { e.putSharedMemSize(0, 1); }, "InfosPutter::putSharedMemSize programming error"},
+        {[&] { e.getConn(); }, "InfosPutter::getConn programming error"},
+        {[&] { e.GetSDPHeader(0); }, "InfosPutter::getConn programming error"}};
+    for (const auto& [call, text] : calls) expectRefused<InfosPutterError>(text, call, text);
+}
+
+// A server's read of one profile with the text it writes to stderr when it
+// refuses (thrown without the newline).
+struct Accessor {
+    const char* name;
+    std::function<void(InfosGetter&, int)> read;
+    std::string log;
+};
+const std::string PROGRAMMING = "programming error\n";
+std::vector<Accessor> accessors() {
+    static int a, b, c;
+    return {{"getInfo", [](InfosGetter& g, int p) { g.getInfo(p, a, b, c); }, PROGRAMMING},
+            {"getState", [](InfosGetter& g, int p) { g.getState(p); }, PROGRAMMING},
+            {"getVideoInfo", [](InfosGetter& g, int p) { g.getVideoInfo(p, a, b, c); }, PROGRAMMING},
+            {"getAudioInfo", [](InfosGetter& g, int p) { g.getAudioInfo(p, a, b, c); }, PROGRAMMING},
+            {"getUseSSLWeight", [](InfosGetter& g, int p) { g.getUseSSLWeight(p); }, PROGRAMMING},
+            {"getAudioFrameDuration", [](InfosGetter& g, int p) { g.getAudioFrameDuration(p); },
+             "InfosPutter::getVOLSize programming error"},
+            {"getSharedMemSize", [](InfosGetter& g, int p) { g.getSharedMemSize(p); },
+             "InfosPutter::getSharedMemSize programming error"},
+            {"getSDPHeader", [](InfosGetter& g, int p) { g.getSDPHeader(p); },
+             "InfosPutter::getH264SDPHeader programming error"},
+            {"getSPS", [](InfosGetter& g, int p) { g.getSPS(p); }, "InfosPutter::getH264SPS programming error"},
+            {"getSPSSize", [](InfosGetter& g, int p) { g.getSPSSize(p); },
+             "InfosPutter::getH264SPSSize programming error"},
+            {"getPPS", [](InfosGetter& g, int p) { g.getPPS(p); }, "InfosPutter::getH264PPS programming error"},
+            {"getPPSSize", [](InfosGetter& g, int p) { g.getPPSSize(p); },
+             "InfosPutter::getH264PPSSize programming error"},
+            {"getVOL", [](InfosGetter& g, int p) { g.getVOL(p); }, "InfosPutter::getVOL programming error"},
+            {"getVOLSize", [](InfosGetter& g, int p) { g.getVOLSize(p); }, "InfosPutter::getVOLSize programming error"}};
+}
+void expectAccessorRefuses(InfosGetter& g, const Accessor& a, int profileID) {
+    const std::string thrown = a.log.back() == '\n' ? a.log.substr(0, a.log.size() - 1) : a.log;
+    expectRefused<InfosGetterError>(std::string(a.name) + "(" + std::to_string(profileID) + ")",
+                                    [&] { a.read(g, profileID); }, thrown, a.log);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ encoder
+
+TEST_F(InfosArea, initCreatesAZeroedAreaAndTheBudgetSetReplacingACrashedEncodersKeys) {
+    const int staleSegment = plantSegment(KEY, SIZE, 0xAB), staleSet = plantSemSet(KEY, 3);
+    std::string err;
+    captureOutput([&] { encoder.init(KEY); }, err);
+    EXPECT_EQ(err, "");
+    EXPECT_FALSE(shmIdAlive(staleSegment));
+    EXPECT_FALSE(semIdAlive(staleSet));
+    EXPECT_EQ(RawSegment(KEY).all(), std::vector<unsigned char>(SIZE, 0));
+    EXPECT_EQ(lockValues(KEY, 12), (std::vector<int>{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(semCountAt(KEY), 12);
+    const int segment = shmIdOf(KEY), set = semIdOf(KEY);
+    expectRefused<InfosPutterError>("second init", [&] { encoder.init(KEY); }, "InfosPutter::init programming error");
+    EXPECT_TRUE(shmIdOf(KEY) == segment && semIdOf(KEY) == set);
+    // Removal takes effect when the last process detaches.
+    server.init(KEY);
+    encoder.putMaxConn(6);
+    encoder.release();
+    EXPECT_FALSE(semIdAlive(set));
+    EXPECT_EQ(shmIdOf(KEY), -1);
+    EXPECT_EQ(server.getMaxConnections(), 6);
+    encoder.release();
+    expectEncoderRefusesAll(encoder);
+    {
+        InfosPutter other;
+        other.init(KEY);
+    }
+    EXPECT_TRUE(shmIdOf(KEY) == -1 && semIdOf(KEY) == -1);
+}
+
+// The forced removal asks for the area's full size: a smaller leftover stays.
+TEST_F(InfosArea, smallerLeftoverMakesInitFailAfterItsPerrorLine) {
+    const int stale = plantSegment(KEY, 100, 0);
+    EXPECT_EQ(forceReleaseShm(KEY), -1);
+    expectRefused<InfosPutterError>("init", [&] { encoder.init(KEY); }, "InfosPutter::init shmget failed",
+                                    "InfosPutter::init shmget failed: File exists\n");
+    EXPECT_TRUE(shmIdAlive(stale));
+    expectEncoderRefusesAll(encoder);
+    ASSERT_EQ(shmctl(stale, IPC_RMID, nullptr), 0);
+    plantSegment(KEY, SIZE, 1);
+    EXPECT_EQ(forceReleaseShm(KEY), 0);
+    EXPECT_EQ(shmIdOf(KEY), -1);
+    EXPECT_EQ(forceReleaseShm(KEY), 0);  // creates one and removes it
+    EXPECT_EQ(shmIdOf(KEY), -1);
+}
+
+TEST_F(InfosArea, everyPutLandsAtItsAbsoluteOffsetAndVideoValuesOnlyAboveZero) {
+    encoder.init(KEY);
+    encoder.putSizeofPools(77);  // no bound of its own
+    for (int p = 0; p < MAX_MEDIA_POOL; ++p) {
+        const int v = 100 * (p + 1);
+        encoder.putInfo(p, v + 1, v + 2, v + 3);
+        encoder.putVideoInfo(p, v + 4, v + 5, v + 6);
+        encoder.putAudioInfo(p, v + 7, v + 8, v + 9, v + 10);
+        encoder.putSharedMemSize(p, v + 11);
+    }
+    RawSegment raw(KEY);
+    EXPECT_EQ(raw.i32(0), 77);
+    EXPECT_EQ(raw.bytes(4, PROFILES - 4), std::vector<unsigned char>(PROFILES - 4, 0));
+    for (int p = 0; p < MAX_MEDIA_POOL; ++p) {
+        std::vector<int> expected;
+        for (int f = 1; f <= 11; ++f) expected.push_back(100 * (p + 1) + f);
+        EXPECT_EQ(raw.words(profile(p, 0), 11), expected) << p;
+        EXPECT_EQ(raw.bytes(profile(p, SDP_BLOCK), PROFILE - SDP_BLOCK), std::vector<unsigned char>(1040, 0));
+    }
+    encoder.putState(3, -9);
+    encoder.putVideoInfo(2, 1280, 0, -1);  // only values above 0
+    encoder.putVideoInfo(1, -5, 720, 0);
+    encoder.putAudioInfo(4, 0, -1, 0, -20);  // audio values as given
+    EXPECT_EQ(raw.words(profile(3, STATE), 2), (std::vector<int>{-9, 402}));
+    EXPECT_EQ(raw.words(profile(2, WIDTH), 3), (std::vector<int>{1280, 305, 306}));
+    EXPECT_EQ(raw.words(profile(1, WIDTH), 3), (std::vector<int>{204, 720, 206}));
+    EXPECT_EQ(raw.words(profile(4, AUDIO_PARAM1), 4), (std::vector<int>{0, -1, 0, -20}));
+}
+
+TEST_F(InfosArea, putMaxConnStoresAtMostTenAndMarksOnlyThoseSlatsFree) {
+    encoder.init(KEY);
+    writeWord(TOTAL, 7);
+    writeWord(weight(2), 3);
+    writeWord(slat(4, USER_TYPE), 9);
+    encoder.putMaxConn(25);
+    EXPECT_EQ(raw(MAX_CONN), 10);
+    EXPECT_EQ(RawSegment(KEY).words(SLATS, 10, SLAT), std::vector<int>(10, FREE));
+    EXPECT_EQ((std::vector<int>{raw(TOTAL), slatWeight(2), slatField(4, USER_TYPE)}), (std::vector<int>{7, 3, 9}));
+    EXPECT_EQ(encoder.getConn(), 7);
+    encoder.release();
+    encoder.init(KEY);
+    encoder.putMaxConn(3);  // the other slats are never marked
+    EXPECT_EQ(RawSegment(KEY).words(SLATS, 10, SLAT), (std::vector<int>{FREE, FREE, FREE, 0, 0, 0, 0, 0, 0, 0}));
+    encoder.putMaxConn(-2);
+    EXPECT_EQ(raw(MAX_CONN), -2);
+}
+
+// IDs whose record would lie outside the segment are refused before a byte is
+// written, under the operations' old names; -1 is let through by the signed
+// bound and writes the record just before profile 0, inside the slat table.
+TEST_F(InfosArea, profileIdsOutsideTheSegmentAreRefusedAndMinusOneWritesBeforeProfileZero) {
+    start();
+    const std::string before = rawBytes(0, SIZE);
+    for (int id : {INT_MIN, -2, 5, INT_MAX}) {
+        const std::string bad = "InfosPutter::putVideoState profileID exceed MAX_MEDIA_POOL";
+        expectRefused<InfosPutterError>("putInfo", [&] { encoder.putInfo(id, 1, 1, 1); },
+                                        "InfosPutter::putVideoInfo profileID exceed MAX_MEDIA_POOL");
+        expectRefused<InfosPutterError>("putState", [&] { encoder.putState(id, 1); }, bad);
+        expectRefused<InfosPutterError>("putVideoInfo", [&] { encoder.putVideoInfo(id, 1, 1, 1); }, bad);
+        expectRefused<InfosPutterError>("putAudioInfo", [&] { encoder.putAudioInfo(id, 1, 1, 1, 1); }, bad);
+        expectRefused<InfosPutterError>("putSharedMemSize", [&] { encoder.putSharedMemSize(id, 1); },
+                                        "InfosPutter::putSharedMemSize programming error");
+        expectRefused<InfosPutterError>("GetSDPHeader", [&] { encoder.GetSDPHeader(id); },
+                                        "InfosPutter::getConn programming error");
+    }
+    EXPECT_EQ(rawBytes(0, SIZE), before);
+    encoder.putInfo(-1, 7, 8, 9);
+    encoder.putVideoInfo(-1, 10, 11, 12);
+    encoder.putAudioInfo(-1, 13, 14, 15, 16);
+    encoder.putSharedMemSize(-1, 17);
+    EXPECT_EQ(RawSegment(KEY).words(48, 11), (std::vector<int>{7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17}));
+    EXPECT_EQ(encoder.GetSDPHeader(-1) - encoder.GetSDPHeader(0), -PROFILE);
+    EXPECT_EQ(rawBytes(profile(0, STATE), PROFILE), std::string(PROFILE, '\0'));
+}
+
+// ------------------------------------------------------------- server reads
+
+// With every word of the area set to its own offset (blob sizes to it divided by
+// 32, to fit their field), each value read tells where it was read from.
+TEST_F(InfosArea, everyAccessorReadsItsProfileAtItsAbsoluteOffsetMinusOneIncluded) {
+    startServing();
+    for (size_t offset = 0; offset < SIZE; offset += 4) writeWord(offset, static_cast<int32_t>(offset));
+    encoder.putSizeofPools(MAX_MEDIA_POOL);
+    const long fields[] = {STATE, CHANNEL, INFO_PARAM3, WIDTH, HEIGHT, VIDEO_PARAM3, AUDIO_PARAM1, AUDIO_PARAM2,
+                           AUDIO_PARAM3, FRAME_DURATION, SHARED_MEM_SIZE, SDP_HEADER, SPS, SPS_SIZE, PPS, PPS_SIZE,
+                           VOL, VOL_SIZE};
+    for (int p = -1; p < MAX_MEDIA_POOL; ++p) {
+        std::vector<int32_t> expected;
+        for (long field : fields) {
+            const bool size = field == SPS_SIZE || field == PPS_SIZE || field == VOL_SIZE;
+            if (size) writeWord(profile(p, field), static_cast<int32_t>(profile(p, field)) / 32);
+            expected.push_back(static_cast<int32_t>(profile(p, field)) / (size ? 32 : 1));
+        }
+        int v[9];
+        server.getInfo(p, v[0], v[1], v[2]);
+        server.getVideoInfo(p, v[3], v[4], v[5]);
+        server.getAudioInfo(p, v[6], v[7], v[8]);
+        std::vector<int32_t> got(v, v + 9);
+        for (int32_t value : {server.getAudioFrameDuration(p), server.getSharedMemSize(p), wordAt(server.getSDPHeader(p)),
+                              wordAt(server.getSPS(p)), server.getSPSSize(p), wordAt(server.getPPS(p)),
+                              server.getPPSSize(p), wordAt(server.getVOL(p)), server.getVOLSize(p)})
+            got.push_back(value);
+        EXPECT_EQ(got, expected) << "profile " << p;
+        EXPECT_EQ(wordAt(server.getSDPHeader(p)), wordAt(encoder.GetSDPHeader(p)) + 4) << p;
+    }
+    EXPECT_EQ(server.getSizeofPools(), 5);
+    EXPECT_EQ(server.getState(-1), static_cast<int32_t>(slat(0, 36)));
+}
+
+// Blob sizes never reach past their 256-byte field nor below 0; the pointers are
+// into the area, so the encoder's later writes show through them.
+TEST_F(InfosArea, blobSizesStayInTheirFieldAndBlobPointersSeeLaterWrites) {
+    startServing();
+    for (const auto& [stored, reported] :
+         std::vector<std::pair<int32_t, int>>{{0, 0}, {256, 256}, {257, 256}, {INT32_MAX, 256}, {-1, 0}}) {
+        for (long field : {SPS_SIZE, PPS_SIZE, VOL_SIZE}) writeWord(profile(4, field), stored);
+        EXPECT_EQ((std::vector<int>{server.getSPSSize(4), server.getPPSSize(4), server.getVOLSize(4)}),
+                  std::vector<int>(3, reported))
+            << stored;
+    }
+    char* header = server.getSDPHeader(3);
+    unsigned char* sps = server.getSPS(3);
+    unsigned char* block = encoder.GetSDPHeader(3);
+    const char text[] = "m=video 0 RTP/AVP 96";
+    memcpy(block + 4, text, sizeof text);
+    const unsigned char nal[] = {0x67, 0x42, 0x00, 0x1f};
+    memcpy(block + (SPS - SDP_BLOCK), nal, sizeof nal);
+    const int32_t size = sizeof nal;
+    memcpy(block + (SPS_SIZE - SDP_BLOCK), &size, sizeof size);
+    EXPECT_STREQ(header, text);
+    EXPECT_EQ(std::vector<unsigned char>(sps, sps + server.getSPSSize(3)), std::vector<unsigned char>(nal, nal + 4));
+}
+
+// Four accessors are also bound by the published profile count; every one
+// refuses IDs outside the segment, whatever the count, and an unattached getter.
+TEST_F(InfosArea, accessorsRefuseWithTheirOwnTextsOutsideTheSegmentAndFourAtTheProfileCount) {
+    startServing(10, 2);
+    writeWord(profile(2, SPS_SIZE), 17);
+    for (const Accessor& a : accessors()) {
+        for (int p : {2, 4}) {
+            if (a.log == PROGRAMMING) {
+                expectAccessorRefuses(server, a, p);
+            } else {
+                EXPECT_NO_THROW(a.read(server, p)) << a.name;
+            }
+        }
+    }
+    EXPECT_EQ(server.getSPSSize(2), 17);
+    EXPECT_EQ(server.getState(1), 0);
+    for (int published : {0, MAX_MEDIA_POOL, INT_MAX}) {
+        encoder.putSizeofPools(published);
+        for (int id : {INT_MIN, -2, 5, 6, INT_MAX})
+            for (const Accessor& a : accessors()) expectAccessorRefuses(server, a, id);
+    }
+    encoder.putSizeofPools(0);
+    expectAccessorRefuses(server, accessors()[1], 0);  // beyond a count of 0
+    for (bool afterRelease : {false, true}) {
+        InfosGetter idle;
+        if (afterRelease) idle.init(KEY), idle.release(-1);
+        for (const Accessor& a : accessors()) expectAccessorRefuses(idle, a, 0);
+        expectAccessorRefuses(idle, {"getSizeofPools", [](InfosGetter& g, int) { g.getSizeofPools(); }, PROGRAMMING}, 0);
+        expectAccessorRefuses(idle, {"getSharedMemSizebyChannel", [](InfosGetter& g, int c) { g.getSharedMemSizebyChannel(c); },
+                                     "InfosPutter::getProfileIDby programming error"}, 0);
+    }
+}
+
+// The first profile with the channel over all five, not only the published ones;
+// unused profiles have channel 0, so channel 0 finds the first of them.
+TEST_F(InfosArea, sharedMemSizeByChannelIsTheFirstMatchOverAllFiveProfiles) {
+    startServing(10, 1);
+    const int channels[] = {2, 7, 5, 7, 8};
+    for (int p = 0; p < MAX_MEDIA_POOL; ++p) {
+        encoder.putInfo(p, 2, channels[p], 1);
+        encoder.putSharedMemSize(p, 1000 * (p + 1));
+    }
+    EXPECT_EQ((std::vector<int>{server.getSharedMemSizebyChannel(7), server.getSharedMemSizebyChannel(8),
+                                server.getSharedMemSizebyChannel(2), server.getSharedMemSizebyChannel(9),
+                                server.getSharedMemSizebyChannel(0)}),
+              (std::vector<int>{2000, 5000, 1000, -1, -1}));
+    encoder.putInfo(3, 2, 0, 1);
+    EXPECT_EQ(server.getSharedMemSizebyChannel(0), 4000);
+}
+
+// Weight 3 up to VGA's pixels, 4 above; the product is 32-bit and wraps as the
+// encoder's firmware computes it.
+TEST_F(InfosArea, sslWeightIsThreeUpToVgaPixelsAndFourAbove) {
+    startServing(10, 5);
+    EXPECT_EQ(server.getUseSSLWeight(1), 3);  // nothing published: 0 x 0
+    const int cases[][3] = {{640, 480, 3},   {641, 480, 4},     {640, 481, 4},     {1280, 720, 4},   {480, 640, 3},
+                            {307200, 1, 3},  {307201, 1, 4},    {1920, 1080, 4},   {65536, 65536, 3},
+                            {65536, 32768, 3}, {65537, 65537, 3}, {46341, 46341, 3}, {46340, 46340, 4}};
+    for (const auto& c : cases) {
+        encoder.putVideoInfo(2, c[0], c[1], 1);
+        EXPECT_EQ(server.getUseSSLWeight(2), c[2]) << c[0] << " x " << c[1];
+    }
+}
+
+// ------------------------------------------------------------------- budget
+
+TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatAndRetConnFreesItOnce) {
+    startServing();
+    const time_t before = time(nullptr);
+    EXPECT_EQ(server.takeConn("rtsp-7", "192.0.2.7:554", 6, 2, false), 0);
+    const time_t after = time(nullptr);
+    EXPECT_EQ((std::vector<int>{slatField(0, SLAT_ID), slatField(0, USER_TYPE), slatWeight(0), raw(TOTAL)}),
+              (std::vector<int>{0, 6, 2, 2}));
+    EXPECT_EQ(userName(0), "rtsp-7");
+    EXPECT_EQ(userInfo(0), "192.0.2.7:554");
+    EXPECT_TRUE(slatField(0, LOGIN_TIME) >= before && slatField(0, LOGIN_TIME) <= after);
+    EXPECT_EQ(server.takeConn("second", nullptr, 1, 3, false), 1);
+    EXPECT_EQ(userInfo(1), "");
+    EXPECT_EQ((std::vector<int>{raw(TOTAL), server.getCurrentTotalConnections(), encoder.getConn()}),
+              (std::vector<int>{5, 5, 5}));
+    const int32_t login = slatField(0, LOGIN_TIME);
+    server.retConn(0);
+    server.retConn(0);  // once only
+    EXPECT_EQ(raw(TOTAL), 3);
+    EXPECT_TRUE(slatFree(0));
+    EXPECT_EQ(rawBytes(slat(0, USER_NAME), 96), std::string(96, '\0'));
+    EXPECT_EQ((std::vector<int>{slatField(0, USER_TYPE), slatField(0, LOGIN_TIME)}), (std::vector<int>{6, login}));
+    const std::string kept = rawBytes(0, SIZE);
+    std::string err;
+    captureOutput([&] { for (int s : {-1, -7, 10, 12}) server.retConn(s); }, err);
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(rawBytes(0, SIZE), kept);
+    writeWord(TOTAL, 1);  // never below 0
+    server.retConn(1);
+    EXPECT_EQ(raw(TOTAL), 0);
+    EXPECT_EQ(server.takeConn("negative", "", 1, -2, false), 0);  // neither weight is checked
+    EXPECT_EQ((std::vector<int>{slatWeight(0), raw(TOTAL)}), (std::vector<int>{-2, -2}));
+}
+
+// probeConn keeps one unit in hand that takeConn does not: a take that exactly
+// fills the budget fits, a probe for it does not.
+TEST_F(InfosArea, budgetRefusalsChangeNothingAndProbeIsStrict) {
+    startServing(10);
+    auto refused = [&](InfosGetter& g, int weight, const std::string& text) {
+        const std::string area = rawBytes(0, SIZE);
+        expectRefused<InfosGetterError>("take", [&] { g.takeConn("late", "refused", 1, weight, true); }, text);
+        EXPECT_EQ(rawBytes(0, SIZE), area);
+    };
+    for (int k = 0; k < 3; ++k) EXPECT_EQ(server.takeConn("ssl", "client", 1, 3, false), k);
+    EXPECT_TRUE(server.probeConn(0));
+    EXPECT_FALSE(server.probeConn(1));
+    refused(server, 3, "no more slat.");
+    EXPECT_EQ(server.takeConn("last", "unit", 1, 1, false), 3);
+    EXPECT_FALSE(server.probeConn(0));
+    refused(server, 1, "no more slat.");
+    EXPECT_EQ(server.takeConn("zero", "weight", 1, 0, false), 4);  // still fits a full budget
+    EXPECT_EQ(server.getMaxConnections(), 10);
+    server.resetAllConnections();
+    EXPECT_TRUE(server.probeConn(9));
+    EXPECT_FALSE(server.probeConn(10));
+    EXPECT_EQ(server.takeConn("whole", "budget", 1, 10, false), 0);
+    encoder.release();
+    start(4);
+    server.init(KEY);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(server.takeConn("zero", "weight", 1, 0, false), k);
+    refused(server, 0, "slat alloc fail.");
+    EXPECT_EQ(raw(TOTAL), 0);
+}
+
+// A failed allocation overwrites the getter's own slat with -1: the slat it took
+// with automatic return is then no longer given back; "no more slat." keeps it.
+TEST_F(InfosArea, autoReturnGivesBackOnReleaseOrDestructionUnlessAFailedAllocationForgotIt) {
+    start(2);
+    server.init(KEY);
+    {
+        InfosGetter forgetful;
+        forgetful.init(KEY);
+        EXPECT_EQ(forgetful.takeConn("kept", "", 1, 0, true), 0);
+        EXPECT_EQ(server.takeConn("other", "", 1, 0, false), 1);
+        EXPECT_EQ(failureOf<InfosGetterError>([&] { forgetful.takeConn("x", "", 1, 0, true); }).first, "slat alloc fail.");
+    }
+    EXPECT_EQ(userName(0), "kept");
+    server.retConn(0);
+    server.retConn(1);
+    {
+        InfosGetter holder, scoped;
+        holder.init(KEY);
+        EXPECT_EQ(holder.takeConn("one", "", 1, 2, true), 0);
+        EXPECT_EQ(failureOf<InfosGetterError>([&] { holder.takeConn("x", "", 1, 1, true); }).first, "no more slat.");
+    }
+    EXPECT_TRUE(slatFree(0));
+    EXPECT_EQ(raw(TOTAL), 0);
+    encoder.putMaxConn(10);
+    {
+        InfosGetter client;
+        client.init(KEY);
+        EXPECT_EQ(client.takeConn("own", "", 1, 1, true), 0);
+        EXPECT_EQ(server.takeConn("someone", "else", 1, 3, false), 1);
+        client.release(1);  // returns the slat it is given, not its own
+        EXPECT_TRUE(slatFree(1));
+    }
+    EXPECT_EQ(userName(0), "own");
+    EXPECT_EQ(raw(TOTAL), 1);
+    server.retConn(0);
+    {
+        InfosGetter client;
+        client.init(KEY);
+        EXPECT_EQ(client.takeConn("auto", "", 1, 4, true), 0);
+        client.release(0);
+        EXPECT_TRUE(slatFree(0));
+        EXPECT_EQ(server.takeConn("next", "owner", 1, 2, false), 0);
+    }
+    EXPECT_EQ(userName(0), "next");  // the destruction afterwards is quiet
+    EXPECT_EQ((std::vector<int>{slatWeight(0), raw(TOTAL)}), (std::vector<int>{2, 2}));
+    {
+        InfosGetter stays;
+        stays.init(KEY);
+        EXPECT_EQ(stays.takeConn("stays", "", 1, 3, false), 1);
+        stays.release(1);  // without automatic return nothing is given back
+    }
+    EXPECT_EQ(userName(1), "stays");
+    EXPECT_EQ(raw(TOTAL), 5);
+}
+
+TEST_F(InfosArea, resetAllConnectionsFreesTheSlatsBelowMaxConnAndRecounts) {
+    startServing(10);
+    for (int k = 0; k < 8; ++k) server.takeConn("user", "info", 1, k == 7 ? 2 : 1, false);
+    encoder.putMaxConn(5);
+    server.resetAllConnections();
+    EXPECT_EQ(slatsTaken(), 3);
+    EXPECT_EQ(userName(5), "user");
+    EXPECT_EQ(raw(TOTAL), 4);
+    encoder.putMaxConn(10);
+    writeWord(TOTAL, 1);
+    server.resetAllConnections();
+    EXPECT_EQ(raw(TOTAL), 0);
+    EXPECT_EQ(slatsTaken(), 0);
+}
+
+TEST_F(InfosArea, unattachedGetterWritesOrThrowsAsEachBudgetOperationDoes) {
+    expectRefused<InfosGetterError>("init", [&] { server.init(KEY); }, "shmget failed.",
+                                    "shmget failed: No such file or directory\n");
+    start();
+    const std::string before = rawBytes(0, SIZE);
+    for (bool afterRelease : {false, true}) {
+        InfosGetter idle;
+        if (afterRelease) idle.init(KEY), idle.release(-1);
+        std::string err;
+        captureOutput([&] { EXPECT_FALSE(idle.probeConn(0)); }, err);
+        EXPECT_EQ(err, "programming error\n");
+        captureOutput([&] { idle.retConn(0); }, err);
+        EXPECT_EQ(err, "programming error\n");
+        captureOutput([&] { idle.retConn(-1); }, err);
+        EXPECT_EQ(err, "");
+        expectRefused<InfosGetterError>("reset", [&] { idle.resetAllConnections(); }, "programming error",
+                                        "programming error\n");
+        expectRefused<InfosGetterError>("take", [&] { idle.takeConn("a", "b", 1, 1, true); }, "programming error");
+        expectRefused<InfosGetterError>("max", [&] { idle.getMaxConnections(); }, "programming error");
+        expectRefused<InfosGetterError>("total", [&] { idle.getCurrentTotalConnections(); }, "programming error");
+        char buffer[USER_SLAT_SIZE * 2];
+        captureOutput([&] {
+            EXPECT_EQ((std::vector<int>{idle.allocUserSlat("a", "b", 1, 4), idle.deleteUserSlat(0),
+                                        idle.getUserList(buffer, sizeof buffer), idle.resetUserSlat("a", "b", 0)}),
+                      (std::vector<int>{-1, 0, 0, 1}));
+        }, err);
+        EXPECT_EQ(err, "");
+    }
+    EXPECT_EQ(rawBytes(0, SIZE), before);
+}
+
+// ------------------------------------------------------------- active users
+
+namespace {
+template <class Call>
+int quietly(Call call, std::string& err) {
+    int result = 0;
+    captureOutput([&] { result = call(); }, err);
+    return result;
+}
+int add(std::string info, std::string name) { return Add_Active_User(info.data(), name.data()); }
+}  // namespace
+
+TEST_F(InfosArea, addActiveUserPutsItsSecondArgumentInUserNameAndItsFirstInUserInfo) {
+    start(10);
+    std::string err;
+    EXPECT_EQ(quietly([&] { return add("A: viewer at 198.51.100.4", "B-admin"); }, err), 0);
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(userName(0), "B-admin");
+    EXPECT_EQ(userInfo(0), "A: viewer at 198.51.100.4");
+    EXPECT_EQ((std::vector<int>{slatField(0, SLAT_ID), slatField(0, USER_TYPE), slatWeight(0), raw(TOTAL)}),
+              (std::vector<int>{0, 4, 1, 1}));
+    EXPECT_LE(std::abs(slatField(0, LOGIN_TIME) - static_cast<int>(time(nullptr))), 1);
+    EXPECT_EQ(add("second", "C"), 1);
+    const std::string before = rawBytes(0, SIZE);
+    std::string some = "x";
+    EXPECT_EQ(quietly([&] { return Add_Active_User(nullptr, some.data()); }, err), -1);
+    EXPECT_EQ(quietly([&] { return Add_Active_User(some.data(), nullptr); }, err), -1);
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(rawBytes(0, SIZE), before);
+    EXPECT_EQ(quietly([] { return Delete_Active_User(0); }, err), 0);
+    EXPECT_EQ(quietly([] { return Delete_Active_User(0); }, err), 0);  // its weight off once
+    EXPECT_EQ(quietly([] { return Delete_Active_User(12); }, err), 0);
+    EXPECT_EQ(quietly([] { return Delete_Active_User(-1); }, err), 1);
+    EXPECT_EQ(err, "");
+    EXPECT_TRUE(slatFree(0));
+    EXPECT_EQ(userName(1), "C");
+    EXPECT_EQ(raw(TOTAL), 1);
+}
+
+// Names are cut to 31 and 63 bytes and the field's last byte is never written;
+// a shorter text is padded with NULs over a longer one.
+TEST_F(InfosArea, userSlatTextsAreBoundedAndRewrittenOnlyWhereGiven) {
+    startServing(6);
+    const std::string longName(40, 'n'), longInfo(80, 'i');
+    EXPECT_EQ(server.allocUserSlat(longName.c_str(), longInfo.c_str(), 1, 2), 0);
+    EXPECT_EQ(rawBytes(slat(0, USER_NAME), 96), std::string(31, 'n') + '\0' + std::string(63, 'i') + '\0');
+    EXPECT_EQ(server.resetUserSlat("ab", "cd", 0), 0);
+    EXPECT_EQ(rawBytes(slat(0, USER_NAME), 96), "ab" + std::string(30, '\0') + "cd" + std::string(62, '\0'));
+    encoderBase()[slat(0, USER_NAME) + 31] = 'Z';
+    encoderBase()[slat(0, USER_INFO) + 63] = 'Y';
+    EXPECT_EQ(server.resetUserSlat(longName.c_str(), longInfo.c_str(), 0), 0);
+    EXPECT_EQ(rawBytes(slat(0, USER_NAME), 96), std::string(31, 'n') + 'Z' + std::string(63, 'i') + 'Y');
+    EXPECT_EQ(server.resetUserSlat("new name", nullptr, 0), 0);
+    EXPECT_EQ(userName(0), "new name");
+    EXPECT_EQ(userInfo(0), std::string(63, 'i') + 'Y');
+    EXPECT_EQ(server.resetUserSlat(nullptr, "new info", 0), 0);
+    EXPECT_EQ((std::vector<std::string>{userName(0), userInfo(0)}), (std::vector<std::string>{"new name", "new info"}));
+    EXPECT_EQ((std::vector<int>{slatField(0, USER_TYPE), slatWeight(0)}), (std::vector<int>{2, 1}));
+    // Only an index out of range is reported; a free slat or one of weight 0 gives 0.
+    server.deleteUserSlat(0);
+    EXPECT_EQ(server.takeConn("weightless", "", 1, 0, false), 0);
+    const std::string before = rawBytes(0, SIZE);
+    for (int s : {11, 6, -1}) EXPECT_EQ(server.resetUserSlat("x", "y", s), 1) << s;
+    writeWord(MAX_CONN, 12);  // not as the encoder writes it: the table still ends at 10
+    EXPECT_EQ(server.resetUserSlat("x", "y", 10), 1);
+    writeWord(MAX_CONN, 6);
+    for (int s : {1, 0}) EXPECT_EQ(server.resetUserSlat("x", "y", s), 0) << s;
+    EXPECT_EQ(rawBytes(0, SIZE), before);
+}
+
+// The slat operations leave the budget to their callers.
+TEST_F(InfosArea, slatOperationsLeaveTheBudgetToTheirCallers) {
+    startServing(3);
+    EXPECT_EQ(server.allocUserSlat("a", "b", 2, 9), 0);
+    EXPECT_EQ((std::vector<int>{slatField(0, USER_TYPE), slatWeight(0)}), (std::vector<int>{9, 2}));
+    EXPECT_EQ((std::vector<int>{server.allocUserSlat("c", "d", 1, 9), server.allocUserSlat("e", "f", 1, 9),
+                                server.allocUserSlat("g", "h", 1, 9)}),
+              (std::vector<int>{1, 2, -1}));
+    EXPECT_EQ((std::vector<int>{server.deleteUserSlat(0), server.deleteUserSlat(0), server.deleteUserSlat(3),
+                                server.deleteUserSlat(-1), raw(TOTAL)}),
+              (std::vector<int>{2, 0, 0, 0, 0}));
+    EXPECT_EQ(server.allocUserSlat(nullptr, nullptr, 1, 1), 0);
+    EXPECT_EQ(rawBytes(slat(0, USER_NAME), 96), std::string(96, '\0'));
+}
+
+// Whole records packed without gaps: free slats and slats of weight 0 are skipped.
+TEST_F(InfosArea, activeUserTablePacksWholeRecordsOfSlatsInUse) {
+    startServing(10);
+    server.takeConn("one", "", 1, 1, false);
+    server.takeConn("two", "", 1, 1, false);
+    server.takeConn("weightless", "", 1, 0, false);
+    server.takeConn("four", "", 1, 2, false);
+    server.retConn(1);
+    std::vector<char> buffer(300, '\xEE');
+    EXPECT_EQ(Get_Active_User_Table(buffer.data(), 300), 2);
+    EXPECT_EQ(std::string(buffer.data(), 216), rawBytes(slat(0, 0), 108) + rawBytes(slat(3, 0), 108));
+    EXPECT_EQ(std::string(buffer.data() + 216, 84), std::string(84, '\xEE'));
+    EXPECT_EQ(server.getUserList(buffer.data(), 300), 2);
+    std::vector<char> small(100, '\xEE');
+    EXPECT_EQ(Get_Active_User_Table(small.data(), 100), 0);
+    EXPECT_EQ(Get_Active_User_Table(small.data(), -108), 0);
+    EXPECT_EQ(small, std::vector<char>(100, '\xEE'));
+    std::string err;
+    EXPECT_EQ(quietly([&] { return Get_Active_User_Table(nullptr, 300); }, err), -1);
+    EXPECT_EQ(err, "");
+}
+
+TEST_F(InfosArea, activeUserFunctionsWriteThePerrorLineAndTheirOwnLineOnFailure) {
+    std::string err;
+    EXPECT_EQ(quietly([&] { return add("i", "n"); }, err), -1);
+    EXPECT_EQ(err, "shmget failed: No such file or directory\nAdd_Active_User failed: shmget failed.\n");
+    EXPECT_EQ(quietly([] { return Delete_Active_User(0); }, err), 1);
+    EXPECT_EQ(err, "shmget failed: No such file or directory\nDelete_Active_User failed: shmget failed.\n");
+    char buffer[USER_SLAT_SIZE];
+    EXPECT_EQ(quietly([&] { return Get_Active_User_Table(buffer, sizeof buffer); }, err), -1);
+    EXPECT_EQ(err, "shmget failed: No such file or directory\nGet_Active_User_Table failed: shmget failed.\n");
+    startServing(2);
+    server.takeConn("weightless", "", 1, 0, false);
+    server.takeConn("weightless", "", 1, 0, false);
+    EXPECT_EQ(quietly([&] { return add("i", "n"); }, err), -1);
+    EXPECT_EQ(err, "Add_Active_User failed: slat alloc fail.\n");
+    server.retConn(0);
+    server.takeConn("whole", "budget", 1, 2, false);
+    EXPECT_EQ(quietly([&] { return add("i", "n"); }, err), -1);
+    EXPECT_EQ(err, "Add_Active_User failed: no more slat.\n");
+    EXPECT_EQ(raw(TOTAL), 2);
+}
+
+// The entry belongs to the area, not to the process that added it.
+TEST_F(InfosArea, activeUserAddedByOneProcessIsListedAndDeletedByOthers) {
+    start(10);
+    ForkedChild adder([](ChildLink& link) {
+        link.say("slat " + std::to_string(add("from a child", "child")));
+        return 0;
+    });
+    expectLastLine(adder, "slat 0");
+    ForkedChild lister([](ChildLink& link) {
+        char buffer[3 * USER_SLAT_SIZE];
+        int n = Get_Active_User_Table(buffer, sizeof buffer);
+        link.say(std::to_string(n) + " " + std::string(buffer + 8) + " / " + std::string(buffer + 40));
+        return Delete_Active_User(0);
+    });
+    expectLastLine(lister, "1 child / from a child");
+    EXPECT_TRUE(slatFree(0));
+    EXPECT_EQ(raw(TOTAL), 0);
+}
+
+// ----------------------------------------------------------------- snapshot
+
+// The newest picture of a profile that streams JPEG (state 2, third value 1),
+// from the pool on the profile's channel, into a buffer that must hold the pool's
+// largest picture; nothing otherwise, and nothing left attached or taken.
+class InfosSnapshot : public InfosArea {
+protected:
+    static constexpr int CHANNEL = 6, PROFILE = 1, MAX_FRAME = 64;
+    InfosSnapshot() { keys.add(JPG_BASE_KEY + CHANNEL); }
+    void publish(int state, int param3, int frameCount = 4) {
+        start();
+        encoder.putInfo(PROFILE, state, CHANNEL, param3);
+        std::string log;
+        captureOutput([&] { pool.init(CHANNEL, frameCount, MAX_FRAME, 1024), pool.reset(320, 240, 10, 80); }, log);
+    }
+    void put(const std::string& bytes) { pool.putFrame(const_cast<char*>(bytes.data()), static_cast<int>(bytes.size()), {}); }
+    // What the snapshot copied into a buffer of size bytes prefilled with '~'.
+    static std::string snapshot(unsigned int size, int profileID = PROFILE) {
+        std::string buffer(size, '~');
+        int n = JPGGetter::snapshot(reinterpret_cast<unsigned char*>(buffer.data()), size, profileID);
+        return std::to_string(n) + " " + buffer;
+    }
+    JPGPutter pool;
+};
+
+TEST_F(InfosSnapshot, copiesTheNewestPictureIntoABufferThatHoldsThePoolsLargest) {
+    publish(2, 1);
+    put("first");
+    put("newest picture");
+    EXPECT_EQ(snapshot(MAX_FRAME), "14 newest picture" + std::string(50, '~'));
+    EXPECT_EQ(snapshot(MAX_FRAME - 1), "0 " + std::string(MAX_FRAME - 1, '~'));
+    EXPECT_EQ(snapshot(0), "0 ");
+    put("after");
+    EXPECT_EQ(snapshot(MAX_FRAME + 1), "5 after" + std::string(MAX_FRAME - 4, '~'));
+    const int poolAttachments = attachmentsOf(JPG_BASE_KEY + CHANNEL), areaAttachments = attachmentsOf(KEY);
+    encoder.putInfo(PROFILE, 1, CHANNEL, 1);
+    EXPECT_EQ(snapshot(MAX_FRAME), "0 " + std::string(MAX_FRAME, '~'));
+    EXPECT_EQ(attachmentsOf(JPG_BASE_KEY + CHANNEL), poolAttachments);
+    EXPECT_EQ(attachmentsOf(KEY), areaAttachments);
+    EXPECT_EQ(raw(TOTAL), 0);
+    EXPECT_EQ(JPGGetter::snapshot(nullptr, MAX_FRAME, PROFILE, 1), 0);  // the four-argument form does nothing
+}
+
+TEST_F(InfosSnapshot, profileThatIsNotStreamingJpegGetsNothing) {
+    for (auto [state, param3] : {std::pair{1, 1}, {3, 1}, {2, 0}, {2, 2}, {0, 0}}) {
+        publish(state, param3);
+        put("picture");
+        EXPECT_EQ(snapshot(MAX_FRAME), "0 " + std::string(MAX_FRAME, '~')) << state << " " << param3;
+        pool.release();
+        encoder.release();
+    }
+}
+
+TEST_F(InfosSnapshot, errorsOfTheAreaReachTheCallerAndAMissingPoolGivesNothing) {
+    unsigned char buffer[MAX_FRAME];
+    expectRefused<InfosGetterError>("no area", [&] { JPGGetter::snapshot(buffer, MAX_FRAME, PROFILE); },
+                                    "shmget failed.", "shmget failed: No such file or directory\n");
+    start();
+    encoder.putInfo(PROFILE, 2, CHANNEL, 1);
+    std::string err, copied;
+    captureOutput([&] { copied = snapshot(MAX_FRAME); }, err);
+    EXPECT_EQ(copied, "0 " + std::string(MAX_FRAME, '~'));
+    EXPECT_EQ(err, "shmget failed: No such file or directory\n");
+    encoder.putSizeofPools(PROFILE);
+    expectRefused<InfosGetterError>("unpublished", [&] { JPGGetter::snapshot(buffer, MAX_FRAME, PROFILE); },
+                                    "programming error", "programming error\n");
+    for (int id : {INT_MIN, -2, 5, INT_MAX})
+        EXPECT_EQ(failureOf<InfosGetterError>([&] { JPGGetter::snapshot(buffer, MAX_FRAME, id); }).first,
+                  "programming error");
+}
+
+// On a pool with nothing written yet the newest slot is still closed: the
+// snapshot waits until the encoder completes a picture there.
+TEST_F(InfosSnapshot, waitsForThePictureBeingWritten) {
+    publish(2, 1, 1);
+    ForkedChild caller([](ChildLink& link) {
+        link.say(snapshot(MAX_FRAME));
+        return 0;
+    });
+    ASSERT_TRUE(eventually([] { return lockWaiters(JPG_BASE_KEY + CHANNEL, 0) == 1; }));
+    put("first complete picture");
+    expectLastLine(caller, "22 first complete picture" + std::string(MAX_FRAME - 22, '~'));
+}
+
+// The library's stand-in for the device's capability query: seven scales with
+// their maximum rates; the scale lookup finds the first scale of a size.
+TEST(ScaleLookup, defaultCapabilityTableAnswersSevenScalesAndTheLookupFindsThem) {
+    const int scales[][4] = {{1920, 1080, 30, 0}, {1280, 720, 30, 0}, {800, 600, 30, 0}, {640, 480, 30, 0},
+                             {640, 360, 30, 0},   {320, 240, 30, 0},  {176, 144, 15, 0}};
+    for (int scale = -1; scale <= 7; ++scale) {
+        int v[4] = {-1, -1, -1, -1};
+        const bool known = scale >= 0 && scale < 7;
+        EXPECT_EQ(get_real_capability_by_profile_n_scale(v[0], v[1], v[2], v[3], 5, scale), known ? 0 : -1);
+        EXPECT_EQ(std::vector<int>(v, v + 4), known ? std::vector<int>(scales[scale], scales[scale] + 4)
+                                                    : std::vector<int>(4, 0)) << scale;
+        if (known) {
+            EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(scales[scale][0], scales[scale][1]), scale);
+        }
+    }
+    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(1080, 1920), -1);
+    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(640, 481), -1);
+    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(0, 0), 7);  // unknown scales report size 0
+}

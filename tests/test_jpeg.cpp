@@ -1,0 +1,254 @@
+// The JPEG pool as other processes see it: header, tables, the data ring with its
+// id prefixes and padding, locks and safe times read back raw from the segment,
+// frames whose bytes were reused, and a second writer taking over the key.
+#include "pools.h"
+
+using namespace avpool::test;
+
+namespace {
+constexpr int CHANNEL = JpegKind::CHANNEL;
+constexpr key_t KEY = JpegKind::KEY;
+size_t record(int slots, int slot) { return 172 + 4 * static_cast<size_t>(slots) + 48 * static_cast<size_t>(slot); }
+size_t ring(int slots) { return 172 + 52 * static_cast<size_t>(slots); }
+// A record's words: id low and high, lockIndex, length, seconds, microseconds,
+// width, height, fps, quality, data position, reserved.
+std::vector<int> recordOf(int slots, int slot) { return RawSegment(KEY).words(record(slots, slot), 12); }
+std::string text(const JPGFrame& f) { return std::string(reinterpret_cast<char*>(f.data), f.frameLength); }
+}  // namespace
+
+class Jpeg : public Pool<JpegKind> {
+protected:
+    void create(JPGPutter& p, int slots, int maxFrameSize, int ringBytes) {
+        std::string err;
+        captureOutput([&] { p.init(CHANNEL, slots, maxFrameSize, ringBytes + 52 * slots); }, err);
+    }
+    void start(int slots, int maxFrameSize, int ringBytes) {
+        create(putter, slots, maxFrameSize, ringBytes);
+        putter.reset(1, 1, 10, 1);  // 100 ms a frame
+    }
+    static int put(JPGPutter& p, const std::string& bytes, int second = 0, int microsecond = 0) {
+        return p.putFrame(const_cast<char*>(bytes.data()), static_cast<int>(bytes.size()), at(second, microsecond));
+    }
+    int put(const std::string& bytes, int second = 0, int microsecond = 0) { return put(putter, bytes, second, microsecond); }
+    static int header(size_t offset) { return RawSegment(KEY).i32(offset); }
+};
+
+TEST_F(Jpeg, initLaysOutHeaderTablesAndClosedLocksAndThirtySlotsIsTheLimit) {
+    create(putter, 4, 100, 200);
+    RawSegment raw(KEY);
+    ASSERT_EQ(raw.size(), 580u);
+    EXPECT_EQ(raw.words(0, 8), (std::vector<int>{4, 100, 0, 0, 0, 0, 0, 8}));
+    EXPECT_EQ(raw.bytes(32, 128), Bytes(128, 0));  // quantisation tables
+    EXPECT_EQ(raw.words(160, 7), (std::vector<int>{172, 188, 380, 0, 0, 0, 0}));  // offsets, safe times
+    for (int slot = 0; slot < 4; ++slot)
+        EXPECT_EQ(recordOf(4, slot), (std::vector<int>{0, 0, slot, 0, 0, 0, 0, 0, 0, 0, 0, 0})) << slot;
+    EXPECT_EQ(raw.bytes(ring(4), 200), Bytes(200, 0));
+    EXPECT_EQ(semCountAt(KEY), 4);
+    EXPECT_EQ(lockValues(KEY, 4), std::vector<int>(4, 1));
+    putter.release();
+
+    create(putter, 30, 16, 64);
+    EXPECT_EQ(semCountAt(KEY), 30);
+    putter.release();
+    JPGPutter refused;
+    EXPECT_EQ(failureOf<JPGPutterError>([&] { refused.init(CHANNEL, 31, 16, 64 + 52 * 31); }),
+              std::make_pair(std::string("programming error, frameCount exceed JPG_MAX_FRAME_COUNT"), std::string()));
+    EXPECT_TRUE(shmIdOf(KEY) == -1 && semIdOf(KEY) == -1);
+}
+
+TEST_F(Jpeg, resetAndSettersWriteTheHeaderAndAreStampedOnFollowingFrames) {
+    create(putter, 4, 16, 128);
+    putter.reset(640, 480, 25, 80);
+    putter.putRealFPS(24);
+    EXPECT_EQ(RawSegment(KEY).words(12, 4), (std::vector<int>{24, 25, 640, 480}));
+    const Bytes before = RawSegment(KEY).bytes(0, 172);
+    putter.reset(0, 0, 0, -1);  // zeros and a negative quality keep what is there
+    EXPECT_EQ(RawSegment(KEY).bytes(0, 172), before);
+    ASSERT_EQ(put("a"), 1);
+    putter.changeQuality(-7);  // taken as is
+    putter.reset(320, 0, 0, -1);
+    ASSERT_EQ(put("b"), 1);
+    putter.reset(0, 0, 0, 0);  // a quality of 0 is a value
+    ASSERT_EQ(put("c"), 1);
+    const int stamped[3][4] = {{640, 480, 25, 80}, {320, 480, 25, -7}, {320, 480, 25, 0}};
+    for (int slot = 1; slot <= 3; ++slot)
+        EXPECT_EQ(RawSegment(KEY).words(record(4, slot) + 24, 4), std::vector<int>(stamped[slot - 1], stamped[slot - 1] + 4));
+
+    unsigned char lum[64], chrom[64];
+    for (int i = 0; i < 64; ++i) {
+        lum[i] = static_cast<unsigned char>(i + 1);
+        chrom[i] = static_cast<unsigned char>(200 - i);
+    }
+    putter.putQuantTables(lum, chrom);
+    RawSegment raw(KEY);
+    EXPECT_EQ(raw.bytes(32, 64), Bytes(lum, lum + 64));
+    EXPECT_EQ(raw.bytes(96, 64), Bytes(chrom, chrom + 64));
+    EXPECT_EQ(raw.words(20, 2), (std::vector<int>{320, 480}));
+    EXPECT_EQ(raw.i32(160), 172);
+
+    JPGGetter reader;
+    reader.init(CHANNEL);
+    EXPECT_EQ(Bytes(reader.getLumQT(), reader.getLumQT() + 64), Bytes(lum, lum + 64));
+    EXPECT_EQ(Bytes(reader.getChromQT(), reader.getChromQT() + 64), Bytes(chrom, chrom + 64));
+    EXPECT_EQ((std::vector<int>{reader.getWorkingWidth(), reader.getWorkingHeight(), reader.getWorkingFPS(),
+                                reader.getRealFPS()}),
+              (std::vector<int>{320, 480, 25, 24}));
+    putter.putRealFPS(12);
+    EXPECT_EQ(reader.getRealFPS(), 12);  // read live
+}
+
+TEST_F(Jpeg, framesGoIntoTheRingBehindTheirIdPrefixPaddedToFourBytesAndWrap) {
+    create(putter, 4, 40, 64);
+    putter.reset(352, 288, 10, 50);
+    const size_t base = ring(4);
+    ASSERT_EQ(put("ABCDE", 1000, 1), 1);  // slot 1, id 1, ring offset 0, 3 bytes of padding
+    RawSegment raw(KEY);
+    EXPECT_EQ(raw.i32(8), 1);
+    EXPECT_EQ(recordOf(4, 1), (std::vector<int>{1, 0, 1, 5, 1000, 1, 352, 288, 10, 50, 0, 0}));
+    EXPECT_EQ(raw.bytes(base, 16), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 'A', 'B', 'C', 'D', 'E', 0, 0, 0}));
+    EXPECT_EQ(raw.u64(record(4, 0)), 0u);
+    ASSERT_EQ(put(std::string(20, '\xEE'), 1001), 1);  // 16 bytes on; no padding
+    EXPECT_EQ(raw.i32(record(4, 2) + 40), 16);
+    EXPECT_EQ(raw.u64(base + 16), 2u);
+    EXPECT_EQ(raw.bytes(base + 24, 20), Bytes(20, 0xEE));
+    // 44 + 8 + 25 + 3 > 64: back to 0; the padding zeroes filler bytes, the tail stays.
+    ASSERT_EQ(put(std::string(25, 'x'), 1002), 1);
+    EXPECT_EQ(raw.i32(record(4, 3) + 40), 0);
+    EXPECT_EQ(raw.u64(base), 3u);
+    EXPECT_EQ(raw.bytes(base + 8, 28), Bytes({'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x',
+                                              'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x', 0, 0, 0}));
+    EXPECT_EQ(raw.bytes(base + 36, 8), Bytes(8, 0xEE));
+    // 36 + 8 + 20 fills the ring exactly: no wrap; slot 0 gets its first frame.
+    ASSERT_EQ(put(std::string(20, 'y'), 1003), 1);
+    EXPECT_EQ(raw.i32(8), 0);
+    EXPECT_EQ(raw.u64(record(4, 0)), 4u);
+    EXPECT_EQ(raw.i32(record(4, 0) + 40), 36);
+    EXPECT_EQ(raw.u64(base + 36), 4u);
+    EXPECT_EQ(raw.bytes(base + 44, 20), Bytes(20, 'y'));
+    // The ring is what dataSize leaves after 52 bytes a slot: 28 + 8 + 29 + 3 is
+    // one word too many for it.
+    ASSERT_EQ(put(std::string(20, 'z'), 1004), 1);
+    ASSERT_EQ(put(std::string(29, 'w'), 1005), 1);
+    EXPECT_EQ(recordOf(4, 1)[10], 0);
+    EXPECT_EQ(recordOf(4, 2)[10], 0);
+}
+
+TEST_F(Jpeg, eachPutOpensItsSlotClosesTheNextAndSafeTimesCountAheadOfTheWriter) {
+    start(4, 16, 256);
+    std::vector<int> expected{1, 1, 1, 1};
+    for (int k = 1; k <= 9; ++k) {
+        ASSERT_EQ(put("f" + std::to_string(k)), 1);
+        expected[k % 4] = 0;
+        expected[(k + 1) % 4] = 1;
+        EXPECT_EQ(lockValues(KEY, 4), expected) << k;
+        EXPECT_EQ(header(8), k % 4) << k;
+        EXPECT_EQ(recordOf(4, k % 4)[0], k);
+    }
+    EXPECT_EQ(RawSegment(KEY).words(172, 4), (std::vector<int>{0, 0, 100, 200}));  // writer at 1: 0 behind it
+    putter.release();
+
+    JPGPutter larger;
+    create(larger, 7, 16, 512);
+    larger.reset(1, 1, 30, 1);  // 1000 / 30 = 33 ms
+    for (int k = 0; k < 10; ++k) put(larger, "f");
+    EXPECT_EQ(RawSegment(KEY).words(172, 7), (std::vector<int>{132, 165, 0, 0, 33, 66, 99}));
+    larger.release();
+
+    JPGPutter single;  // one slot: rewritten and left open
+    create(single, 1, 16, 64);
+    single.reset(1, 1, 10, 1);
+    EXPECT_EQ(single.nextJPGFrame(0), 0);
+    for (int k = 1; k <= 3; ++k) {
+        ASSERT_EQ(put(single, "one"), 1);
+        EXPECT_EQ(recordOf(1, 0)[0], k);
+        EXPECT_EQ(lockValues(KEY, 1), std::vector<int>{0});
+        EXPECT_EQ(RawSegment(KEY).words(4, 2), (std::vector<int>{16, 0}));
+        EXPECT_EQ(RawSegment(KEY).i32(172), 0);
+    }
+}
+
+TEST_F(Jpeg, frameOfMaxSizeIsTakenAndOneByteMoreIsRefusedWithoutATrace) {
+    start(3, 16, 128);
+    EXPECT_EQ(putter.getMaxFrameSize(), 16);
+    ASSERT_EQ(put(std::string(16, 'm')), 1);
+    const Bytes before = RawSegment(KEY).all();
+    const std::vector<int> locks = lockValues(KEY, 3);
+    EXPECT_EQ(put(std::string(17, 'z')), 0);
+    EXPECT_EQ(RawSegment(KEY).all(), before);
+    EXPECT_EQ(lockValues(KEY, 3), locks);
+    ASSERT_EQ(put("n"), 1);  // counter and write position did not move
+    EXPECT_EQ(recordOf(3, 2)[0], 2);
+    EXPECT_EQ(recordOf(3, 2)[10], 24);
+}
+
+// Ring of 100 bytes. Frames 1-5 (16 bytes with prefix) lie at 0 .. 64; frame 6
+// (40 bytes) starts at 0 and covers the bytes of frames 1, 2 and 3. Where frame
+// 2's prefix was, it carries the words 2, 1: the low word alone would match.
+TEST_F(Jpeg, framesWhoseBytesWereReusedAreSkippedByGetFrameAndTheSearches) {
+    start(6, 64, 100);
+    for (int id = 1; id <= 5; ++id) ASSERT_EQ(put("payload" + std::to_string(id), 100 + id), 1);
+    std::string big(40, '\xAB');
+    big.replace(8, 8, std::string("\x02\0\0\0\x01\0\0\0", 8));
+    ASSERT_EQ(put(big, 106), 1);
+    JPGGetter reader;
+    reader.init(CHANNEL);
+    int safe = 0;
+    EXPECT_EQ(reader.toWorking(safe), 6u);
+    EXPECT_EQ(reader.toNext(safe), 1u);  // no check here
+    reader.getFrame();                   // skips ids 1, 2, 3
+    EXPECT_EQ(reader.getFrameID(), 4u);
+    EXPECT_EQ(text(reader.frame), "payload4");
+    EXPECT_EQ(reader.frame.tv_sec, 104);
+    EXPECT_EQ(reader.toOldestWorking(safe, 0), 4u);  // starts at id 3, which is broken
+    EXPECT_EQ(reader.toOldestWorking(safe, 103, 0), 4u);
+    EXPECT_EQ(reader.toExactWorking(safe, 103), avpool::NOT_FOUND);
+    EXPECT_EQ(reader.toExactWorking(safe, 104), 4u);
+    EXPECT_EQ(reader.toExactWorking(safe, 106), 6u);
+    reader.getFrame();
+    EXPECT_EQ(text(reader.frame), big);
+    EXPECT_EQ(reader.frame.data, reader.getLumQT() - 32 + ring(6) + 8);  // in place, behind the prefix
+}
+
+TEST_F(Jpeg, freshPoolReadsAsAnEmptySlotZero) {
+    create(putter, 3, 16, 64);
+    JPGGetter reader;
+    reader.init(CHANNEL);
+    int safe = -1;
+    EXPECT_EQ(reader.toWorking(safe), 0u);
+    EXPECT_EQ(safe, 0);
+    reader.getFrame();  // a never-written slot counts as intact
+    EXPECT_EQ(reader.getFrameID(), 0u);
+    EXPECT_EQ(reader.frame.frameLength, 0);
+}
+
+TEST_F(Jpeg, secondWriterTakesTheKeyWhileAttachedReadersKeepTheOldPool) {
+    create(putter, 4, 16, 128);
+    putter.reset(640, 480, 10, 1);
+    put("old");
+    const int oldShm = shmIdOf(KEY);
+    JPGGetter early;
+    early.init(CHANNEL);
+    JPGPutter second;
+    create(second, 4, 16, 128);
+    second.reset(320, 240, 10, 1);
+    put(second, "new1");
+    put(second, "new2");
+    EXPECT_NE(shmIdOf(KEY), oldShm);
+    int safe;
+    EXPECT_EQ(early.toWorking(safe), 1u);
+    early.getFrame();
+    EXPECT_EQ(text(early.frame), "old");
+    EXPECT_EQ(early.getWorkingWidth(), 640);
+    JPGGetter late;
+    late.init(CHANNEL);
+    EXPECT_EQ(late.toWorking(safe), 2u);
+    late.getFrame();
+    EXPECT_EQ(text(late.frame), "new2");
+    // The first writer's release concerns only its own, already replaced, pool.
+    const int newShm = shmIdOf(KEY), newSem = semIdOf(KEY);
+    putter.release();
+    EXPECT_EQ(shmIdOf(KEY), newShm);
+    EXPECT_EQ(semIdOf(KEY), newSem);
+    EXPECT_EQ(put(second, "new3"), 1);
+    EXPECT_EQ(late.toWorking(safe), 3u);
+}
