@@ -105,41 +105,36 @@ TEST(WavRead, DataOfUnknownSizeRunsToTheEndInWholeFrames) {
 }
 
 TEST(WavRead, WrongFormatsAndTruncationAreNamed) {
-    std::string text = "hello, this is not audio\n";
-    Bytes textFile(text.begin(), text.end());
-    EXPECT_EQ(wavError(textFile), "not a WAV file: it does not begin with a RIFF/WAVE header");
-    EXPECT_EQ(wavError({}), "not a WAV file: it does not begin with a RIFF/WAVE header");
+    const std::string text = "hello, this is not audio\n";
     Bytes avi = riff({});
     avi[8] = 'A', avi[9] = 'V', avi[10] = 'I', avi[11] = ' ';
-    EXPECT_EQ(wavError(avi), "not a WAV file: it does not begin with a RIFF/WAVE header");
-
-    Bytes data4 = chunk("data", {0, 0, 0, 0});
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(0x55, 2, 44100, 0, 1)), data4})),
-              "compressed WAV (format tag 0x0055) is not supported, only PCM");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 1, 8000, 24)), chunk("data", Bytes(6, 0))})),
-              "24-bit samples are not supported, only 8 or 16 bits");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 1, 800, 16)), data4})),
-              "a sample rate of 800 Hz is not supported, at least 1000");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 0, 8000, 16)), data4})), "the fmt chunk gives no channels");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 2, 8000, 16, 2)), data4})),
-              "the fmt chunk's block size 2 does not match 2 channels of 16 bits");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", Bytes(14, 0)), data4})), "fmt chunk at byte 12 has 14 bytes, fewer than 16");
-    EXPECT_EQ(wavError(riff({data4, chunk("fmt ", fmtBody(1, 1, 8000, 16))})),
-              "the data chunk at byte 12 comes before any fmt chunk");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 1, 8000, 16))})), "no data chunk");
-    EXPECT_EQ(wavError(riff({chunk("LIST", {1, 2})})), "no fmt chunk");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 1, 8000, 16)), chunk("data", {})})),
-              "the data chunk holds no samples");
-    EXPECT_EQ(wavError(riff({chunk("fmt ", fmtBody(1, 1, 8000, 16)), chunk("data", {1, 2, 3})})),
-              "the data chunk's 3 bytes are not a whole number of 2-byte sample frames");
-
-    Bytes whole = riff({chunk("fmt ", fmtBody(1, 1, 8000, 16)), chunk("data", Bytes(100, 7))});
-    Bytes cut(whole.begin(), whole.end() - 1);
-    EXPECT_EQ(wavError(cut), "data chunk at byte 36 is truncated at byte 143");
-    Bytes cutFmt(whole.begin(), whole.begin() + 30);
-    EXPECT_EQ(wavError(cutFmt), "'fmt ' chunk at byte 12 is truncated at byte 30");
-    Bytes cutHead(whole.begin(), whole.begin() + 40);
-    EXPECT_EQ(wavError(cutHead), "chunk header at byte 36 is truncated");
+    const Bytes data4 = chunk("data", {0, 0, 0, 0}), fmt16 = chunk("fmt ", fmtBody(1, 1, 8000, 16));
+    const Bytes whole = riff({fmt16, chunk("data", Bytes(100, 7))});
+    const std::string notWav = "not a WAV file: it does not begin with a RIFF/WAVE header";
+    const std::pair<Bytes, std::string> cases[] = {
+        {Bytes(text.begin(), text.end()), notWav},
+        {{}, notWav},
+        {avi, notWav},
+        {riff({chunk("fmt ", fmtBody(0x55, 2, 44100, 0, 1)), data4}),
+         "compressed WAV (format tag 0x0055) is not supported, only PCM"},
+        {riff({chunk("fmt ", fmtBody(1, 1, 8000, 24)), chunk("data", Bytes(6, 0))}),
+         "24-bit samples are not supported, only 8 or 16 bits"},
+        {riff({chunk("fmt ", fmtBody(1, 1, 800, 16)), data4}), "a sample rate of 800 Hz is not supported, at least 1000"},
+        {riff({chunk("fmt ", fmtBody(1, 0, 8000, 16)), data4}), "the fmt chunk gives no channels"},
+        {riff({chunk("fmt ", fmtBody(1, 2, 8000, 16, 2)), data4}),
+         "the fmt chunk's block size 2 does not match 2 channels of 16 bits"},
+        {riff({chunk("fmt ", Bytes(14, 0)), data4}), "fmt chunk at byte 12 has 14 bytes, fewer than 16"},
+        {riff({data4, fmt16}), "the data chunk at byte 12 comes before any fmt chunk"},
+        {riff({fmt16}), "no data chunk"},
+        {riff({chunk("LIST", {1, 2})}), "no fmt chunk"},
+        {riff({fmt16, chunk("data", {})}), "the data chunk holds no samples"},
+        {riff({fmt16, chunk("data", {1, 2, 3})}),
+         "the data chunk's 3 bytes are not a whole number of 2-byte sample frames"},
+        {Bytes(whole.begin(), whole.end() - 1), "data chunk at byte 36 is truncated at byte 143"},
+        {Bytes(whole.begin(), whole.begin() + 30), "'fmt ' chunk at byte 12 is truncated at byte 30"},
+        {Bytes(whole.begin(), whole.begin() + 40), "chunk header at byte 36 is truncated"},
+    };
+    for (const auto& [file, message] : cases) EXPECT_EQ(wavError(file), message);
 }
 
 TEST(WavHeader, ExactBytesAndUnknownSizes) {

@@ -119,13 +119,8 @@ const Bytes EXAMPLE = {0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5, 0x0
 }  // namespace
 
 TEST(Mpeg4Header, countMinBitsCountsUpToTheHighestSetBit) {
-    EXPECT_EQ(count_min_bits(0), 0);
-    EXPECT_EQ(count_min_bits(1), 1);
-    EXPECT_EQ(count_min_bits(30), 5);
-    EXPECT_EQ(count_min_bits(31), 5);
-    EXPECT_EQ(count_min_bits(32), 6);
-    EXPECT_EQ(count_min_bits(65535), 16);
-    EXPECT_EQ(count_min_bits(0x80000000u), 32);
+    const std::pair<unsigned, int> cases[] = {{0, 0}, {1, 1}, {30, 5}, {31, 5}, {32, 6}, {65535, 16}, {0x80000000u, 32}};
+    for (const auto& [value, bits] : cases) EXPECT_EQ(count_min_bits(value), bits) << value;
 }
 
 TEST(Mpeg4Header, volHeaderOf640x480At30IsTheKnown29Bytes) {
