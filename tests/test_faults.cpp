@@ -52,16 +52,12 @@ using Mp4Faults = Pool<Mp4Kind>;
 TEST_F(JpegFaults, headerThatDescribesNoPoolMakesInitSayPoolNotReadyAndLeavesTheGetterDetached) {
     JpegKind::start(putter);
     put(1);
-    expectNotReady<JPGGetterError, JPGGetter>(JpegKind::KEY, JpegKind::CHANNEL,
-                                              {{0, 0, "frameCount not stored yet"},
-                                               {0, 31, "more slots than a pool has"},
-                                               {0, -1, "negative slot count"},
-                                               {0, 8, "more slots than the tables hold"},
-                                               {28, 9, "prefix size"},
-                                               {160, 0, "safe times on the header"},
-                                               {164, INT32_MAX, "records past the end"},
-                                               {168, 172 + 52 * 6 + 4, "ring moved"}},
-                                              [](JPGGetter& g) { g.getFrameID(); });
+    expectNotReady<JPGGetterError, JPGGetter>(
+        JpegKind::KEY, JpegKind::CHANNEL,
+        {{0, 0, "frameCount not stored yet"}, {0, 31, "more slots than a pool has"}, {0, -1, "negative slot count"},
+         {0, 8, "more slots than the tables hold"}, {28, 9, "prefix size"}, {160, 0, "safe times on the header"},
+         {164, INT32_MAX, "records past the end"}, {168, 172 + 52 * 6 + 4, "ring moved"}},
+        [](JPGGetter& g) { g.getFrameID(); });
     JPGGetter reader;
     reader.init(JpegKind::CHANNEL);
     EXPECT_EQ(reader.getFrameID(), 1u);
@@ -77,15 +73,12 @@ TEST_F(JpegFaults, headerThatDescribesNoPoolMakesInitSayPoolNotReadyAndLeavesThe
 TEST_F(Mp4Faults, headerThatDescribesNoPoolMakesInitSayPoolNotReady) {
     Mp4Kind::start(putter);
     put(1);
-    expectNotReady<MP4GetterError, MP4Getter>(Mp4Kind::KEY, Mp4Kind::CHANNEL,
-                                              {{0, 0, "gopCount not stored yet"},
-                                               {4, 0, "no frames per GOP"},
-                                               {0, 334, "1002 slots"},
-                                               {0, 1431655766, "a product that wraps in 32 bits"},
-                                               {4, -2, "negative frames per GOP"},
-                                               {36, 0, "prefix size"},
-                                               {48, -52, "ring before the segment"}},
-                                              [](MP4Getter& g) { g.getGopID(); });
+    expectNotReady<MP4GetterError, MP4Getter>(
+        Mp4Kind::KEY, Mp4Kind::CHANNEL,
+        {{0, 0, "gopCount not stored yet"}, {4, 0, "no frames per GOP"}, {0, 334, "1002 slots"},
+         {0, 1431655766, "a product that wraps in 32 bits"}, {4, -2, "negative frames per GOP"},
+         {36, 0, "prefix size"}, {48, -52, "ring before the segment"}},
+        [](MP4Getter& g) { g.getGopID(); });
     MP4Getter reader;
     reader.init(Mp4Kind::CHANNEL);
     int safe = 0;
