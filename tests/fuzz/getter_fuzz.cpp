@@ -146,9 +146,6 @@ private:
 constexpr int FIRST_SECOND = 1000;
 constexpr int MAX_CALLS = 48;
 
-// A second to search for: the pool's own, or anything.
-int second(Input& in) { return in.byte() & 1 ? FIRST_SECOND + in.byte() % 8 : in.value(FIRST_SECOND, 0); }
-
 // Loads a fresh image with words rewritten near `near`, attaches a Getter and makes
 // up to MAX_CALLS calls (op: one input byte). Error, the kind's own, ends no call.
 template <class Getter, class Error, class Init, class Call>
@@ -168,11 +165,12 @@ void fuzz(Input& in, Segment& segment, int32_t near, Init init, Call call) {
     }
 }
 
-// The ring searches, ops 0 to 5 (a GOP ring's under their own names); false for
-// any other op.
+// The ring searches, ops 0 to 5 (a GOP ring's under their own names), for the
+// pool's own seconds or anything; false for any other op.
 template <class G>
 bool search(Input& in, int op, G& g) {
-    int safe = 0, sec = op >= 2 ? second(in) : 0, usec = op == 3 || op == 5 ? in.value(0, 1000000) : 0;
+    int safe = 0, sec = op < 2 ? 0 : in.byte() & 1 ? FIRST_SECOND + in.byte() % 8 : in.value(FIRST_SECOND, 0);
+    int usec = op == 3 || op == 5 ? in.value(0, 1000000) : 0;
     if constexpr (std::is_same_v<G, MP4Getter>) {
         switch (op) {
             case 0: g.toWorkingGop(safe); break;
