@@ -1,16 +1,13 @@
-// Runs a fuzz target without libFuzzer: seeded random inputs for a bounded
-// number of runs and seconds, or the files given (to replay a reproducer). The
-// getters' own lines on stderr are silenced while it runs; a fault or a hang
-// prints the input that caused it, in hex, before the process dies.
+// Runs a fuzz target without libFuzzer: seeded random inputs for a bounded number
+// of runs and seconds (--runs N --seconds S --seed N). The getters' own lines on
+// stderr are silenced; a fault or a hang prints the input that caused it, in hex,
+// before the process dies.
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <unistd.h>
@@ -21,29 +18,14 @@ extern "C" int avpool_fuzz_report_fd;
 int avpool_fuzz_report_fd = 2;
 
 namespace {
-constexpr int HANG_SECONDS = 10;
 std::vector<uint8_t> input;
-int& reportFd = avpool_fuzz_report_fd;
 
 void report(int sig) {
-    char line[64];
-    int n = snprintf(line, sizeof line, "\nsignal %d on input of %zu bytes:\n", sig, input.size());
-    if (write(reportFd, line, n) < 0) _exit(1);
-    for (uint8_t b : input) {
-        n = snprintf(line, sizeof line, "%02x", b);
-        if (write(reportFd, line, n) < 0) break;
-    }
-    if (write(reportFd, "\n", 1) < 0) _exit(1);
-    signal(sig == SIGALRM ? SIGABRT : sig, SIG_DFL);
+    dprintf(avpool_fuzz_report_fd, "\nsignal %d on input of %zu bytes:\n", sig, input.size());
+    for (uint8_t b : input) dprintf(avpool_fuzz_report_fd, "%02x", b);
+    dprintf(avpool_fuzz_report_fd, "\n");
+    signal(sig == SIGALRM ? SIGABRT : sig, SIG_DFL);  // a hang ends as an abort
     raise(sig == SIGALRM ? SIGABRT : sig);
-}
-
-int run(const std::vector<uint8_t>& bytes) {
-    input = bytes;
-    alarm(HANG_SECONDS);
-    LLVMFuzzerTestOneInput(input.data(), input.size());
-    alarm(0);
-    return 0;
 }
 }  // namespace
 
@@ -51,38 +33,26 @@ int main(int argc, char** argv) {
     long runs = 10000;
     double seconds = 10;
     unsigned seed = 1;
-    std::vector<std::string> files;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i + 1 < argc; i += 2) {
         std::string arg = argv[i];
-        if (arg == "--runs" && i + 1 < argc) runs = atol(argv[++i]);
-        else if (arg == "--seconds" && i + 1 < argc) seconds = atof(argv[++i]);
-        else if (arg == "--seed" && i + 1 < argc) seed = static_cast<unsigned>(atol(argv[++i]));
-        else files.push_back(arg);
+        if (arg == "--runs") runs = atol(argv[i + 1]);
+        if (arg == "--seconds") seconds = atof(argv[i + 1]);
+        if (arg == "--seed") seed = static_cast<unsigned>(atol(argv[i + 1]));
     }
     for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(sig, report);
-
-    if (!files.empty()) {
-        for (const std::string& file : files) {
-            std::ifstream in(file, std::ios::binary);
-            run(std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {}));
-        }
-        printf("replayed %zu inputs\n", files.size());
-        return 0;
-    }
-
-    reportFd = dup(2);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, 2);
+    avpool_fuzz_report_fd = dup(2);
+    dup2(open("/dev/null", O_WRONLY), 2);
     std::mt19937 random(seed);
     auto start = std::chrono::steady_clock::now();
+    auto took = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
     long done = 0;
-    for (; done < runs; ++done) {
-        if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > seconds) break;
-        std::vector<uint8_t> bytes(random() % 512);
-        for (uint8_t& b : bytes) b = static_cast<uint8_t>(random());
-        run(bytes);
+    for (; done < runs && took() <= seconds; ++done) {
+        input.resize(random() % 512);
+        for (uint8_t& b : input) b = static_cast<uint8_t>(random());
+        alarm(10);
+        LLVMFuzzerTestOneInput(input.data(), input.size());
+        alarm(0);
     }
-    double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    dprintf(reportFd, "%ld random inputs in %.1f s (seed %u), no fault\n", done, took, seed);
+    dprintf(avpool_fuzz_report_fd, "%ld random inputs in %.1f s (seed %u), no fault\n", done, took(), seed);
     return 0;
 }

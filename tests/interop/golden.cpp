@@ -1,24 +1,20 @@
-// avpool_golden: one fixed scenario per pool kind, built from the same source for
-// every machine, so that two builds (x86_64, the armhf device) can be held against
-// each other by the bytes they share. Exit status 0 when everything held; each
-// failure is a line on stderr.
-//
-//   dump DIR   runs the scenario and writes DIR/KIND.dump per kind: the segment's
-//              bytes (byte n + 1 of the file, as cmp counts, is offset n), then a
-//              line per lock set with its values. Two builds must write the same.
-//   serve DIR  runs the scenario, creates DIR/ready, puts one more JPEG frame once a
-//              reader waits for it, and keeps the pools until DIR/done (50 s at most).
-//   read       reads served pools through the getters, checks every element against
-//              the scenario, then waits in waitReady for that extra JPEG frame.
+// avpool_golden: one fixed scenario per pool kind, from the same source on every
+// machine, so that two builds (x86_64, armhf) can be held against each other.
+//   dump DIR   DIR/KIND.dump per kind: the segment's bytes, then a line per lock set.
+//   serve DIR  creates DIR/ready, puts one more JPEG frame once a reader waits for
+//              it, and keeps the pools until DIR/done (50 s at most).
+//   read       checks every element of served pools through the getters, then
+//              waits in waitReady for that extra frame. Each failure: a line on stderr.
 #include <avpool/avpool.h>
+
+#include "ipc_harness.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sstream>
 #include <string>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <type_traits>
 #include <unistd.h>
 #include <vector>
@@ -26,16 +22,13 @@
 namespace {
 
 using Id = unsigned long long;
+namespace harness = avpool::test;
 
 // ---------------------------------------------------------------- the scenario
-//
-// Every element is fixed: sizes, capture times, payloads, reset parameters. Each
-// ring is wrapped at least once, and the scenario passes through the pools' quirks
-// so that the dumps hold them on every machine: the two safe-time forms, PCM's
-// whole 2048 bytes whatever the length, Opus's recorded length above 512, AAC and
-// AMR cut to their field, the 44 kHz count of 44100 Hz, the 0xCC fill where nothing
-// was written, the motion pool's vibration index 5 that lands on a safe time, the
-// active user's crossed arguments and the names cut to 31 and 63 bytes.
+// Every element fixed, each ring wrapped, and the quirks passed through: both
+// safe-time forms, PCM's whole 2048 bytes, Opus's length above 512, AAC and AMR cut
+// to their field, 44100 Hz counted as 44 kHz, the 0xCC fill, vibration index 5 on a
+// safe time, the active user's crossed arguments, names cut to 31 and 63 bytes.
 
 // Payload byte j of element id of a stream: neighbours, elements and streams all differ.
 enum Stream { JPG = 1, MP4, PCM, AAC, AMR, OPUS, LUM, MD, MD_SECOND, LUM_QT, CHROM_QT, SPS, PPS, VOL };
@@ -44,12 +37,7 @@ std::vector<unsigned char> payload(int stream, Id id, int length) {
     for (int j = 0; j < length; ++j) bytes[j] = static_cast<unsigned char>(stream * 71 + id * 31 + j * 7 + (j >> 8));
     return bytes;
 }
-timeval stamp(Id id) {
-    timeval at{};
-    at.tv_sec = static_cast<time_t>(1000 + id / 3);
-    at.tv_usec = static_cast<suseconds_t>(id * 479001 % 1000000);
-    return at;
-}
+timeval stamp(Id id) { return {static_cast<time_t>(1000 + id / 3), static_cast<suseconds_t>(id * 479001 % 1000000)}; }
 
 // JPEG: 14 frames of 100 to 200 bytes (every padding) on 6 slots, the 1800-byte data
 // ring wrapped once with the newest 6 intact; a smaller picture from frame 9 on with
@@ -73,8 +61,7 @@ void putJpg(JPGPutter& putter, Id id) {
 constexpr int MP4_CHANNEL = 2, MP4_GOPS = 3, MP4_FRAMES = 100, MP4_MAX = 400, MP4_RING = 3000, MP4_LAST_GOP = 8;
 int mp4PFrames(int gop) { return 1 + gop % 4; }
 int mp4Offered(int gop, int k) {
-    if (k == 0) return 200 + gop * 53 % 201;
-    return gop == 7 && k == 2 ? 450 : 20 + (gop * 29 + k * 17) % 101;
+    return k == 0 ? 200 + gop * 53 % 201 : gop == 7 && k == 2 ? 450 : 20 + (gop * 29 + k * 17) % 101;
 }
 Id mp4FirstId(int gop) {
     Id id = 1;
@@ -104,24 +91,18 @@ int storedLength(const Audio& a, Id id) {
     return a.stored == Stored::Whole ? a.capacity : a.stored == Stored::AsGiven ? length : std::min(length, a.capacity);
 }
 
-void resetAudio(PCMPutter& p, const Audio& a, int i) { p.reset(a.format[i], a.channels[i], a.rate[i]); }
-void resetAudio(OPUSPutter& p, const Audio& a, int i) { p.reset(a.format[i], a.channels[i], a.rate[i]); }
 template <class P>
-void resetAudio(P& p, const Audio& a, int i) { p.reset(a.format[i], a.channels[i], a.rate[i], a.param[i]); }
-void putAudio(AMRPutter& p, void* data, int length, const timeval& at, Id id) {
-    p.putFragment(data, length, at, static_cast<int>(id * 3));
-}
-template <class P>
-void putAudio(P& p, void* data, int length, const timeval& at, Id) { p.putFragment(data, length, at); }
-
-template <class P>
-void fillAudio(P& putter, const Audio& a) {
-    resetAudio(putter, a, 0);
+void fillAudio(P& p, const Audio& a) {
+    constexpr bool amr = std::is_same_v<P, AMRPutter>, param = amr || std::is_same_v<P, AACPutter>;
     for (Id id = 1; id <= AUDIO_FRAGMENTS; ++id) {
-        if (id == a.switchAt) resetAudio(putter, a, 1);
-        // The whole data area is copied by some kinds, whatever the length.
+        if (int i = id >= a.switchAt; id == 1 || id == a.switchAt) {
+            if constexpr (param) p.reset(a.format[i], a.channels[i], a.rate[i], a.param[i]);
+            else p.reset(a.format[i], a.channels[i], a.rate[i]);
+        }
+        // Some kinds copy the whole data area, whatever the length.
         auto bytes = payload(a.stream, id, std::max(audioLength(a, id), a.capacity));
-        putAudio(putter, bytes.data(), audioLength(a, id), stamp(id), id);
+        if constexpr (amr) p.putFragment(bytes.data(), audioLength(a, id), stamp(id), static_cast<int>(id * 3));
+        else p.putFragment(bytes.data(), audioLength(a, id), stamp(id));
     }
 }
 
@@ -135,10 +116,7 @@ struct Analysis {
 };
 const Analysis LUM_ANALYSIS{"lum", LUM, 1, LUM_FRAME_COUNT, 9, 8, {80, 32}, {64, 20}, {15, 25}};
 const Analysis MD_ANALYSIS{"md", MD, 1, MD_FRAME_COUNT, 7, 5, {64, 16}, {48, 12}, {10, 5}};
-int elements(const Analysis& a, Id id) {
-    int i = id >= a.switchAt;
-    return a.width[i] * a.height[i];
-}
+int elements(const Analysis& a, Id id) { return a.width[id >= a.switchAt] * a.height[id >= a.switchAt]; }
 
 template <class P>
 void fillAnalysis(P& putter, const Analysis& a) {
@@ -203,9 +181,7 @@ void publish(InfosPutter& putter, InfosGetter& server) {
     Add_Active_User(info, name);  // the information first
 }
 
-// The set-up lines of the putters' init and of MP4Getter::init (sizes, addresses,
-// "Create PCM sem:1") are not this program's output: while a Quiet lives, stdout
-// and stderr go to /dev/null.
+// While a Quiet lives, the init calls' set-up lines go to /dev/null.
 struct Quiet {
     int saved[2] = {dup(1), dup(2)};
     Quiet() {
@@ -216,10 +192,7 @@ struct Quiet {
     }
     ~Quiet() {
         fflush(stdout);
-        for (int fd : {1, 2}) {
-            dup2(saved[fd - 1], fd);
-            close(saved[fd - 1]);
-        }
+        for (int fd : {1, 2}) dup2(saved[fd - 1], fd), close(saved[fd - 1]);
     }
 };
 
@@ -307,36 +280,21 @@ const Placement PLACES[] = {
     {"infos", INFOS_KEY, {INFOS_KEY}},
 };
 
-std::vector<unsigned char> segmentBytes(key_t key) {
-    int id = shmget(key, 0, 0400);
-    shmid_ds status;
-    if (id == -1 || shmctl(id, IPC_STAT, &status) == -1) return {};
-    void* at = shmat(id, nullptr, SHM_RDONLY);
-    if (at == reinterpret_cast<void*>(-1)) return {};
-    std::vector<unsigned char> bytes(static_cast<unsigned char*>(at), static_cast<unsigned char*>(at) + status.shm_segsz);
-    shmdt(at);
-    return bytes;
-}
-
-// A set's values, by GETVAL until the index passes the end of the set.
-std::string lockValues(key_t key) {
-    int id = semget(key, 0, 0400);
-    std::string values = id == -1 ? " missing" : "";
-    for (int i = 0, v; id != -1 && (v = semctl(id, i, GETVAL)) != -1; ++i) values += " " + std::to_string(v);
-    return values;
-}
-
 int dump(const std::string& dir) {
     Pools pools;
     for (const Placement& place : PLACES) {
-        std::vector<unsigned char> bytes = segmentBytes(place.segment);
-        // A slat's loginTime is the taker's clock, time(NULL): the one value that
-        // differs from run to run. It is zeroed in every slat, free ones included.
+        harness::RawSegment raw(place.segment);
+        std::vector<unsigned char> bytes = raw.attached() ? raw.all() : std::vector<unsigned char>();
+        // A slat's loginTime is the taker's clock, the one value that differs from
+        // run to run: zeroed in every slat, free ones included.
         if (place.segment == INFOS_KEY && bytes.size() == sizeof(InfoArea))
             for (int s = 0; s < MAX_USER_SLATS; ++s)
                 memset(&bytes[offsetof(InfoArea, slats) + s * sizeof(UserSlat) + offsetof(UserSlat, loginTime)], 0, 4);
         std::string locks;
-        for (key_t set : place.sets) locks += "\nlocks " + std::to_string(set) + ":" + lockValues(set);
+        for (key_t set : place.sets) {
+            locks += "\nlocks " + std::to_string(set) + ":";
+            for (int v : harness::lockValues(set, harness::semCountAt(set))) locks += " " + std::to_string(v);
+        }
         FILE* out = fopen((dir + "/" + place.name + ".dump").c_str(), "wb");
         if (out == nullptr || bytes.empty()) {
             fprintf(stderr, "FAIL %s: no segment, or no file to write it to\n", place.name);
@@ -351,17 +309,14 @@ int dump(const std::string& dir) {
 
 // ---------------------------------------------------------------- serve
 
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
 int serve(const std::string& dir) {
     Pools pools;
     if (FILE* ready = fopen((dir + "/ready").c_str(), "w")) fclose(ready);
     // The extra frame goes out only once the reader is blocked on its slot, so the
     // wake-up crosses from this process to the other one.
-    int lockSet = semget(JPG_KEY, 0, 0400), slot = (JPG_FRAMES + 1) % JPG_SLOTS;
     bool put = false;
-    for (int waited = 0; waited < 2500 && !exists(dir + "/done"); ++waited) {
-        if (!put && semctl(lockSet, slot, GETZCNT) > 0) {
+    for (int waited = 0; waited < 2500 && access((dir + "/done").c_str(), F_OK) != 0; ++waited) {
+        if (!put && harness::lockWaiters(JPG_KEY, (JPG_FRAMES + 1) % JPG_SLOTS) > 0) {
             putJpg(pools.jpg, JPG_FRAMES + 1);
             put = true;
         }
@@ -375,16 +330,12 @@ int serve(const std::string& dir) {
 
 int checked = 0, failed = 0;
 
-// An element's fields in a row: numbers, and texts in quotes.
-std::string text(const char* s) { return '"' + std::string(s) + '"'; }
-std::string text(const std::string& s) { return text(s.c_str()); }
-template <class T>
-std::enable_if_t<std::is_arithmetic_v<T>, std::string> text(T v) { return std::to_string(v); }
+// An element's fields in a row, each followed by '|'.
 template <class... T>
-std::string values(T... v) {
-    std::string row;
-    ((row += (row.empty() ? "" : " ") + text(v)), ...);
-    return row;
+std::string values(const T&... v) {
+    std::ostringstream row;
+    ((row << v << '|'), ...);
+    return row.str();
 }
 // FNV-1a over bytes, so that a payload is one field (chained for two arrays).
 unsigned digest(const void* data, size_t n, unsigned h = 2166136261u) {
@@ -461,8 +412,10 @@ void readMp4() {
 int streamParamOf(const AACFragment& f) { return f.streamParam; }
 int streamParamOf(const avpool::AudioFragment&) { return 0; }
 
-template <class G>
-void readAudio(G& getter, const Audio& a) {
+template <class G, class Init>
+void readAudio(const Audio& a, Init init) {
+    G getter;
+    init(getter);
     int last = a.switchAt <= AUDIO_FRAGMENTS, safe;
     expect(std::string(a.name) + " header", "format, channels, rate, newest fragment",
            values(a.format[last], a.channels[last], a.rate[last], AUDIO_FRAGMENTS),
@@ -546,15 +499,9 @@ int readAll() {
     JPGGetter jpg;
     readJpg(jpg);
     readMp4();
-    PCMGetter pcm;
-    pcm.init();
-    readAudio(pcm, PCM_AUDIO);
-    AACGetter aac;
-    aac.init(AAC_CHANNEL);
-    readAudio(aac, AAC_AUDIO);
-    OPUSGetter opus;
-    opus.init();
-    readAudio(opus, OPUS_AUDIO);
+    readAudio<PCMGetter>(PCM_AUDIO, [](PCMGetter& g) { g.init(); });
+    readAudio<AACGetter>(AAC_AUDIO, [](AACGetter& g) { g.init(AAC_CHANNEL); });
+    readAudio<OPUSGetter>(OPUS_AUDIO, [](OPUSGetter& g) { g.init(); });
     LUMGetter lum;
     readAnalysis(lum, LUM_ANALYSIS);
     MDGetter md;

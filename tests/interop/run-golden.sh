@@ -1,16 +1,11 @@
 #!/bin/sh
-# Holds two builds of avpool_golden against each other (e.g. x86_64 and armhf), in
-# one private IPC namespace:
-#
-#   tests/interop/run-golden.sh FIRST_BUILD_DIR SECOND_BUILD_DIR
-#
-# 1. each build dumps the golden scenario; the dumps must be identical, kind by kind;
-# 2. the first build serves the scenario's pools and the second reads them, ending
-#    blocked in waitReady until the first puts a frame; then the other way round.
-# Given one build twice, it dumps twice and reads its own pools. ARM programs run
-# through qemu-arm (AVPOOL_QEMU_ARM) with the libraries of AVPOOL_ARMHF_ROOT
-# (default /usr/arm-linux-gnueabihf) unless this machine is ARM; every process
-# under `timeout 60`. Ends with "interop: N passed, M failed".
+# Holds two builds of avpool_golden against each other (e.g. x86_64 and armhf) in one
+# private IPC namespace:   tests/interop/run-golden.sh FIRST_BUILD_DIR SECOND_BUILD_DIR
+# Each build dumps the scenario (the dumps must be identical, kind by kind); then the
+# first serves its pools and the second reads them, ending blocked in waitReady until
+# the first puts a frame, and the other way round (one build given twice: reads its
+# own). ARM programs run through qemu-arm (AVPOOL_QEMU_ARM, libraries from
+# AVPOOL_ARMHF_ROOT) on other machines; every process under `timeout 60`.
 set -u
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -28,9 +23,7 @@ failed=0
 
 arch_of() {  # the ELF machine field, bytes 18-19
     case "$(od -An -tx1 -j18 -N2 "$1" 2>/dev/null | tr -d ' \n')" in
-        2800) echo armhf ;;
-        3e00) echo x86_64 ;;
-        *) echo other ;;
+        2800) echo armhf ;; 3e00) echo x86_64 ;; *) echo other ;;
     esac
 }
 
@@ -43,13 +36,10 @@ run() {  # program, arguments...: under timeout, an ARM one through qemu-arm
 
 report() {  # status, title, files to show on failure...
     if [ "$1" -eq 0 ]; then
-        echo "PASS $2"
-        passed=$((passed + 1))
+        echo "PASS $2" && passed=$((passed + 1))
     else
-        echo "FAIL $2"
-        shift 2
-        cat "$@" | sed 's/^/    /'
-        failed=$((failed + 1))
+        echo "FAIL $2" && failed=$((failed + 1))
+        shift 2 && sed 's/^/    /' "$@"
     fi
 }
 
@@ -58,9 +48,8 @@ run "$first" dump "$work/1" >"$work/dump.out" 2>&1 && run "$second" dump "$work/
 report $? "dumps by $(arch_of "$first") and by $(arch_of "$second")" "$work/dump.out"
 for dump in "$work"/1/*.dump; do
     [ -e "$dump" ] || continue
-    kind=$(basename "$dump" .dump)
-    cmp "$dump" "$work/2/$kind.dump" >"$work/cmp.out" 2>&1
-    report $? "$kind: the same bytes and lock values" "$work/cmp.out"
+    cmp "$dump" "$work/2/${dump##*/}" >"$work/cmp.out" 2>&1
+    report $? "${dump##*/}: the same bytes and lock values" "$work/cmp.out"
 done
 
 pair() {  # writer, reader
@@ -69,10 +58,7 @@ pair() {  # writer, reader
     echo "the writer never got ready" >"$dir/reader.out"
     run "$1" serve "$dir" >"$dir/writer.out" 2>&1 &
     tenths=0
-    while [ ! -e "$dir/ready" ] && [ $tenths -lt 600 ] && kill -0 $! 2>/dev/null; do
-        sleep 0.1
-        tenths=$((tenths + 1))
-    done
+    while [ ! -e "$dir/ready" ] && [ $((tenths += 1)) -le 600 ] && kill -0 $! 2>/dev/null; do sleep 0.1; done
     [ -e "$dir/ready" ] && run "$2" read >"$dir/reader.out" 2>&1
     status=$?
     touch "$dir/done"

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <stdexcept>
 #include <thread>
 
@@ -23,35 +22,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int msLeft(Clock::time_point deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
-
 void writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        data += n;
-        size -= static_cast<size_t>(n);
+    for (ssize_t n = 0; size > 0; data += n, size -= static_cast<size_t>(n)) {
+        if ((n = ::write(fd, data, size)) < 0 && errno == EINTR) n = 0;
+        else if (n <= 0) return;
     }
 }
 
 void removeKey(key_t key) {
-    int shm = shmget(key, 0, 0);
-    if (shm != -1) shmctl(shm, IPC_RMID, nullptr);
-    int sem = semget(key, 0, 0);
-    if (sem != -1) semctl(sem, 0, IPC_RMID);
+    shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);  // an id of -1 fails harmlessly
+    semctl(semget(key, 0, 0), 0, IPC_RMID);
 }
 
 int signalReportFd = -1;
-
-void sayOnSignal(int) {
-    static const char line[] = "signal\n";
-    ssize_t ignored = ::write(signalReportFd, line, sizeof line - 1);
-    (void)ignored;
-}
+void sayOnSignal(int) { (void)!::write(signalReportFd, "signal\n", 7); }
 
 }  // namespace
 
@@ -67,11 +51,10 @@ void ChildLink::say(const std::string& line) const {
 
 bool ChildLink::awaitGo() const {
     char byte;
-    for (;;) {
-        ssize_t n = ::read(fromParent_, &byte, 1);
-        if (n < 0 && errno == EINTR) continue;
-        return n == 1;
+    ssize_t n;
+    while ((n = ::read(fromParent_, &byte, 1)) < 0 && errno == EINTR) {
     }
+    return n == 1;
 }
 
 void ChildLink::reportSignal(int sig) const {
@@ -92,15 +75,13 @@ ForkedChild::ForkedChild(std::function<int(ChildLink&)> body) {
         close(up[0]);
         close(down[1]);
         ChildLink link(up[1], down[0]);
-        int code = 0;
+        int code = 99;
         try {
             code = body(link);
         } catch (const std::exception& e) {
             link.say(std::string("threw: ") + e.what());
-            code = 99;
         } catch (...) {
             link.say("threw: unknown");
-            code = 99;
         }
         fflush(nullptr);
         _exit(code);
@@ -127,24 +108,22 @@ bool ForkedChild::readLine(std::string& line, int timeoutMs) {
             return true;
         }
         pollfd p{fromChild_, POLLIN, 0};
-        int ready = ::poll(&p, 1, msLeft(deadline));
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        int ready = ::poll(&p, 1, left > 0 ? static_cast<int>(left) : 0);
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) return false;
         char buffer[256];
         ssize_t n = ::read(fromChild_, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        pending_.append(buffer, static_cast<size_t>(n));
+        if (n <= 0 && !(n < 0 && errno == EINTR)) return false;
+        pending_.append(buffer, static_cast<size_t>(n > 0 ? n : 0));
     }
 }
 
 void ForkedChild::go() { writeAll(toChild_, "g", 1); }
 
 bool ForkedChild::running() {
-    if (reaped_) return false;
     siginfo_t info{};  // WNOWAIT looks without reaping, so wait() still gets the status
-    if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return false;
-    return info.si_pid == 0;
+    return !reaped_ && waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 void ForkedChild::signal(int sig) {
@@ -153,17 +132,12 @@ void ForkedChild::signal(int sig) {
 
 ExitStatus ForkedChild::wait(int timeoutMs) {
     if (reaped_) return status_;
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     int raw = 0;
-    while (waitpid(pid_, &raw, WNOHANG) != pid_) {
-        if (Clock::now() >= deadline) {
-            ::kill(pid_, SIGKILL);
-            while (waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
-            }
-            status_.timedOut = true;
-            break;
+    if (!eventually([&] { return waitpid(pid_, &raw, WNOHANG) == pid_; }, timeoutMs)) {
+        ::kill(pid_, SIGKILL);
+        while (waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        status_.timedOut = true;
     }
     reaped_ = true;
     status_.exited = WIFEXITED(raw);
@@ -209,7 +183,6 @@ int32_t RawSegment::i32(size_t offset) const {
 }
 
 uint32_t RawSegment::u32(size_t offset) const { return static_cast<uint32_t>(i32(offset)); }
-
 uint64_t RawSegment::u64(size_t offset) const { return static_cast<uint64_t>(u32(offset + 4)) << 32 | u32(offset); }
 
 std::vector<int> RawSegment::words(size_t offset, size_t count, size_t stride) const {
@@ -248,15 +221,8 @@ int attachmentsOf(key_t key) {
     return shmctl(shmIdOf(key), IPC_STAT, &ds) != 0 ? -1 : static_cast<int>(ds.shm_nattch);
 }
 
-int lockValue(key_t key, int index) {
-    int id = semIdOf(key);
-    return id == -1 ? -1 : semctl(id, index, GETVAL);
-}
-
-int lockWaiters(key_t key, int index) {
-    int id = semIdOf(key);
-    return id == -1 ? -1 : semctl(id, index, GETZCNT);
-}
+int lockValue(key_t key, int index) { return semctl(semIdOf(key), index, GETVAL); }  // -1 when no set
+int lockWaiters(key_t key, int index) { return semctl(semIdOf(key), index, GETZCNT); }
 
 std::vector<int> lockValues(key_t key, int count) {
     std::vector<int> values;
@@ -284,10 +250,7 @@ bool pokeWord(key_t key, size_t offset, int32_t value) {
     return true;
 }
 
-bool setLockValue(key_t key, int index, int value) {
-    int id = semIdOf(key);
-    return id != -1 && semctl(id, index, SETVAL, value) == 0;
-}
+bool setLockValue(key_t key, int index, int value) { return semctl(semIdOf(key), index, SETVAL, value) == 0; }
 
 int faultCycles(int shortDefault) {
     const char* cycles = getenv("AVPOOL_FAULT_CYCLES");
@@ -306,13 +269,11 @@ int ipcObjectsLeft() {
 }
 
 bool adjustWithUndo(key_t key, int index, short delta) {
-    int id = semIdOf(key);
     sembuf op{static_cast<unsigned short>(index), delta, SEM_UNDO};
-    while (id != -1) {
-        if (semop(id, &op, 1) == 0) return true;
-        if (errno != EINTR) return false;
+    int id = semIdOf(key), result;
+    while ((result = semop(id, &op, 1)) != 0 && errno == EINTR) {
     }
-    return false;
+    return result == 0;
 }
 
 void* mapShared(size_t size) {
@@ -325,12 +286,7 @@ void unmapShared(void* address, size_t size) { munmap(address, size); }
 
 IpcKeys::IpcKeys(std::initializer_list<key_t> keys) : keys_(keys) { removeAll(); }
 IpcKeys::~IpcKeys() { removeAll(); }
-
-void IpcKeys::add(key_t key) {
-    keys_.push_back(key);
-    removeKey(key);
-}
-
+void IpcKeys::add(key_t key) { keys_.push_back(key), removeKey(key); }
 void IpcKeys::removeAll() const {
     for (key_t key : keys_) removeKey(key);
 }

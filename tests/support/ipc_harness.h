@@ -1,6 +1,6 @@
-// Test harness for pools in System V IPC: forked children that are always reaped
-// within a deadline, raw read-only views of segments by key, semaphore probes and
-// a guard that removes everything left under the keys a test used.
+// Test harness for pools in System V IPC: forked children reaped within a deadline,
+// raw read-only views of segments by key, semaphore probes, and a guard that
+// removes everything left under the keys a test used.
 #pragma once
 
 #include <sys/ipc.h>
@@ -17,10 +17,10 @@
 
 namespace avpool::test {
 
-// How a child ended. A child that outlived its deadline was killed with SIGKILL.
+// How a child ended; one that outlived its deadline was killed with SIGKILL.
 struct ExitStatus {
     bool timedOut = false, exited = false;
-    int code = -1, signal = 0;  // exit code when exited, terminating signal otherwise
+    int code = -1, signal = 0;
     bool ok() const { return exited && code == 0; }
     std::string describe() const;
 };
@@ -31,8 +31,7 @@ public:
     ChildLink(int toParent, int fromParent) : toParent_(toParent), fromParent_(fromParent) {}
     void say(const std::string& line) const;  // one line to the parent
     bool awaitGo() const;                     // blocks for the parent's go(); false if it went away
-    // A handler for sig, without SA_RESTART, that says "signal" to the parent: the
-    // signal has interrupted whatever the child was blocked in.
+    // A handler for sig, without SA_RESTART, that says "signal" to the parent.
     void reportSignal(int sig) const;
 
 private:
@@ -48,7 +47,6 @@ public:
     ForkedChild(const ForkedChild&) = delete;
     ForkedChild& operator=(const ForkedChild&) = delete;
 
-    pid_t pid() const { return pid_; }
     bool readLine(std::string& line, int timeoutMs = 10000);  // false on deadline or EOF
     void go();
     bool running();  // not reaped by this
@@ -68,12 +66,7 @@ bool eventually(const std::function<bool()>& condition, int timeoutMs = 10000);
 // Runs attempt with the current second until the second did not change meanwhile.
 bool withinOneSecond(const std::function<bool(time_t now)>& attempt);
 
-inline timeval at(int second, int microsecond = 0) {
-    timeval t{};
-    t.tv_sec = second;
-    t.tv_usec = microsecond;
-    return t;
-}
+inline timeval at(int second, int microsecond = 0) { return timeval{second, microsecond}; }
 
 // A segment found by key and attached read-only: the oracle for layout tests,
 // independent of the library's own record types.
@@ -88,9 +81,8 @@ public:
     size_t size() const { return size_; }
     int32_t i32(size_t offset) const;
     uint32_t u32(size_t offset) const;
-    uint64_t u64(size_t offset) const;  // two words, low word first
-    // count words from offset, every stride bytes.
-    std::vector<int> words(size_t offset, size_t count, size_t stride = 4) const;
+    uint64_t u64(size_t offset) const;                                             // low word first
+    std::vector<int> words(size_t offset, size_t count, size_t stride = 4) const;  // every stride bytes
     std::vector<unsigned char> bytes(size_t offset, size_t count) const;
     std::vector<unsigned char> all() const { return bytes(0, size_); }
     const unsigned char* at(size_t offset) const { return base_ + offset; }
@@ -112,8 +104,7 @@ int lockWaiters(key_t key, int index);  // GETZCNT, -1 on failure
 std::vector<int> lockValues(key_t key, int count);
 int plantSemSet(key_t key, int count);                          // a leftover set; its id or -1
 int plantSegment(key_t key, size_t size, unsigned char fill);  // a leftover segment; its id or -1
-// What a stray process does: a word written into the segment, a semaphore set.
-bool pokeWord(key_t key, size_t offset, int32_t value);
+bool pokeWord(key_t key, size_t offset, int32_t value);        // a stray process's write
 bool setLockValue(key_t key, int index, int value);
 // AVPOOL_FAULT_CYCLES when set (the long runs of `./dev faults`), else shortDefault.
 int faultCycles(int shortDefault);
@@ -121,8 +112,8 @@ int ipcObjectsLeft();  // segments plus semaphore sets of this IPC namespace
 // One semop of delta with SEM_UNDO, retried on EINTR; false on failure.
 bool adjustWithUndo(key_t key, int index, short delta);
 
-// A zero-filled trivially copyable T in an anonymous shared mapping, seen alike
-// by a forked child and its parent.
+// A zero-filled trivially copyable T in a shared mapping, seen alike by a forked
+// child and its parent.
 void* mapShared(size_t size);
 void unmapShared(void* address, size_t size);
 template <class T>
@@ -139,8 +130,8 @@ private:
     T* value_;
 };
 
-// Removes every segment and semaphore set under the keys, at construction
-// (leftovers of an earlier run in a shared namespace) and at destruction.
+// Removes every segment and semaphore set under the keys at construction (an
+// earlier run's leftovers) and at destruction.
 class IpcKeys {
 public:
     IpcKeys(std::initializer_list<key_t> keys);
