@@ -40,17 +40,21 @@ struct Classes {
     using Getter = G;
     using PutterError = PE;
     using GetterError = GE;
+    static constexpr const char* MISUSE_LOG = "programming error\n";  // use before init
 };
 
-// The reader's moves under one set of names; the video pool's are by GOP.
+// The reader's moves under one set of names (the video pool's are by GOP); a
+// search without microseconds when usec is -1.
 template <class Getter>
 struct Moves {
     static unsigned long long toWorking(Getter& g, int& s) { return g.toWorking(s); }
     static unsigned long long toNext(Getter& g, int& s) { return g.toNext(s); }
-    static unsigned long long toOldest(Getter& g, int& s, int sec) { return g.toOldestWorking(s, sec); }
-    static unsigned long long toOldest(Getter& g, int& s, int sec, int usec) { return g.toOldestWorking(s, sec, usec); }
-    static unsigned long long toExact(Getter& g, int& s, int sec) { return g.toExactWorking(s, sec); }
-    static unsigned long long toExact(Getter& g, int& s, int sec, int usec) { return g.toExactWorking(s, sec, usec); }
+    static unsigned long long toOldest(Getter& g, int& s, int sec, int usec = -1) {
+        return usec < 0 ? g.toOldestWorking(s, sec) : g.toOldestWorking(s, sec, usec);
+    }
+    static unsigned long long toExact(Getter& g, int& s, int sec, int usec = -1) {
+        return usec < 0 ? g.toExactWorking(s, sec) : g.toExactWorking(s, sec, usec);
+    }
 };
 
 struct JpegKind : Classes<JPGPutter, JPGGetter, JPGPutterError, JPGGetterError>, Moves<JPGGetter> {
@@ -95,8 +99,6 @@ struct JpegKind : Classes<JPGPutter, JPGGetter, JPGPutterError, JPGGetterError>,
                 [&g] { g.toOldestWorking(s, 1, 1); }, [&g] { g.toExactWorking(s, 1); },
                 [&g] { g.toExactWorking(s, 1, 1); },  [&g] { g.getFrameID(); }, [&g] { g.waitReady(); }};
     }
-    static constexpr const char* PUTTER_LOG = "programming error\n";
-    static constexpr const char* GETTER_LOG = "programming error\n";
     // Frames of varied sizes (the ring wraps often), some refused, resets between.
     static void churn(Putter& p, int k, unsigned char* bytes) {
         p.putFrame(bytes, 1 + k * 37 % 64, at(k, k * 7));
@@ -122,28 +124,20 @@ struct Mp4Kind : Classes<MP4Putter, MP4Getter, MP4PutterError, MP4GetterError> {
         init(p);
         p.reset(640, 480, 30);  // 3 frames at 30 fps: 100 ms a GOP
     }
-    // A GOP: its id's I frame and two P frames, the frame number in byte 8.
+    // A GOP: an I frame and two P frames, all of the same bytes.
     static void put(Putter& p, unsigned long long id, timeval t) {
-        for (int k = 0; k < FRAMES; ++k) {
-            Bytes bytes = payload(id, 12);
-            bytes[8] = static_cast<unsigned char>(k);
-            if (k == 0) {
-                p.putIFrame(bytes.data(), 12, t);
-            } else {
-                p.putPFrame(bytes.data(), 12, t);
-            }
-        }
+        Bytes bytes = payload(id, 12);
+        p.putIFrame(bytes.data(), 12, t);
+        for (int k = 1; k < FRAMES; ++k) p.putPFrame(bytes.data(), 12, t);
     }
     static void init(Getter& g) { g.init(CHANNEL); }
     static unsigned long long toWorking(Getter& g, int& s) { return g.toWorkingGop(s); }
     static unsigned long long toNext(Getter& g, int& s) { return g.toNextGop(s); }
-    static unsigned long long toOldest(Getter& g, int& s, int sec) { return g.toOldestWorkingGop(s, sec); }
-    static unsigned long long toOldest(Getter& g, int& s, int sec, int usec) {
-        return g.toOldestWorkingGop(s, sec, usec);
+    static unsigned long long toOldest(Getter& g, int& s, int sec, int usec = -1) {
+        return usec < 0 ? g.toOldestWorkingGop(s, sec) : g.toOldestWorkingGop(s, sec, usec);
     }
-    static unsigned long long toExact(Getter& g, int& s, int sec) { return g.toExactWorkingGop(s, sec); }
-    static unsigned long long toExact(Getter& g, int& s, int sec, int usec) {
-        return g.toExactWorkingGop(s, sec, usec);
+    static unsigned long long toExact(Getter& g, int& s, int sec, int usec = -1) {
+        return usec < 0 ? g.toExactWorkingGop(s, sec) : g.toExactWorkingGop(s, sec, usec);
     }
     static unsigned long long id(Getter& g) { return g.getGopID(); }
     static int lockOf(unsigned long long id) { return static_cast<int>(id % SLOTS) * FRAMES; }
@@ -160,14 +154,9 @@ struct Mp4Kind : Classes<MP4Putter, MP4Getter, MP4PutterError, MP4GetterError> {
                 [&g] { g.getWorkingHeight(); }, [&g] { g.getRealFPS(); }, [&g] { g.probeAge(1); },
                 [&g] { g.waitFrameReady(0); }, [&g] { g.getFrameData(0); }};
     }
-    static constexpr const char* PUTTER_LOG = "programming error\n";
-    static constexpr const char* GETTER_LOG = "programming error\n";
     static void churn(Putter& p, int k, unsigned char* bytes) {
-        if (k % 3 == 0) {
-            p.putIFrame(bytes, 1 + k * 37 % 64, at(k));
-        } else {
-            p.putPFrame(bytes, 1 + k * 37 % 80, at(k));  // cut to the maximum
-        }
+        if (k % 3 == 0) p.putIFrame(bytes, 1 + k * 37 % 64, at(k));
+        else p.putPFrame(bytes, 1 + k * 37 % 80, at(k));  // cut to the maximum
         if (k % 100 == 0) {
             p.putIFrame(bytes, 65, at(k));  // refused, its P frames dropped
             p.reset(320 + k, 240, 10 + k % 20);
@@ -177,24 +166,50 @@ struct Mp4Kind : Classes<MP4Putter, MP4Getter, MP4PutterError, MP4GetterError> {
 };
 
 // The audio kinds: 200 fixed slots of a kind's size behind an 816-byte header.
-template <class P, class G, class PE, class GE, key_t Key, key_t SetKey, size_t Slot, size_t Data, size_t Capacity>
+// Channel is -1 for the kinds with one pool; Extras counts the words a slot keeps
+// after the samples field (the stream parameter, then AMR's fragment parameter).
+template <class P, class G, class PE, class GE, int Channel, key_t Key, key_t SetKey, size_t Slot, size_t Data,
+          size_t Capacity, int Extras>
 struct AudioKind : Classes<P, G, PE, GE>, Moves<G> {
-    using typename Classes<P, G, PE, GE>::Getter;
-    static constexpr int SLOTS = 200, SET_COUNT = 200;
+    static constexpr int SLOTS = 200, SET_COUNT = 200, CHANNEL = Channel, EXTRAS = Extras;
     static constexpr key_t KEY = Key, SET_KEY = SetKey;
     static constexpr size_t SEGMENT = 816 + 200 * Slot, SLOT = Slot, DATA = Data, CAPACITY = Capacity;
     static constexpr bool FRAME_FORM = false, RETRIES_ON_SIGNAL = false, SMALL_SHM_BLOCKS = true,
                           SMALL_SET_BLOCKS = false, INIT_RELEASES = false;
     static std::vector<key_t> keys() { return {KEY, SET_KEY}; }
-    static unsigned long long id(Getter& g) { return g.getFragmentID(); }
+    template <class T>
+    static void init(T& object) {
+        if constexpr (Channel < 0) object.init(); else object.init(Channel);
+    }
+    static void reset(P& p, int format, int channels, int rate, int param) {
+        if constexpr (Extras == 0) p.reset(format, channels, rate); else p.reset(format, channels, rate, param);
+    }
+    static void put(P& p, const void* data, int length, timeval t, int param) {
+        if constexpr (Extras == 2) p.putFragment(const_cast<void*>(data), length, t, param);
+        else p.putFragment(const_cast<void*>(data), length, t);
+    }
+    // Tests drive every kind at 16 bits, mono, 8 kHz.
+    static void start(P& p) {
+        init(p);
+        reset(p, 16, 1, 8000, 42);
+    }
+    static void put(P& p, unsigned long long id, timeval t) {
+        put(p, payload(id, Capacity).data(), static_cast<int>(Capacity), t, static_cast<int>(id % 8));
+    }
+    static void churn(P& p, int k, unsigned char* bytes) {
+        put(p, bytes, 1 + k * 37 % static_cast<int>(2 * Capacity), at(k), k);
+        if (k % 100 == 0) reset(p, k % 200 == 0 ? 8 : 16, 1 + k % 2, 8000 + k, k);
+    }
+    static Calls putterCalls(P& p) { return {[&p] { reset(p, 16, 1, 8000, 0); }, [&p] { p.setSafeTime(); }}; }
+    static unsigned long long id(G& g) { return g.getFragmentID(); }
     static int lockOf(unsigned long long id) { return static_cast<int>(id % SLOTS); }
-    static void wait(Getter& g) { g.waitReady(); }
-    static unsigned long long read(Getter& g) {
+    static void wait(G& g) { g.waitReady(); }
+    static unsigned long long read(G& g) {
         g.getFragment();
         return idIn(g.fragment.data);
     }
-    static int probe(Getter& g, int maxAge) { return g.probeAge(maxAge); }
-    static Calls getterCalls(Getter& g) {
+    static int probe(G& g, int maxAge) { return g.probeAge(maxAge); }
+    static Calls getterCalls(G& g) {
         static int s;
         return {[&g] { g.getWorkingFormat(); }, [&g] { g.getWorkingChannels(); }, [&g] { g.getWorkingRate(); },
                 [&g] { g.getSafeTime(); },      [&g] { g.probeAge(1); },           [&g] { g.getFragment(); },
@@ -202,84 +217,26 @@ struct AudioKind : Classes<P, G, PE, GE>, Moves<G> {
                 [&g] { g.toExactWorking(s, 1); }, [&g] { g.toExactWorking(s, 1, 1); }, [&g] { g.toNext(s); },
                 [&g] { g.getFragmentID(); },    [&g] { g.waitReady(); }};
     }
-    static constexpr const char* PUTTER_LOG = "programming error";
-    static constexpr const char* GETTER_LOG = "programming error";
+    static constexpr const char* MISUSE_LOG = "programming error";  // no newline
 };
-
-struct PcmKind : AudioKind<PCMPutter, PCMGetter, PCMPutterError, PCMGetterError, 18944, 18944, 2096, 44, 2048> {
+// No getter in the library for AMR: its pool is read through the raw layout only.
+struct NoGetter {};
+struct Pcm : AudioKind<PCMPutter, PCMGetter, PCMPutterError, PCMGetterError, -1, 18944, 18944, 2096, 44, 2048, 0> {
     static constexpr const char* NAME = "PCM";
     static constexpr int BITS = 16384, FACTOR = 1, INTERVAL = 128;  // 16 bits mono 8 kHz
-    static void init(Putter& p) { p.init(); }
-    static void init(Getter& g) { g.init(); }
-    static void reset(Putter& p, int format, int channels, int rate, int) { p.reset(format, channels, rate); }
-    static void put(Putter& p, const void* data, int length, timeval t, int) {
-        p.putFragment(const_cast<void*>(data), length, t);
-    }
 };
-struct AacKind : AudioKind<AACPutter, AACGetter, AACPutterError, AACGetterError, 20227, 20272, 560, 48, 512> {
+struct Aac : AudioKind<AACPutter, AACGetter, AACPutterError, AACGetterError, 3, 20227, 20272, 560, 48, 512, 1> {
     static constexpr const char* NAME = "AAC";
-    static constexpr int CHANNEL = 3, BITS = 16384, FACTOR = 2, INTERVAL = 256;
-    static constexpr size_t STREAM_PARAM = 44;
-    static void init(Putter& p) { p.init(CHANNEL); }
-    static void init(Getter& g) { g.init(CHANNEL); }
-    static void reset(Putter& p, int format, int channels, int rate, int param) {
-        p.reset(format, channels, rate, param);
-    }
-    static void put(Putter& p, const void* data, int length, timeval t, int) {
-        p.putFragment(const_cast<void*>(data), length, t);
-    }
+    static constexpr int BITS = 16384, FACTOR = 2, INTERVAL = 256;
 };
-// No getter in the library: read through the raw layout only.
-struct NoGetter {};
-struct AmrKind : AudioKind<AMRPutter, NoGetter, AMRPutterError, NoGetter, 20482, 20512, 1080, 52, 1024> {
+struct Amr : AudioKind<AMRPutter, NoGetter, AMRPutterError, NoGetter, 2, 20482, 20512, 1080, 52, 1024, 2> {
     static constexpr const char* NAME = "AMR";
-    static constexpr int CHANNEL = 2, BITS = 16384, FACTOR = 2, INTERVAL = 256;
-    static constexpr size_t STREAM_PARAM = 44, FRAGMENT_PARAM = 48;
-    static void init(Putter& p) { p.init(CHANNEL); }
-    static void reset(Putter& p, int format, int channels, int rate, int param) {
-        p.reset(format, channels, rate, param);
-    }
-    static void put(Putter& p, const void* data, int length, timeval t, int param) {
-        p.putFragment(const_cast<void*>(data), length, t, param);
-    }
+    static constexpr int BITS = 16384, FACTOR = 2, INTERVAL = 256;
 };
-struct OpusKind : AudioKind<OPUSPutter, OPUSGetter, OPUSPutterError, OPUSGetterError, 23040, 23040, 560, 48, 512> {
+struct Opus : AudioKind<OPUSPutter, OPUSGetter, OPUSPutterError, OPUSGetterError, -1, 23040, 23040, 560, 48, 512, 0> {
     static constexpr const char* NAME = "OPUS";
     static constexpr int BITS = 4096, FACTOR = 1, INTERVAL = 32;
-    static void init(Putter& p) { p.init(); }
-    static void init(Getter& g) { g.init(); }
-    static void reset(Putter& p, int format, int channels, int rate, int) { p.reset(format, channels, rate); }
-    static void put(Putter& p, const void* data, int length, timeval t, int) {
-        p.putFragment(const_cast<void*>(data), length, t);
-    }
 };
-
-// What the audio kinds share in how a test drives them: 16 bits, mono, 8 kHz.
-template <class Base>
-struct Audio : Base {
-    using typename Base::Putter;
-    static void start(Putter& p) {
-        Base::init(p);
-        Base::reset(p, 16, 1, 8000, 42);
-    }
-    static void put(Putter& p, unsigned long long id, timeval t) {
-        Bytes bytes = payload(id, Base::CAPACITY);
-        Base::put(p, bytes.data(), static_cast<int>(Base::CAPACITY), t, static_cast<int>(id % 8));
-    }
-    using Base::init;
-    using Base::put;
-    static Calls putterCalls(Putter& p) {
-        return {[&p] { Base::reset(p, 16, 1, 8000, 0); }, [&p] { p.setSafeTime(); }};
-    }
-    static void churn(Putter& p, int k, unsigned char* bytes) {
-        Base::put(p, bytes, 1 + k * 37 % static_cast<int>(2 * Base::CAPACITY), at(k), k);
-        if (k % 100 == 0) Base::reset(p, k % 200 == 0 ? 8 : 16, 1 + k % 2, 8000 + k, k);
-    }
-};
-using Pcm = Audio<PcmKind>;
-using Aac = Audio<AacKind>;
-using Amr = Audio<AmrKind>;
-using Opus = Audio<OpusKind>;
 
 // The analysis kinds: a few fixed records with their arrays inline.
 template <class P, class G, class PE, class GE, key_t Key, int Slots, size_t Size, size_t Record, size_t Element,
@@ -311,8 +268,6 @@ struct AnalysisKind : Classes<P, G, PE, GE> {
                 [&g] { g.toWorking(s); },    [&g] { g.toNext(s); },         [&g] { g.getFrameID(); },
                 [&g] { g.getFrame(); },      [&g] { g.waitReady(); }};
     }
-    static constexpr const char* PUTTER_LOG = "programming error\n";
-    static constexpr const char* GETTER_LOG = "programming error\n";
 };
 struct LumKind : AnalysisKind<LUMPutter, LUMGetter, LUMPutterError, LUMGetterError, 19712, 6, 61624, 10264, 2, 1> {
     static constexpr const char* NAME = "Lum";

@@ -66,10 +66,10 @@ TYPED_TEST(Shared, leftoversAreReplacedOnceOrFailInitAndReleaseRemovesEverything
 TYPED_TEST(Shared, useBeforeInitIsAProgrammingErrorAndAGetterAttachesOnce) {
     using Kind = TypeParam;
     typename Kind::Putter idle;
-    expectProgrammingErrors<typename Kind::PutterError>(Kind::putterCalls(idle), Kind::PUTTER_LOG);
+    expectProgrammingErrors<typename Kind::PutterError>(Kind::putterCalls(idle), Kind::MISUSE_LOG);
     if constexpr (readable<Kind>) {
         typename Kind::Getter getter;
-        expectProgrammingErrors<typename Kind::GetterError>(Kind::getterCalls(getter), Kind::GETTER_LOG);
+        expectProgrammingErrors<typename Kind::GetterError>(Kind::getterCalls(getter), Kind::MISUSE_LOG);
         EXPECT_EQ(failureOf<typename Kind::GetterError>([&] { Kind::init(getter); }),
                   std::make_pair(std::string("shmget failed."), std::string("shmget failed: No such file or directory\n")));
         Kind::start(this->putter);
@@ -81,7 +81,7 @@ TYPED_TEST(Shared, useBeforeInitIsAProgrammingErrorAndAGetterAttachesOnce) {
             EXPECT_EQ(attachmentsOf(Kind::KEY), attached + 1);
             reader.release();
             EXPECT_EQ(attachmentsOf(Kind::KEY), attached);
-            expectProgrammingErrors<typename Kind::GetterError>(Kind::getterCalls(reader), Kind::GETTER_LOG);
+            expectProgrammingErrors<typename Kind::GetterError>(Kind::getterCalls(reader), Kind::MISUSE_LOG);
             Kind::init(reader);
         }
         EXPECT_EQ(attachmentsOf(Kind::KEY), attached);
