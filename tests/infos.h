@@ -1,7 +1,6 @@
-// The information area under test: key 1168 (segment and budget set) cleaned
-// before and after each test, the encoder's InfosPutter, one server's
-// InfosGetter, and the byte offsets of the segment as plain numbers, so that raw
-// reads do not depend on the library's own record types.
+// The information area under test: key 1168 cleaned before and after each test,
+// the encoder, one server, and the segment's byte offsets as plain numbers, so
+// that raw reads do not depend on the library's own record types.
 #pragma once
 
 #include <avpool/infos.h>
@@ -64,15 +63,9 @@ protected:
         auto bytes = avpool::test::RawSegment(KEY).bytes(offset, count);
         return std::string(bytes.begin(), bytes.end());
     }
-    static std::string rawText(size_t offset, size_t width) {
-        std::string field = rawBytes(offset, width);
-        return field.substr(0, field.find('\0'));
-    }
-    static std::string userName(int i) { return rawText(infos_layout::slat(i, infos_layout::USER_NAME), 32); }
-    static std::string userInfo(int i) { return rawText(infos_layout::slat(i, infos_layout::USER_INFO), 64); }
-    static bool slatFree(int i) {
-        return slatField(i, infos_layout::SLAT_ID) == infos_layout::FREE && slatWeight(i) == 0;
-    }
+    static std::string userName(int i) { return rawBytes(infos_layout::slat(i, infos_layout::USER_NAME), 32).c_str(); }
+    static std::string userInfo(int i) { return rawBytes(infos_layout::slat(i, infos_layout::USER_INFO), 64).c_str(); }
+    static bool slatFree(int i) { return slatField(i, infos_layout::SLAT_ID) == infos_layout::FREE && slatWeight(i) == 0; }
     static int slatsTaken() {
         int taken = 0;
         for (int i = 0; i < MAX_USER_SLATS; ++i) taken += slatFree(i) ? 0 : 1;
