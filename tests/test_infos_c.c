@@ -51,13 +51,21 @@ int main(void) {
     CHECK(strcmp((const char*)area + SLATS + 8, "second argument") == 0);  /* userName */
     CHECK(strcmp((const char*)area + SLATS + 40, "first argument") == 0);  /* userInfo */
     CHECK(word(area, SLATS + 4) == 4 && word(area, WEIGHTS) == 1 && word(area, 8) == 1);  /* type, weight, total */
-    CHECK(Get_Active_User_Table(table, sizeof table) == 1);
-    CHECK(memcmp(table, area + SLATS, SLAT) == 0);
-    CHECK(Add_Active_User(info, name) == 1);
+    for (i = 1; i < 5; ++i) CHECK(Add_Active_User(info, name) == i);
     CHECK(Delete_Active_User(0) == 0 && Delete_Active_User(0) == 0 && Delete_Active_User(12) == 0);
     CHECK(Delete_Active_User(-1) == 1);
-    CHECK(word(area, 8) == 1 && word(area, SLATS) == FREE && word(area, WEIGHTS) == 0);  /* slat 0's weight off once */
-    CHECK(Get_Active_User_Table(table, sizeof table) == 1);
+    CHECK(word(area, 8) == 4 && word(area, SLATS) == FREE && word(area, WEIGHTS) == 0);  /* slat 0's weight off once */
+
+    /* Slats 1, 3 and 4 in use (2 has weight 0): whole records packed, as many as fit. */
+    memset(area + WEIGHTS + 8, 0, 4);
+    memset(table, '~', sizeof table);
+    CHECK(Get_Active_User_Table(table, sizeof table - 1) == 2);
+    CHECK(memcmp(table, area + SLATS + SLAT, SLAT) == 0 && memcmp(table + SLAT, area + SLATS + 3 * SLAT, SLAT) == 0);
+    for (i = 2 * SLAT; i < 3 * SLAT && table[i] == '~'; ++i) {
+    }
+    CHECK(i == 3 * SLAT);
+    CHECK(Get_Active_User_Table(table, SLAT - 1) == 0 && Get_Active_User_Table(table, -SLAT) == 0);
+    CHECK(Get_Active_User_Table(NULL, sizeof table) == -1);
 
     shmdt(area);
     removeKey();
