@@ -203,7 +203,8 @@ TEST_F(InfosArea, smallerLeftoverMakesInitFailAfterItsPerrorLine) {
 
 // Every word first holds its own offset (blob sizes it / 32, to fit their field): the puts must change
 // exactly their words, each value read tells where it was read from. Profile -1 passes the signed
-// bounds: its record lies in the slat table.
+// bounds: its record lies in the slat table. IDs whose record lies outside are refused before a byte
+// is written.
 TEST_F(InfosArea, putsAndReadsMeetAtTheAbsoluteOffsetsOfEveryProfileMinusOneIncluded) {
     startServing();
     std::vector<int> image;  // the area, word by word
@@ -221,6 +222,11 @@ TEST_F(InfosArea, putsAndReadsMeetAtTheAbsoluteOffsetsOfEveryProfileMinusOneIncl
         encoder.putSharedMemSize(p, v + 11);
         for (int f = 0; f < 11; ++f) at(p, 4 * f) = v + 1 + f;
     }
+    for (int id : {INT_MIN, -2, 5, INT_MAX})
+        for (const EncoderCall& c : ENCODER_CALLS)
+            if (!c.outside.empty())
+                expectRefused<InfosPutterError>(c.outside + " " + std::to_string(id), [&] { c.call(encoder, id); },
+                                                c.outside);
     EXPECT_EQ(RawSegment(KEY).words(0, SIZE / 4), image);
     for (int p = -1; p < MAX_MEDIA_POOL; ++p) {
         std::vector<int> expected, got(9);
@@ -268,18 +274,6 @@ TEST_F(InfosArea, putMaxConnStoresAtMostTenAndMarksOnlyThoseSlatsFree) {
     EXPECT_EQ(RawSegment(KEY).words(SLATS, 10, SLAT), (std::vector<int>{FREE, FREE, FREE, 0, 0, 0, 0, 0, 0, 0}));
     encoder.putMaxConn(-2);
     EXPECT_EQ(raw(MAX_CONN), -2);
-}
-
-// Refused before a byte is written; -1 passes the signed bounds (see above).
-TEST_F(InfosArea, encoderRefusesProfileIdsWhoseRecordLiesOutsideTheSegment) {
-    start();
-    const std::string before = rawBytes(0, SIZE);
-    for (int id : {INT_MIN, -2, 5, INT_MAX})
-        for (const EncoderCall& c : ENCODER_CALLS)
-            if (!c.outside.empty())
-                expectRefused<InfosPutterError>(c.outside + " " + std::to_string(id), [&] { c.call(encoder, id); },
-                                                c.outside);
-    EXPECT_EQ(rawBytes(0, SIZE), before);
 }
 
 // ------------------------------------------------------------- server reads
@@ -333,20 +327,17 @@ TEST_F(InfosArea, readsAndBudgetRefuseWithTheirOwnTextsAndWriteNothing) {
     EXPECT_EQ(rawBytes(0, SIZE), before);
 }
 
-// The first match over all five profiles, published or not: channel 0 finds the first unused one.
-TEST_F(InfosArea, sharedMemSizeByChannelIsTheFirstMatchOverAllFiveProfiles) {
-    startServing(10, 1);
+// The memory size by channel is the first match over all five profiles, published or not: channel 0
+// finds the first unused one. The SSL weight is 3 up to VGA's pixels, 4 above; the product is 32-bit
+// and wraps as the firmware's does.
+TEST_F(InfosArea, sharedMemSizeByChannelScansAllFiveProfilesAndSslWeightIsThreeUpToVgaPixels) {
+    startServing(10, 3);
     const int channels[] = {2, 7, 5, 7};
     for (int p = 0; p < 4; ++p) encoder.putInfo(p, 2, channels[p], 1);
     for (int p = 0; p < MAX_MEDIA_POOL; ++p) encoder.putSharedMemSize(p, 1000 * (p + 1));
     std::vector<int> found;
     for (int channel : {7, 5, 9, 0}) found.push_back(server.getSharedMemSizebyChannel(channel));
     EXPECT_EQ(found, (std::vector<int>{2000, 3000, -1, 5000}));
-}
-
-// Weight 3 up to VGA's pixels, 4 above; the product is 32-bit and wraps as the firmware's does.
-TEST_F(InfosArea, sslWeightIsThreeUpToVgaPixelsAndFourAbove) {
-    startServing(10, 5);
     EXPECT_EQ(server.getUseSSLWeight(1), 3);  // nothing published: 0 x 0
     const int cases[][3] = {{640, 480, 3},     {641, 480, 4},     {480, 640, 3},     {307201, 1, 4},
                             {1920, 1080, 4},   {65536, 65536, 3}, {65536, 32768, 3}, {65537, 65537, 3},
@@ -359,7 +350,7 @@ TEST_F(InfosArea, sslWeightIsThreeUpToVgaPixelsAndFourAbove) {
 
 // ------------------------------------------------------------------- budget
 
-TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatAndRetConnFreesItOnce) {
+TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatRetConnFreesItOnceAndResetFreesThemAll) {
     startServing();
     const time_t before = time(nullptr);
     EXPECT_EQ(server.takeConn("rtsp-7", "192.0.2.7:554", 6, 2, false), 0);
@@ -385,6 +376,16 @@ TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatAndRetConnFreesItOnce) {
     EXPECT_EQ(raw(TOTAL), 0);
     EXPECT_EQ(server.takeConn("negative", "", 1, -2, false), 0);  // neither weight is checked
     EXPECT_EQ((std::vector<int>{slatWeight(0), raw(TOTAL)}), (std::vector<int>{-2, -2}));
+    // resetAllConnections frees the slats below maxConn and counts the total again.
+    for (int k = 0; k < 7; ++k) server.takeConn("user", "info", 1, k == 6 ? 2 : 1, false);
+    encoder.putMaxConn(5);
+    server.resetAllConnections();
+    EXPECT_EQ((std::vector<int>{slatsTaken(), raw(TOTAL)}), (std::vector<int>{3, 4}));
+    EXPECT_EQ(userName(5), "user");
+    encoder.putMaxConn(10);
+    writeWord(TOTAL, 1);
+    server.resetAllConnections();
+    EXPECT_EQ((std::vector<int>{slatsTaken(), raw(TOTAL)}), (std::vector<int>{0, 0}));
 }
 
 // probeConn keeps one unit in hand: a take that exactly fills the budget fits, a probe for it does not.
@@ -447,19 +448,6 @@ TEST_F(InfosArea, autoReturnGivesBackOnReleaseOrDestructionUnlessAFailedAllocati
     }
     EXPECT_EQ(userName(0) + " " + userName(1), "own stays");  // the destructions afterwards are quiet
     EXPECT_EQ(raw(TOTAL), 1 + 2);
-}
-
-TEST_F(InfosArea, resetAllConnectionsFreesTheSlatsBelowMaxConnAndRecounts) {
-    startServing(10);
-    for (int k = 0; k < 8; ++k) server.takeConn("user", "info", 1, k == 7 ? 2 : 1, false);
-    encoder.putMaxConn(5);
-    server.resetAllConnections();
-    EXPECT_EQ((std::vector<int>{slatsTaken(), raw(TOTAL)}), (std::vector<int>{3, 4}));
-    EXPECT_EQ(userName(5), "user");
-    encoder.putMaxConn(10);
-    writeWord(TOTAL, 1);
-    server.resetAllConnections();
-    EXPECT_EQ((std::vector<int>{slatsTaken(), raw(TOTAL)}), (std::vector<int>{0, 0}));
 }
 
 // ------------------------------------------------------------- active users
