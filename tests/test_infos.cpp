@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <iostream>
 #include <memory>
 
 #include <sys/sem.h>
@@ -675,7 +674,6 @@ TEST_F(InfosContention, killedServersNeverLeaveAHalfWrittenSlatAndTheirUnitsCome
 
     server.init(KEY);
     EXPECT_EQ(server.getCurrentTotalConnections(), 0);
-    std::cout << "budget kills: " << kills << ", checks " << board->checks << std::endl;
     EXPECT_EQ((std::vector<int>{board->torn, board->totalsOff, slatsTaken()}), (std::vector<int>{0, 0, 0}));
     EXPECT_EQ(lockValues(KEY, 12), std::vector<int>({1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_GT(board->checks, 0);
@@ -749,10 +747,8 @@ TEST_F(InfosContention, unitsOfAKilledHolderComeBackWhileSlatsMeantToOutliveItSt
     EXPECT_EQ(lockValue(KEY, HOLDER + 0), 1) << "the kernel takes back the dead holder's unit";
     EXPECT_EQ(raw(TOTAL), 4) << "nothing changes before the budget is used";
     EXPECT_EQ(server.getCurrentTotalConnections(), 1);
-    EXPECT_TRUE(slatFree(0));
-    EXPECT_EQ(lockValue(KEY, HOLDER + 0), 0);
-    EXPECT_EQ(userName(1), "admin");
-    EXPECT_EQ(slatWeight(1), 1);
+    EXPECT_TRUE(slatFree(0) && lockValue(KEY, HOLDER + 0) == 0);
+    EXPECT_EQ(userName(1) + " " + std::to_string(slatWeight(1)), "admin 1");
     // Returned by anyone, a slat no longer counts on its first holder.
     EXPECT_EQ(server.takeConn("next", "", 1, 2, true), 0);
     EXPECT_EQ(lockValue(KEY, HOLDER + 0), 2);
