@@ -1,7 +1,7 @@
 // The device's capability query defined by the program itself: its definition
 // replaces the library's default at link time, and the scale lookup asks it for
-// profile 5 at scales 0 to 10 in order. Built twice, against the shared and the
-// static library.
+// profile 5 at scales 0 to 10 in order, up to the first match. Built twice,
+// against the shared and the static library.
 #include <avpool/jpg.h>
 
 #include <gtest/gtest.h>
@@ -11,12 +11,6 @@
 
 namespace {
 std::vector<std::pair<int, int>> asked;  // (profile, scale) of each call
-
-std::vector<std::pair<int, int>> profileFiveUpTo(int lastScale) {
-    std::vector<std::pair<int, int>> calls;
-    for (int scale = 0; scale <= lastScale; ++scale) calls.emplace_back(5, scale);
-    return calls;
-}
 }  // namespace
 
 // Sizes no default table has; scales 4 and 7 report the same one. The two
@@ -30,25 +24,15 @@ int get_real_capability_by_profile_n_scale(int& width, int& height, int& a, int&
     return 0;
 }
 
-TEST(DeviceCapability, programsOwnDefinitionAnswersTheScaleLookup) {
-    asked.clear();
-    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(1009, 2009), 9);
-    EXPECT_EQ(asked, profileFiveUpTo(9));
-    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(1000, 2000), 0);
-    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(1920, 1080), -1);  // the default table's scale 0
-}
-
-TEST(DeviceCapability, elevenMissesAskEveryScaleOnceAndGiveMinusOne) {
-    asked.clear();
-    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(1011, 2011), -1);
-    EXPECT_EQ(asked, profileFiveUpTo(10));
-    asked.clear();
-    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(333, 222), -1);  // the further results are not compared
-    EXPECT_EQ(asked.size(), 11u);
-}
-
-TEST(DeviceCapability, firstOfTwoScalesWithTheSameSizeWins) {
-    asked.clear();
-    EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(500, 500), 4);
-    EXPECT_EQ(asked, profileFiveUpTo(4));
+// 1920 x 1080 is the default table's scale 0; 333 x 222 are the further results.
+TEST(DeviceCapability, programsOwnDefinitionAnswersTheScaleLookupAndTheFirstOfTwoEqualSizesWins) {
+    const int cases[][4] = {{1009, 2009, 9, 10}, {1000, 2000, 0, 1},  {500, 500, 4, 5},
+                            {1920, 1080, -1, 11}, {1011, 2011, -1, 11}, {333, 222, -1, 11}};
+    for (const auto& c : cases) {
+        asked.clear();
+        EXPECT_EQ(JPGGetter::getScaleByWidthAndHeight(c[0], c[1]), c[2]) << c[0] << " x " << c[1];
+        std::vector<std::pair<int, int>> expected;
+        for (int scale = 0; scale < c[3]; ++scale) expected.emplace_back(5, scale);
+        EXPECT_EQ(asked, expected) << c[0] << " x " << c[1];
+    }
 }
