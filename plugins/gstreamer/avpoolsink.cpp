@@ -75,7 +75,7 @@ static int* geometryField(PoolGeometry& geometry, guint id) {
     }
 }
 
-static void gst_avpool_sink_set_property(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+static void gst_avpool_sink_set_property(GObject* object, guint id, const GValue* value, GParamSpec* property) {
     GstAvpoolSink* self = GST_AVPOOL_SINK(object);
     GST_OBJECT_LOCK(self);
     SinkSettings& settings = self->state->properties;
@@ -84,11 +84,11 @@ static void gst_avpool_sink_set_property(GObject* object, guint id, const GValue
     else if (int* field = geometryField(settings.geometry, id))
         *field = g_value_get_int(value);
     else
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property);
     GST_OBJECT_UNLOCK(self);
 }
 
-static void gst_avpool_sink_get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+static void gst_avpool_sink_get_property(GObject* object, guint id, GValue* value, GParamSpec* property) {
     GstAvpoolSink* self = GST_AVPOOL_SINK(object);
     GST_OBJECT_LOCK(self);
     SinkSettings& settings = self->state->properties;
@@ -97,7 +97,7 @@ static void gst_avpool_sink_get_property(GObject* object, guint id, GValue* valu
     else if (int* field = geometryField(settings.geometry, id))
         g_value_set_int(value, *field);
     else
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property);
     GST_OBJECT_UNLOCK(self);
 }
 

@@ -93,7 +93,7 @@ static void gst_avpool_src_finalize(GObject* object) {
     G_OBJECT_CLASS(gst_avpool_src_parent_class)->finalize(object);
 }
 
-static void gst_avpool_src_set_property(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+static void gst_avpool_src_set_property(GObject* object, guint id, const GValue* value, GParamSpec* property) {
     GstAvpoolSrc* self = GST_AVPOOL_SRC(object);
     GST_OBJECT_LOCK(self);
     Settings& settings = self->state->properties;
@@ -103,12 +103,12 @@ static void gst_avpool_src_set_property(GObject* object, guint id, const GValue*
         case PROP_ZERO_COPY: settings.zeroCopy = g_value_get_boolean(value); break;
         case PROP_MAX_AGE: settings.maxAge = g_value_get_int(value); break;
         case PROP_REATTACH: settings.reattach = g_value_get_boolean(value); break;
-        default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+        default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(self);
 }
 
-static void gst_avpool_src_get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+static void gst_avpool_src_get_property(GObject* object, guint id, GValue* value, GParamSpec* property) {
     GstAvpoolSrc* self = GST_AVPOOL_SRC(object);
     GST_OBJECT_LOCK(self);
     const Settings& settings = self->state->properties;
@@ -118,7 +118,7 @@ static void gst_avpool_src_get_property(GObject* object, guint id, GValue* value
         case PROP_ZERO_COPY: g_value_set_boolean(value, settings.zeroCopy); break;
         case PROP_MAX_AGE: g_value_set_int(value, settings.maxAge); break;
         case PROP_REATTACH: g_value_set_boolean(value, settings.reattach); break;
-        default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+        default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(self);
 }

@@ -103,8 +103,8 @@ const std::vector<const PoolKind*>& poolKinds();
 // The row called name among those with a part in the verb (&PoolKind::stat,
 // &PoolKind::put, ...); otherwise the usage error "<verb>: unknown pool kind
 // 'name' (known: jpg, mp4, ...)" naming those rows.
-template <class Part>
-const PoolKind& findKind(const std::string& name, const char* verb, Part PoolKind::*part) {
+template <class Member>
+const PoolKind& findKind(const std::string& name, const char* verb, Member PoolKind::*part) {
     std::string names;
     for (const PoolKind* kind : poolKinds()) {
         if (kind->*part == nullptr) continue;
