@@ -124,6 +124,15 @@ private:
     std::vector<unsigned char> image_;
 };
 
+// The sets openSets planted, removed when the run ends: the writer's release
+// only removes the sets it made itself.
+struct PlantedSets {
+    std::vector<key_t> keys;
+    ~PlantedSets() {
+        for (key_t key : keys) semctl(semget(key, 0, 0), 0, IPC_RMID);
+    }
+} planted;
+
 // Sets under the kind's keys as large as any header could ask for, every lock
 // open: each wait returns at once and no set is ever missing. The writer's own
 // sets are replaced.
@@ -132,6 +141,7 @@ private:
         int old = semget(firstKey + g, 0, 0);
         if (old != -1) semctl(old, 0, IPC_RMID);
         if (semget(firstKey + g, count, IPC_CREAT | IPC_EXCL | 0600) == -1) fail("cannot plant the lock sets");
+        planted.keys.push_back(firstKey + g);
     }
 }
 
