@@ -11,9 +11,14 @@
 case_name=$1 AVPOOL=$2 AREA=$3
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-serve.XXXXXX") || exit 1
 background=""
+# SIGTERM first, so that the writers and the area remove their pools, then
+# SIGKILL for whatever has not ended within 5 s.
 cleanup() {
-    for pid in $background; do kill -KILL "$pid" 2>/dev/null; done
-    wait 2>/dev/null
+    for pid in $background; do kill -TERM "$pid" 2>/dev/null; done
+    (sleep 5 && kill -KILL $background) >/dev/null 2>&1 &
+    watchdog=$!
+    for pid in $background; do wait "$pid" 2>/dev/null; done
+    kill "$watchdog" 2>/dev/null
     rm -rf "$work"
 }
 trap cleanup EXIT
