@@ -13,6 +13,7 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -155,11 +156,20 @@ bool eventually(const std::function<bool()>& condition, int timeoutMs) {
     }
 }
 
+// The second is read the way the age probe reads it: time() follows the coarse
+// clock and can still show the old second a few milliseconds after the probe's
+// gettimeofday has moved on.
+static time_t preciseSecond() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return now.tv_sec;
+}
+
 bool withinOneSecond(const std::function<bool(time_t now)>& attempt) {
     for (;;) {
-        time_t before = time(nullptr);
-        bool result = attempt(before);
-        if (time(nullptr) == before) return result;
+        const time_t before = preciseSecond();
+        const bool result = attempt(before);
+        if (preciseSecond() == before) return result;
     }
 }
 
