@@ -18,8 +18,8 @@ set -eu
 # gst-rtsp-server (libgstrtspserver-1.0-dev).
 gstreamer_packages="pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev gstreamer1.0-tools
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad"
-native_packages="make cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg python3 $gstreamer_packages"
-cross_packages="make cmake g++-arm-linux-gnueabihf qemu-user googletest"
+native_packages="make ninja-build cmake g++ libgtest-dev googletest libbenchmark-dev ffmpeg python3 $gstreamer_packages"
+cross_packages="make ninja-build cmake g++-arm-linux-gnueabihf qemu-user googletest"
 fuzz_packages="make cmake clang libclang-rt-14-dev"
 
 wanted=""
