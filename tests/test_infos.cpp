@@ -110,14 +110,11 @@ void expectAccessorRefuses(InfosGetter& g, const Accessor& a, int profileID) {
 // Key 1168 cleaned before and after each test, the encoder and one server.
 class InfosArea : public ::testing::Test {
 protected:
-    // The encoder's start: area created, profile count and budget published.
+    // The encoder's start (area created, profile count and budget published), and the server attached.
     void start(int maxConn = 10, int sizeofPools = MAX_MEDIA_POOL) {
         encoder.init(KEY);
         encoder.putSizeofPools(sizeofPools);
         encoder.putMaxConn(maxConn);
-    }
-    void startServing(int maxConn = 10, int sizeofPools = MAX_MEDIA_POOL) {
-        start(maxConn, sizeofPools);
         server.init(KEY);
     }
     // The encoder's view of the segment, for writes the put operations do not make.
@@ -198,7 +195,7 @@ TEST_F(InfosArea, initReplacesAFullSizedLeftoverWithAZeroedAreaAndTheBudgetSetAn
 // bounds: its record lies in the slat table. IDs whose record lies outside are refused before a byte
 // is written.
 TEST_F(InfosArea, putsAndReadsMeetAtTheAbsoluteOffsetsOfEveryProfileMinusOneIncluded) {
-    startServing();
+    start();
     std::vector<int> image;  // the area, word by word
     for (size_t offset = 0; offset < SIZE; offset += 4) image.push_back(static_cast<int>(offset));
     auto at = [&](int p, long field) -> int& { return image[profile(p, field) / 4]; };
@@ -259,7 +256,7 @@ TEST_F(InfosArea, putsAndReadsMeetAtTheAbsoluteOffsetsOfEveryProfileMinusOneIncl
 // or write the line and the slat operations give their "nothing done" result.
 TEST_F(InfosArea, readsAndBudgetRefuseWithTheirOwnTextsAndWriteNothing) {
     EXPECT_EQ(failureOf<InfosGetterError>([&] { server.init(KEY); }), (Failure{"shmget failed.", NO_AREA}));
-    startServing(10, 2);
+    start(10, 2);
     writeWord(profile(2, SPS_SIZE), 17);
     const std::string before = rawBytes(0, SIZE);
     for (size_t i = 0; i < PROFILE_READS; ++i)
@@ -299,7 +296,7 @@ TEST_F(InfosArea, readsAndBudgetRefuseWithTheirOwnTextsAndWriteNothing) {
 // finds the first unused one. The SSL weight is 3 up to VGA's pixels, 4 above; the product is 32-bit
 // and wraps as the firmware's does.
 TEST_F(InfosArea, sharedMemSizeByChannelScansAllFiveProfilesAndSslWeightIsThreeUpToVgaPixels) {
-    startServing(10, 3);
+    start(10, 3);
     const int channels[] = {2, 7, 5, 7};
     for (int p = 0; p < 4; ++p) encoder.putInfo(p, 2, channels[p], 1);
     for (int p = 0; p < MAX_MEDIA_POOL; ++p) encoder.putSharedMemSize(p, 1000 * (p + 1));
@@ -319,7 +316,7 @@ TEST_F(InfosArea, sharedMemSizeByChannelScansAllFiveProfilesAndSslWeightIsThreeU
 // ------------------------------------------------------------------- budget
 
 TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatRetConnFreesItOnceAndResetFreesThemAll) {
-    startServing();
+    start();
     const time_t before = time(nullptr);
     EXPECT_EQ(server.takeConn("rtsp-7", "192.0.2.7:554", 6, 2, false), 0);
     const int32_t login = slatField(0, LOGIN_TIME);
@@ -356,7 +353,7 @@ TEST_F(InfosArea, takeConnFillsTheFirstFreeSlatRetConnFreesItOnceAndResetFreesTh
 
 // probeConn keeps one unit in hand: a take that exactly fills the budget fits, a probe for it does not.
 TEST_F(InfosArea, budgetRefusalsChangeNothingAndProbeIsStrict) {
-    startServing(10);
+    start(10);
     auto refused = [&](int weight, const std::string& text) {
         const std::string area = rawBytes(0, SIZE);
         EXPECT_EQ(failureOf<InfosGetterError>([&] { server.takeConn("x", "y", 1, weight, true); }).first, text);
@@ -374,13 +371,16 @@ TEST_F(InfosArea, budgetRefusalsChangeNothingAndProbeIsStrict) {
     encoder.putMaxConn(4);
     for (int k = 0; k < 4; ++k) EXPECT_EQ(server.takeConn("zero", "weight", 1, 0, false), k);
     refused(0, "slat alloc fail.");
-    EXPECT_EQ(raw(TOTAL), 0);
+    std::string err;
+    char info[] = "i", name[] = "n";
+    captureOutput([&] { EXPECT_EQ(Add_Active_User(info, name), -1); }, err);
+    EXPECT_EQ(err + std::to_string(raw(TOTAL)), "Add_Active_User failed: slat alloc fail.\n0");
 }
 
 // Automatic return gives the slat back once, on release or destruction; a failed allocation overwrites
 // the getter's own slat with -1 ("no more slat." keeps it); release(s) gives back s, not its own.
 TEST_F(InfosArea, autoReturnGivesBackOnReleaseOrDestructionUnlessAFailedAllocationForgotIt) {
-    startServing(2);
+    start(2);
     {
         InfosGetter forgetful, holder;
         forgetful.init(KEY);
@@ -410,7 +410,7 @@ TEST_F(InfosArea, autoReturnGivesBackOnReleaseOrDestructionUnlessAFailedAllocati
 // The slat operations leave the budget to their callers. Texts are cut to 31 and 63 bytes, a field's
 // last byte is never written, a shorter text is padded with NULs and a missing one changes nothing.
 TEST_F(InfosArea, slatOperationsLeaveTheBudgetAloneAndBoundTheTextsTheyWrite) {
-    startServing(3);
+    start(3);
     const std::string longName(40, 'n'), longInfo(80, 'i');
     EXPECT_EQ(server.allocUserSlat(longName.c_str(), longInfo.c_str(), 2, 9), 0);
     EXPECT_EQ(rawBytes(slat(0, USER_NAME), 96), std::string(31, 'n') + '\0' + std::string(63, 'i') + '\0');
@@ -445,7 +445,7 @@ TEST_F(InfosArea, slatOperationsLeaveTheBudgetAloneAndBoundTheTextsTheyWrite) {
     EXPECT_EQ(rawBytes(0, SIZE), before);
 }
 
-// Without an area the perror line, then the function's own line; a refused slat gives its own line too.
+// Without an area the perror line, then the function's own line (a refused slat's: with the budget).
 TEST_F(InfosArea, activeUserFunctionsWriteThePerrorLineAndTheirOwnLineOnFailure) {
     char info[] = "i", name[] = "n", buffer[USER_SLAT_SIZE];
     const std::tuple<std::function<int()>, std::string, int> calls[] = {
@@ -459,12 +459,6 @@ TEST_F(InfosArea, activeUserFunctionsWriteThePerrorLineAndTheirOwnLineOnFailure)
         EXPECT_EQ(std::to_string(result) + " " + err,
                   std::to_string(failed) + " " + NO_AREA + text + " failed: shmget failed.\n");
     }
-    startServing(2);
-    server.takeConn("weightless", "", 1, 0, false);
-    server.takeConn("weightless", "", 1, 0, false);
-    captureOutput([&] { result = Add_Active_User(info, name); }, err);
-    EXPECT_EQ(std::to_string(result) + " " + err, "-1 Add_Active_User failed: slat alloc fail.\n");
-    EXPECT_EQ(raw(TOTAL), 0);
 }
 
 // ----------------------------------------------------------------- snapshot
@@ -610,14 +604,13 @@ TEST_F(InfosArea, killedServersNeverLeaveAHalfWrittenSlatAndTheirUnitsComeBack) 
     const ExitStatus checked = checker.wait();
     EXPECT_EQ(checked.signal, SIGKILL) << "the checker saw a half-written slat or a miscount: " << checked.describe();
     ASSERT_EQ(lockValue(KEY, 0), 1) << "a killed server left the lock held";
-    server.init(KEY);
     EXPECT_EQ((std::vector<int>{server.getCurrentTotalConnections(), slatsTaken()}), (std::vector<int>{0, 0}));
     EXPECT_EQ(lockValues(KEY, 12), std::vector<int>({1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 // Servers whose area's lock went away, before or after they attached, work without it.
 TEST_F(InfosArea, serversRunUnlockedWhenTheAreaHasNoLock) {
-    startServing(10);
+    start(10);
     ASSERT_EQ(semctl(semIdOf(KEY), 0, IPC_RMID), 0);
     ForkedChild servers([this](ChildLink& link) {
         InfosGetter late;
@@ -638,7 +631,7 @@ TEST_F(InfosArea, serversRunUnlockedWhenTheAreaHasNoLock) {
 // return comes back at the next use of the budget after its process is killed; one taken without (an active
 // user) is meant to outlive its taker and stays.
 TEST_F(InfosArea, nextLockHolderFreesWhatKilledProcessesLeftButNotSlatsMeantToOutliveThem) {
-    startServing(10);
+    start(10);
     ASSERT_EQ(server.takeConn("kept", "", 1, 2, false), 0);
     ForkedChild dying([this](ChildLink&) {
         if (!adjustWithUndo(KEY, 0, -1) || !setLockValue(KEY, JOURNAL, 1 + 3)) return 2;
