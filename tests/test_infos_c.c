@@ -1,7 +1,6 @@
-/* The active-user functions called from C: the header compiles as C and the
- * three functions link and work. The program lays out a fresh area under key
- * 1168 by hand, with no lock set: the functions then run unlocked, as against
- * an older encoder. Their failure lines are checked in test_infos. */
+/* The active-user functions called from C: the header compiles as C and the three functions link and
+ * work. The area under key 1168 is laid out by hand with no lock set, as an older encoder leaves it: the
+ * functions then run unlocked. Their failure lines are checked in test_infos. */
 #include <avpool/infos.h>
 
 #include <stdint.h>
@@ -11,7 +10,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 
-enum { KEY = 1168, AREA = 6552, SLATS = 12, SLAT = 108, WEIGHTS = 1092, FREE = 32767 };
+enum { KEY = 1168, AREA = 6552, TOTAL = 8, SLATS = 12, SLAT = 108, WEIGHTS = 1092, FREE = 32767 };
 
 static int failures = 0;
 #define CHECK(ok) ((ok) ? (void)0 : (void)(fprintf(stderr, "FAILED: %s\n", #ok), ++failures))
@@ -31,39 +30,32 @@ static void removeKey(void) {
 int main(void) {
     char info[] = "first argument", name[] = "second argument", table[3 * SLAT];
     const int32_t maxConn = 10, freeId = FREE;
-    unsigned char* area;
     int id, i;
+    unsigned char* area;
 
     removeKey();
     id = shmget(KEY, AREA, IPC_CREAT | IPC_EXCL | 0600);
     area = id == -1 ? (void*)-1 : shmat(id, NULL, 0);
-    if (area == (void*)-1) {
-        perror("area");
-        removeKey();
-        return 1;
-    }
-    memset(area, 0, AREA);
+    if (area == (void*)-1) return perror("area"), removeKey(), 1;
     memcpy(area + 4, &maxConn, sizeof maxConn);
     for (i = 0; i < maxConn; ++i) memcpy(area + SLATS + SLAT * (size_t)i, &freeId, sizeof freeId);
 
-    CHECK(Add_Active_User(NULL, name) == -1 && Add_Active_User(info, NULL) == -1);  /* nothing taken */
+    CHECK(Add_Active_User(NULL, name) == -1 && Add_Active_User(info, NULL) == -1); /* nothing taken */
     CHECK(Add_Active_User(info, name) == 0);
-    CHECK(strcmp((const char*)area + SLATS + 8, "second argument") == 0);  /* userName */
-    CHECK(strcmp((const char*)area + SLATS + 40, "first argument") == 0);  /* userInfo */
-    CHECK(word(area, SLATS + 4) == 4 && word(area, WEIGHTS) == 1 && word(area, 8) == 1);  /* type, weight, total */
+    /* The second argument is the 32-byte userName, the first the 64-byte userInfo; type 4, weight 1. */
+    CHECK(strcmp((const char*)area + SLATS + 8, name) == 0 && strcmp((const char*)area + SLATS + 40, info) == 0);
+    CHECK(word(area, SLATS + 4) == 4 && word(area, WEIGHTS) == 1 && word(area, TOTAL) == 1);
     for (i = 1; i < 5; ++i) CHECK(Add_Active_User(info, name) == i);
     CHECK(Delete_Active_User(0) == 0 && Delete_Active_User(0) == 0 && Delete_Active_User(12) == 0);
     CHECK(Delete_Active_User(-1) == 1);
-    CHECK(word(area, 8) == 4 && word(area, SLATS) == FREE && word(area, WEIGHTS) == 0);  /* slat 0's weight off once */
+    CHECK(word(area, TOTAL) == 4 && word(area, SLATS) == FREE && word(area, WEIGHTS) == 0); /* taken off once */
 
     /* Slats 1, 3 and 4 in use (2 has weight 0): whole records packed, as many as fit. */
     memset(area + WEIGHTS + 8, 0, 4);
     memset(table, '~', sizeof table);
     CHECK(Get_Active_User_Table(table, sizeof table - 1) == 2);
     CHECK(memcmp(table, area + SLATS + SLAT, SLAT) == 0 && memcmp(table + SLAT, area + SLATS + 3 * SLAT, SLAT) == 0);
-    for (i = 2 * SLAT; i < 3 * SLAT && table[i] == '~'; ++i) {
-    }
-    CHECK(i == 3 * SLAT);
+    CHECK(table[2 * SLAT] == '~' && memcmp(table + 2 * SLAT, table + 2 * SLAT + 1, SLAT - 1) == 0);
     CHECK(Get_Active_User_Table(table, SLAT - 1) == 0 && Get_Active_User_Table(table, -SLAT) == 0);
     CHECK(Get_Active_User_Table(NULL, sizeof table) == -1);
 

@@ -1,7 +1,6 @@
-// The device's capability query defined by the program itself: its definition
-// replaces the library's default at link time, and the scale lookup asks it for
-// profile 5 at scales 0 to 10 in order, up to the first match. Built twice,
-// against the shared and the static library.
+// The device's capability query defined by the program itself replaces the library's default at link
+// time (built against the shared and the static library); the scale lookup asks it for profile 5 at
+// scales 0 to 10 in order, up to the first match.
 #include <avpool/jpg.h>
 
 #include <gtest/gtest.h>
@@ -9,18 +8,14 @@
 #include <utility>
 #include <vector>
 
-namespace {
-std::vector<std::pair<int, int>> asked;  // (profile, scale) of each call
-}  // namespace
+static std::vector<std::pair<int, int>> asked;  // (profile, scale) of each call
 
-// Sizes no default table has; scales 4 and 7 report the same one. The two
-// further results are filled with what matches the size asked for least.
+// Sizes no default table has, scales 4 and 7 the same one; the further results are a size asked for below.
 int get_real_capability_by_profile_n_scale(int& width, int& height, int& a, int& b, int profile, int scale) {
     asked.emplace_back(profile, scale);
     width = scale == 4 || scale == 7 ? 500 : 1000 + scale;
     height = scale == 4 || scale == 7 ? 500 : 2000 + scale;
-    a = 333;
-    b = 222;
+    a = 333, b = 222;
     return 0;
 }
 
