@@ -47,7 +47,7 @@ class Harness {
 public:
     explicit Harness(const std::string& description, bool play = true) {
         initGst();
-        harness_ = gst_harness_new_parse(description.c_str());  // and sinks played
+        harness_ = gst_harness_new_parse(description.c_str());  // a sink is played at once
         gst_harness_use_systemclock(harness_);
         bus_ = gst_bus_new();
         gst_element_set_bus(harness_->element, bus_);
@@ -168,7 +168,7 @@ TEST_F(ElementTest, PoolsAndKindsAnElementCannotUseAreErrorsThatNameThem) {
 // Every frame as the writer put it, numbered, stamped with its capture time in running time, with
 // the pool's picture size and rate as caps. When the writer removes its pool and a new one comes,
 // the source waits, says so and goes on with the new frames, DISCONT first; a stop ends its wait.
-TEST_F(ElementTest, FramesComeOutAsWrittenAlsoFromAWriterThatCameBackUntilAStopEndsTheWait) {
+TEST_F(ElementTest, FramesComeOutAsWrittenThenFromTheWriterThatCameBackAndAStopEndsTheWait) {
     auto writer = jpegWriter(5, 30, 3000);
     Harness harness("avpoolsrc kind=jpg channel=5");
     usleep(50000);  // the source is attached and waits for the first frame
