@@ -22,6 +22,7 @@ cleanup() {
     cd / && rm -rf "$work"
 }
 trap cleanup EXIT
+trap 'exit 1' HUP INT PIPE TERM
 
 fail() {
     echo "FAIL [$case_name]: $*" >&2
