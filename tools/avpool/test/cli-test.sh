@@ -1,22 +1,28 @@
 #!/bin/sh
-# The avpool tool as a user runs it: cli-test.sh CASE PATH-TO-AVPOOL, in a private IPC
-# namespace (the pools live under fixed keys). Every wait has a deadline; background
-# processes get a session of their own, so a demo and its consumers go, and are looked for, as one.
+# The avpool tool as a user runs it: cli-test.sh CASE AVPOOL [ENCODER_AREA], in a private IPC namespace.
+# Every wait has a deadline; background processes get a session of their own, so a demo and its
+# consumers go, and are looked for, as one. CASE is usage, demo, roundtrip or serve.
 
 case_name=$1
-AVPOOL=$2
-# A cross-built tool runs through the emulator named here (words split).
-EMULATOR=${AVPOOL_EMULATOR:-}
+AREA=$3
 MEDIA_SCRIPT=$(cd "$(dirname "$0")/../../../tests/media" && pwd)/make-media.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-cli.XXXXXX") || exit 1
 cd "$work" || exit 1
+# avpool on the PATH; a cross-built tool runs through the emulator named in AVPOOL_EMULATOR (words split).
+mkdir bin && printf '#!/bin/sh\nexec %s "%s" "$@"\n' "${AVPOOL_EMULATOR:-}" "$2" >bin/avpool && chmod +x bin/avpool
+PATH=$work/bin:$PATH
 started=""
 
+# SIGTERM first, so that demos, writers and the area remove what they created; SIGKILL after 5 s.
 cleanup() {
-    for p in $started; do kill -KILL "-$p" "$p" 2>/dev/null; done
+    for p in $started; do kill -TERM "-$p" "$p" 2>/dev/null; done
+    (sleep 5; for p in $started; do kill -KILL "-$p" "$p"; done) >/dev/null 2>&1 &
+    for p in $started; do wait "$p" 2>/dev/null; done
+    kill $! 2>/dev/null
     cd / && rm -rf "$work"
 }
 trap cleanup EXIT
+trap 'exit 1' HUP INT PIPE TERM
 
 fail() {
     echo "FAIL [$case_name]: $*" >&2
@@ -26,72 +32,54 @@ fail() {
 
 # run NAME ARGS...: avpool ARGS with a deadline; NAME.out, NAME.err and $rc.
 run() {
-    name=$1
-    shift
-    timeout -k 2 20 $EMULATOR "$AVPOOL" "$@" >"$name.out" 2>"$name.err" </dev/null
-    rc=$?
+    name=$1; shift
+    timeout -k 2 20 avpool "$@" >"$name.out" 2>"$name.err" </dev/null; rc=$?
 }
 
-# start NAME ARGS...: avpool ARGS in the background in a session of its own; $pid.
+# start NAME COMMAND...: COMMAND in the background in a session of its own; its pid in $pid_NAME.
 start() {
-    name=$1
-    shift
-    setsid $EMULATOR "$AVPOOL" "$@" >"$name.out" 2>"$name.err" </dev/null &
-    pid=$!
-    started="$started $pid"
-}
-
-# finish PID: waits at most 20 s for PID to end; $rc is its exit code.
-finish() {
-    n=0
-    while kill -0 "$1" 2>/dev/null; do
-        [ $n -ge 200 ] && fail "process $1 still running after 20 s"
-        sleep 0.1
-        n=$((n + 1))
-    done
-    wait "$1"
-    rc=$?
+    name=$1; shift
+    setsid "$@" >"$name.out" 2>"$name.err" </dev/null &
+    eval "pid_$name=$!"; started="$started $!"
 }
 
 # within SECONDS COMMAND...: runs COMMAND until it succeeds, at most SECONDS.
 within() {
-    n=$(($1 * 10))
-    shift
+    n=$(($1 * 10)); shift
     until "$@"; do
         [ $n -le 0 ] && fail "not within the deadline: $*"
-        sleep 0.1
-        n=$((n - 1))
+        sleep 0.1; n=$((n - 1))
     done
 }
 
+# finish PID: waits at most 20 s for PID to end; $rc is its exit code.
+finish() { within 20 ended "$1"; wait "$1"; rc=$?; }
+ended() { ! kill -0 "$1" 2>/dev/null; }
+# ends_well NAME: the background NAME ends with exit code 0 and nothing on stderr.
+ends_well() { eval finish "\$pid_$1"; [ "$rc" = 0 ] && [ ! -s "$1.err" ] || fail "$1 ended with exit $rc"; }
+
 pool_up() { run poll stat "$@" && [ "$rc" = 0 ]; }
-users_in() { run poll infos && grep -qx "users: $1" poll.out; }
+infos_has() { run infos infos && grep -q "^$1" infos.out; }
 session_gone() { ! ps -o stat= -s "$1" | grep -qv '^Z'; }
-bigger() { [ "$(wc -c <"$1" 2>/dev/null || echo 0)" -ge "$2" ]; }
+# No pool segment or semaphore set is left (one that a process still attaches shows with key 0).
+no_ipc() { [ -z "$(ipcs -m -s | grep '^0x0000')" ] || fail "IPC objects left: $(ipcs -m -s)"; }
 
-# No pool segment or semaphore set is left (a removed segment that a process
-# still attaches shows with key 0).
-no_ipc() {
-    [ -z "$(ipcs -m -s | grep '^0x0000')" ] || fail "IPC objects left: $(ipcs -m -s)"
-}
-
-# expect_table: rows "EXIT|ARGS|STDERR" on stdin. avpool ARGS (split on
-# blanks) must exit EXIT with exactly STDERR on stderr (nothing when empty),
-# and print nothing on stdout when it fails.
+# expect_table: rows "EXIT|ARGS|STDERR[|STDOUT]" on stdin. avpool ARGS (split on blanks) must exit EXIT with
+# exactly STDERR on stderr (nothing when empty), STDOUT on stdout when given, nothing there when it fails.
 expect_table() {
-    while IFS='|' read -r want args err; do
+    while IFS='|' read -r want args err out; do
         [ -n "$want" ] || continue
         set -f; run t $args; set +f
         [ "$rc" = "$want" ] || fail "avpool $args: exit $rc, expected $want"
         [ "$(cat t.err)" = "$err" ] || fail "avpool $args: stderr '$(cat t.err)', expected '$err'"
         [ "$rc" = 0 ] || [ ! -s t.out ] || fail "avpool $args failed and printed on stdout"
+        [ -z "$out" ] || [ "$(cat t.out)" = "$out" ] || fail "avpool $args: stdout '$(cat t.out)'"
     done
 }
 
-# pools_are CREATOR CHANNEL STATE UNITS: `avpool ls --json` lists exactly the
-# pools of a demo on CHANNEL (jpg also CHANNEL + 1) and its information area,
-# each under its key, created by CREATOR, live or stale as STATE says, with
-# the geometry and parameters the demo gives it and UNITS of the budget taken.
+# pools_are CREATOR CHANNEL STATE UNITS: `avpool ls --json` lists exactly the pools of a demo on CHANNEL
+# (jpg also CHANNEL + 1) and its information area, each under its key, created by CREATOR, live or stale
+# as STATE says, with the geometry and parameters the demo gives it and UNITS of the budget taken.
 pools_are() {
     run ls ls --json
     python3 - "$@" >ls.err 2>&1 <<'END' || fail "ls --json: $(cat ls.err)"
@@ -110,27 +98,22 @@ want = {
     ("md", c): (0x4E00 + c, 5, {"width": 64, "height": 48, "fps": 30}),
     ("infos", None): (0x490, 0, {"profiles": 3, "connections": units, "maxConnections": 10}),
 }
-pools = {(p["kind"], p["channel"]): p for p in json.load(open("ls.out"))["pools"]}
-assert pools.keys() == want.keys(), sorted(pools)
-for name, (key, slots, parameters) in want.items():
-    p = pools[name]
-    assert (p["key"], p["slots"], p["parameters"], p["creator"], p["stale"]) == (key, slots, parameters, creator, stale), p
-    assert name[0] == "infos" or p["newest"] > 0, p
+got = {(p["kind"], p["channel"]): (p["key"], p["slots"], p["parameters"], p["creator"], p["stale"],
+                                   p["kind"] == "infos" or p["newest"] > 0) for p in json.load(open("ls.out"))["pools"]}
+assert got == {name: (*row, creator, stale, True) for name, row in want.items()}, got
 END
 }
 
 # media [audio]: makes the test media here, or skips the case without ffmpeg.
 media() {
-    sh "$MEDIA_SCRIPT" . "$@" >media.log 2>&1
-    status=$?
-    [ "$status" = 77 ] && { echo "SKIP [$case_name]: $(cat media.log)"; exit 77; }
-    [ "$status" = 0 ] || fail "make-media.sh $* failed"
+    sh "$MEDIA_SCRIPT" . "$@" >media.log 2>&1 && return
+    [ $? = 77 ] && { echo "SKIP [$case_name]: $(cat media.log)"; exit 77; }
+    fail "make-media.sh $* failed"
 }
 
 case $case_name in
 usage)
-    # Exit codes and the one line on stderr: 2 for a wrong command line, 1 for
-    # work that cannot be done (no pool, no information area, bad input).
+    # Exit codes and the one line on stderr: 2 for a wrong command line, 1 for work that cannot be done.
     echo "not media at all" >notes.txt
     expect_table <<'END'
 2||avpool: no verb given; see 'avpool --help'
@@ -155,44 +138,37 @@ usage)
 2|put pcm 2 notes.txt|avpool: put: there is one pcm pool per machine: CHANNEL must be 0, not 2
 2|get mov 4|avpool: get: unknown pool kind 'mov' (known: jpg, mp4, pcm, aac)
 1|demo --channel 176 --seconds 1|avpool: demo: on channel 176 the aac and opus pools would keep their locks under one key, 0x5a00; choose other channels with --channel
-1|stat jpg 7|avpool: no jpg pool on channel 7 (key 0x4c07)
 1|stat mp4 255|avpool: no mp4 pool on channel 255 (key 0x4bff)
 1|stat pcm|avpool: no pcm pool (key 0x4a00)
-1|infos|avpool: no information area (key 0x490)
 1|infos --key 4242|avpool: no information area (key 0x1092)
-1|users list|avpool: no information area (key 0x490)
 1|snapshot 0 none.jpg|avpool: no information area (key 0x490)
 1|get mp4 4|avpool: get: no mp4 pool on channel 4 (key 0x4b04)
 1|put jpg 0 none.mjpeg|avpool: put: cannot read none.mjpeg: No such file or directory
 1|put pcm 0 notes.txt|avpool: put: notes.txt: not a WAV file: it does not begin with a RIFF/WAVE header
 1|put mp4 0 notes.txt|avpool: put: notes.txt: not an H.264 Annex B stream: it does not begin with a start code
-0|clean|
+0|clean||nothing to clean
+0|ls --json||{"pools": []}
 0|watch --count 1|
 END
     [ -e none.jpg ] && fail "snapshot without an information area created its file"
     [ "$(head -n 1 t.out | cut -d' ' -f1-2)" = "avpool watch" ] || fail "watch printed no block"
-    run c clean
-    [ "$(cat c.out)" = "nothing to clean" ] || fail "clean on an empty host: $(cat c.out)"
-    run j ls --json
-    [ "$(cat j.out)" = '{"pools": []}' ] || fail "ls --json on an empty host: $(cat j.out)"
     # Every verb has its help, listed by the tool's.
     run all --help
     for verb in demo infos snapshot stat users ls watch clean put get; do
-        grep -q "^  $verb " all.out || fail "--help does not list $verb"
         run h "$verb" --help
-        [ "$rc" = 0 ] && [ ! -s h.err ] && head -n 1 h.out | grep -q "^usage: avpool $verb" ||
-            fail "$verb --help: exit $rc, $(head -n 1 h.out)"
+        [ "$rc" = 0 ] && [ ! -s h.err ] && head -n 1 h.out | grep -q "^usage: avpool $verb" &&
+            grep -q "^  $verb " all.out || fail "$verb --help: exit $rc, $(head -n 1 h.out), or not listed"
     done
     run h2 help get
     cmp -s h.out h2.out || fail "'help get' differs from 'get --help'"
     ;;
 
 demo)
-    # A running demo seen through every verb, a second demo beside it, then
-    # SIGINT: a report, nothing left behind.
-    start a demo --seconds 60 --quiet
-    demo=$pid
-    within 15 users_in 6
+    # A running demo seen through every verb, a second demo beside it; then killed with its consumers it
+    # leaves stale pools and slats: the budget heals on its next use, the next demo takes over the fixed
+    # keys, clean removes what it did not take over, and SIGINT ends it with a report and nothing left.
+    start crashed avpool demo --seconds 60 --quiet
+    within 15 infos_has 'users: 6$'
     # stat: values only the segments hold.
     run s stat md 0
     grep -qx 'vibration: *42' s.out || fail "stat md 0 shows no vibration 42"
@@ -215,157 +191,168 @@ demo)
     run u users list
     grep -qE '^ +6 +4 +1 .* alice +door$' u.out || fail "users list shows no alice in slat 6 (type 4, weight 1)"
     expect_table <<END
-0|users add bob x|
-0|users add carol x|
-0|users add dave x|
+0|users add bob x||7
+0|users add carol x||8
+0|users add dave x||9
 1|users add eve x|Add_Active_User failed: no more slat.
 0|users del 6|
 1|users del 6|avpool: users del: slat 6 is not in use
 0|users del 7|
 0|users del 8|
 0|users del 9|
-1|demo --seconds 1|avpool: demo: the jpg pool on channel 0 belongs to running pid $demo; choose other channels with --channel
+1|demo --seconds 1|avpool: demo: the jpg pool on channel 0 belongs to running pid $pid_crashed; choose other channels with --channel
 1|snapshot 2 p2.jpg|avpool: snapshot: profile 2 is not a streaming JPEG profile (state 2, infoParam3 0)
 1|snapshot 3 p3.jpg|avpool: snapshot: profile 3 is not published (sizeofPools 3)
 1|snapshot 0 no/dir.jpg|avpool: snapshot: cannot write no/dir.jpg: No such file or directory
 END
-    # A demo on other channels runs to its end and removes its pools; the
-    # pcm and opus pools and the information area of the first stay its own.
+    # A demo on other channels runs to its end; pcm, opus and the information area stay the first's.
     run b demo --seconds 1 --channel 2 --quiet
     [ "$rc" = 0 ] && grep -qx "result: ok" b.out || fail "demo --channel 2 beside a demo: exit $rc"
-    pools_are "$demo" 0 live 6
-    kill -INT "$demo"
-    finish "$demo"
-    [ "$rc" = 130 ] && grep -qx "result: interrupted by signal 2" a.out || fail "demo ended by SIGINT: exit $rc"
-    session_gone "$demo" || fail "consumers outlived the demo: $(ps -s "$demo")"
-    no_ipc
-    ;;
+    pools_are "$pid_crashed" 0 live 6
 
-crash)
-    # A demo killed with its consumers leaves stale pools and slats; the
-    # budget heals on its next use, clean removes what no demo took over, and
-    # the next demo takes over the fixed keys.
-    start a demo --seconds 60 --quiet
-    crashed=$pid
-    within 15 users_in 6
-    kill -KILL "-$crashed"
-    within 10 session_gone "$crashed"
-    run i infos
-    grep -qx 'currentTotalConnections: 0' i.out || fail "the budget did not heal: $(grep currentTotal i.out)"
-    pools_are "$crashed" 0 stale 0
+    kill -KILL "-$pid_crashed"
+    within 10 session_gone "$pid_crashed"
+    infos_has 'currentTotalConnections: 0$' || fail "the budget did not heal: $(grep currentTotal infos.out)"
+    pools_are "$pid_crashed" 0 stale 0
     expect_table <<END
-1|get jpg 0|avpool: get: the jpg pool on channel 0 is stale: its creator $crashed is gone
+1|get jpg 0|avpool: get: the jpg pool on channel 0 is stale: its creator $pid_crashed is gone
 END
-    start b demo --seconds 60 --channel 2 --quiet
-    demo=$pid
-    within 15 users_in 6
-    run c clean
-    cat >clean.expected <<END
-removed jpg 0: segment 0x4c00 (creator $crashed is gone), semaphore set 0x4c00
-removed jpg 1: segment 0x4c01 (creator $crashed is gone), semaphore set 0x4c01
-removed mp4 0: segment 0x4b00 (creator $crashed is gone), semaphore set 0x4b00
-removed aac 0: segment 0x4f00 (creator $crashed is gone), semaphore set 0x4f00
-removed amr 0: segment 0x5000 (creator $crashed is gone), semaphore set 0x5000
-removed lum 0: segment 0x4d00 (creator $crashed is gone), semaphore set 0x4d00
-removed md 0: segment 0x4e00 (creator $crashed is gone), semaphore set 0x4e00
-END
-    cmp -s c.out clean.expected || fail "clean: $(diff clean.expected c.out)"
-    pools_are "$demo" 2 live 6
-    kill -TERM "$demo"
-    finish "$demo"
-    [ "$rc" = 143 ] && grep -qx "result: interrupted by signal 15" b.out || fail "demo ended by SIGTERM: exit $rc"
+    start demo avpool demo --seconds 60 --channel 2 --quiet
+    within 15 infos_has 'users: 6$'
+    for pool in "jpg 0 4c00" "jpg 1 4c01" "mp4 0 4b00" "aac 0 4f00" "amr 0 5000" "lum 0 4d00" "md 0 4e00"; do
+        set -- $pool
+        echo "removed $1 $2: segment 0x$3 (creator $pid_crashed is gone), semaphore set 0x$3"
+    done >clean.expected
+    run clean clean
+    cmp -s clean.out clean.expected || fail "clean: $(diff clean.expected clean.out)"
+    pools_are "$pid_demo" 2 live 6
+    kill -INT "$pid_demo"
+    finish "$pid_demo"
+    [ "$rc" = 130 ] && grep -qx "result: interrupted by signal 2" demo.out || fail "demo ended by SIGINT: exit $rc"
+    session_gone "$pid_demo" || fail "consumers outlived the demo: $(ps -s "$pid_demo")"
     no_ipc
     ;;
 
-video)
-    # MJPEG and H.264 through the pools and out again byte for byte; put ends
-    # at the end of its file or on SIGINT, get after N frames or when the
-    # pool goes.
+roundtrip)
+    # MJPEG, H.264, AAC and WAV through the pools and out again byte for byte; put ends at the end of its
+    # file or on a signal, get after N frames or when the pool goes. The WAV get writes is ffmpeg's own
+    # (bit-exact) header of the same samples; into a pipe its sizes stay unknown (0xFFFFFFFF).
     media
-    start pj put jpg 3 camera.mjpeg --fps 100 --linger 2000
-    putjpg=$pid
-    within 10 pool_up jpg 3
-    start gj get jpg 3 --since 60 --count 25 -o out.mjpeg
-    getjpg=$pid
-    start pm put mp4 4 camera.h264 --loop --fps 50 --slots 20
-    putmp4=$pid
-    expect_table <<END
-1|put jpg 3 camera.mjpeg|avpool: put: the jpg pool on channel 3 is in use by process $putjpg
-END
-    within 10 pool_up mp4 4
-    start gm get mp4 4 --since 60 -o out.h264
-    getmp4=$pid
-    finish "$getjpg"
-    [ "$rc" = 0 ] && [ ! -s gj.err ] && cmp camera.mjpeg out.mjpeg || fail "get jpg 3 --count 25: exit $rc"
-    finish "$putjpg"
-    [ "$rc" = 0 ] || fail "put jpg ended with $rc"
-    within 10 bigger out.h264 "$(wc -c <camera.h264)"
-    kill -INT "$putmp4"
-    finish "$putmp4"
-    [ "$rc" = 0 ] || fail "put mp4 ended by SIGINT with $rc"
-    finish "$getmp4"
-    [ "$rc" = 0 ] && [ ! -s gm.err ] || fail "get mp4 ended with $rc when its pool went"
-    cmp -n "$(wc -c <camera.h264)" camera.h264 out.h264 || fail "H.264 read back differs"
-    no_ipc
-    ;;
-
-audio)
-    # AAC frame for frame and WAV sample for sample through the pools. The
-    # WAV get writes is ffmpeg's own (bit-exact) header of the same samples;
-    # into a pipe its sizes stay unknown (0xFFFFFFFF).
     media audio
     for f in tone stereo8; do
         ffmpeg -nostdin -v error -i $f.wav -c copy -map_metadata -1 -fflags +bitexact -f wav ref-$f.wav ||
             fail "ffmpeg cannot remux $f.wav"
     done
-    start pa put aac 3 tone.aac --linger 500
-    putaac=$pid
+    start pj avpool put jpg 3 camera.mjpeg --fps 100 --linger 2000
+    within 10 pool_up jpg 3
+    start gj avpool get jpg 3 --since 60 --count 25 -o out.mjpeg
+    start pm avpool put mp4 4 camera.h264 --loop --fps 50 --slots 20
+    start pa avpool put aac 3 tone.aac --linger 500
+    expect_table <<END
+1|put jpg 3 camera.mjpeg|avpool: put: the jpg pool on channel 3 is in use by process $pid_pj
+END
+    within 10 pool_up mp4 4
+    start gm avpool get mp4 4 --since 60 -o out.h264
     within 10 pool_up aac 3
-    start ga get aac 3 --since 60 -o out.aac
-    getaac=$pid
+    start ga avpool get aac 3 --since 60 -o out.aac
+    ends_well gj
+    cmp camera.mjpeg out.mjpeg || fail "MJPEG read back with get --count 25 differs"
+    ends_well pj
+    within 10 cmp -s -n "$(wc -c <camera.h264)" camera.h264 out.h264
+    kill -TERM "$pid_pm"
+    ends_well pm
+    ends_well gm
 
-    start pp put pcm 0 tone.wav --loop
-    putpcm=$pid
+    start pp avpool put pcm 0 tone.wav --loop
     within 10 pool_up pcm
-    start gl get pcm 0 -o live.wav
-    getlive=$pid
+    start gl avpool get pcm 0 -o live.wav
     run g get pcm 0 --since 60 --count 16 -o out.wav
     [ "$rc" = 0 ] && [ ! -s g.err ] && cmp ref-tone.wav out.wav || fail "get pcm 0 --count 16: exit $rc"
     # SIGINT ends a live get with the file's sizes set.
-    kill -INT "$getlive"
-    finish "$getlive"
-    size=$(($(wc -c <live.wav) - 44))
-    sizes=$(od -An -tu4 -w44 -N44 live.wav | awk '{ print $2, $11 }')
-    [ "$rc" = 0 ] && [ ! -s gl.err ] && [ $((size % 2048)) = 0 ] && [ "$sizes" = "$((size + 36)) $size" ] &&
-        cmp -s -i 8:8 -n 32 live.wav ref-tone.wav || fail "get pcm ended by SIGINT: exit $rc, sizes $sizes for $size"
-    kill -INT "$putpcm"
-    finish "$putpcm"
-    [ "$rc" = 0 ] || fail "put pcm --loop ended by SIGINT with $rc"
-
+    kill -INT "$pid_gl"
+    ends_well gl
+    od -An -tu4 -w44 -N44 live.wav | awk -v n="$(wc -c <live.wav)" '{ exit !($2 == n - 8 && $11 == n - 44) }' &&
+        [ $(($(wc -c <live.wav) % 2048)) = 44 ] && cmp -s -i 8:8 -n 32 live.wav ref-tone.wav ||
+        fail "get pcm ended by SIGINT: header $(od -An -tu4 -N44 live.wav)"
+    kill -INT "$pid_pp"
+    ends_well pp
     # 8-bit stereo that ends inside a fragment: completed with silence (0x80).
-    start pp put pcm 0 stereo8.wav --linger 500
-    putpcm=$pid
+    start pp avpool put pcm 0 stereo8.wav --linger 500
     within 10 pool_up pcm
-    { timeout -k 2 20 $EMULATOR "$AVPOOL" get pcm 0 --since 60 --count 11 2>pipe.err </dev/null
-        echo $? >pipe.rc; } | cat >pipe.wav
+    { timeout -k 2 20 avpool get pcm 0 --since 60 --count 11 2>pipe.err </dev/null; echo $? >pipe.rc; } | cat >pipe.wav
     { head -c 4 ref-stereo8.wav; printf '\377\377\377\377'; tail -c +9 ref-stereo8.wav | head -c 32
         printf '\377\377\377\377'; tail -c +45 ref-stereo8.wav; head -c 478 /dev/zero | tr '\0' '\200'; } >pipe.expected
     [ "$(cat pipe.rc)" = 0 ] && [ ! -s pipe.err ] && cmp pipe.expected pipe.wav || fail "get pcm into a pipe"
-    finish "$putpcm"
-    [ "$rc" = 0 ] || fail "put pcm ended with $rc"
+    ends_well pp
 
-    finish "$getaac"
-    [ "$rc" = 0 ] && [ ! -s ga.err ] && cmp tone.aac out.aac || fail "get aac 3 until its pool went: exit $rc"
-    finish "$putaac"
-    [ "$rc" = 0 ] || fail "put aac ended with $rc"
+    ends_well ga
+    cmp tone.aac out.aac || fail "AAC read back until its pool went differs"
+    ends_well pa
     run e put aac 3 loud.aac
     [ "$rc" = 1 ] && grep -qx "avpool: put: loud.aac: ADTS frame at byte [0-9]* has [0-9]* bytes, more than an aac fragment holds (512)" e.err ||
         fail "put of ADTS frames over 512 bytes: exit $rc"
     no_ipc
     ;;
 
-*)
-    fail "unknown case"
+serve)
+    # The area's profile 0 on mp4 pool 0, 1 on jpg pool 1. Each mount plays over RTSP/TCP exactly a run of
+    # the frames put into its pool. The client past the budget gets 503; units come back at TEARDOWN, at a
+    # plain disconnect and, after kill -9 of the server, at the next use of the budget.
+    media
+    # SPS and PPS only in front of the first of 15 GOPs, as a GStreamer encoder sends them: a client that
+    # starts on another decodes only with those the area publishes (the frames repeat every 50).
+    ffmpeg -nostdin -v error -i camera.h264 -c copy -bsf:v filter_units=pass_types=7-8 -frames:v 1 -f h264 sets.h264 &&
+        ffmpeg -nostdin -v error -i camera.h264 -c copy -bsf:v filter_units=remove_types=7-8 -f h264 slices.h264 ||
+        fail "ffmpeg cannot rewrite camera.h264"
+    cat sets.h264 slices.h264 slices.h264 slices.h264 >once.h264
+    start area "$AREA" mp4:0 jpg:1
+    within 5 grep -q published area.out
+    start put0 avpool put mp4 0 once.h264
+    start put1 avpool put jpg 1 camera.mjpeg --loop
+    for pool in "mp4 0" "jpg 1"; do within 5 pool_up $pool; done
+    start serve avpool serve --port 0
+    within 10 grep -q "^listening on" serve.out
+    url=rtsp://127.0.0.1:$(sed -n 's/^listening on .* port //p' serve.out)
+    within 5 sh -c "avpool stat mp4 0 2>/dev/null | grep -qE '^\\* GOP +[0-9]+ +gopID +([2-9]|[1-9][0-9])'"
+    # hashes: the md5 of each decoded frame in framemd5 output, each followed by a space.
+    hashes() { awk -F, '!/^#/ { gsub(/ /, "", $6); printf "%s ", $6 }'; }
+    for mount in "0 once.h264 h264 40" "1 camera.mjpeg mjpeg 30"; do
+        set -- $mount
+        want=$(ffmpeg -nostdin -v error -f "$3" -i "$2" -f framemd5 - | hashes)
+        got=$(timeout 20 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$url/profile$1" -frames:v "$4" \
+            -vsync passthrough -f framemd5 - 2>client$1.err | hashes)
+        # $4 frames that follow each other in the file, round its end: a part of the file thrice over.
+        [ "$(echo $got | wc -w)" = "$4" ] && case " $want$want$want" in *" $got"*) ;; *) false ;; esac ||
+            fail "profile$1 did not play $4 frames in a run of the frames of $2: $(echo $got | wc -w) frames"
+    done
+    within 5 infos_has 'budget: *0 of 10 units taken'
+    [ "$(grep -c ' (teardown)$' serve.out)" = 2 ] || fail "the clients did not leave with TEARDOWN"
+
+    # Eight units for active users, two for RTSP clients.
+    for i in 1 2 3 4 5 6 7 8; do avpool users add "user$i" web >/dev/null || fail "users add $i"; done
+    play() { start "$1" ffmpeg -nostdin -v error -rtsp_transport tcp -i "$url/profile1" -c copy -t 30 -f null -; }
+    # Each client a user of type 2 and weight 1, named after its mount and address.
+    client='^ *[0-9] +2 +1 .* rtsp /profile1 +127\.0\.0\.1:[0-9]+ playing$'
+    playing() { run users users list && [ "$(grep -cE "$client" users.out)" = 2 ]; }
+    play a
+    play b
+    within 10 playing
+    infos_has 'budget: *10 of 10 units taken' || fail "two clients do not fill the budget: $(grep budget infos.out)"
+    timeout 20 ffprobe -v error -rtsp_transport tcp "$url/profile1" >c.out 2>c.err && fail "a third client was served"
+    grep -q "503 Service Unavailable" c.err || fail "the third client was not refused with 503"
+    grep -q "^refused 127.0.0.1:[0-9]* /profile1: no more slat. (503)$" serve.out || fail "no refusal logged"
+    kill -KILL "$pid_a"
+    within 5 infos_has 'budget: *9 of'
+    kill -INT "$pid_b"
+    within 5 infos_has 'budget: *8 of'
+    grep -q ' (connection closed)$' serve.out && [ "$(grep -c ' (teardown)$' serve.out)" = 3 ] ||
+        fail "serve did not log both ways of leaving"
+    play d
+    within 10 infos_has 'budget: *9 of'
+    kill -KILL "$pid_serve"
+    within 5 infos_has 'budget: *8 of'
+    ! avpool users list | grep -q rtsp || fail "a dead server's client is still listed"
     ;;
+
+*) fail "unknown case" ;;
 esac
-exit 0
