@@ -26,7 +26,7 @@ const char EXAMPLE[] = "000001B001000001B509000001000000012000C488800F514043C144
 }  // namespace
 
 TEST(Mpeg4Header, countMinBitsCountsUpToTheHighestSetBit) {
-    const std::pair<unsigned, int> cases[] = {{0, 0}, {1, 1}, {30, 5}, {31, 5}, {32, 6}, {65535, 16}, {0x80000000u, 32}};
+    const std::pair<unsigned, int> cases[] = {{0, 0}, {1, 1}, {30, 5}, {31, 5}, {32, 6}, {65535, 16}, {1u << 31, 32}};
     for (const auto& [value, bits] : cases) EXPECT_EQ(count_min_bits(value), bits) << value;
 }
 
