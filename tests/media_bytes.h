@@ -1,5 +1,5 @@
-// Crafted byte streams for the avpool tool's media readers: bytes put together
-// piece by piece, and the text of the format error a reader throws on them.
+// Crafted byte streams for the avpool tool's media readers, and the text of the
+// format error a reader throws on them.
 #pragma once
 
 #include "media/media_error.h"
@@ -10,13 +10,9 @@
 
 using Bytes = std::vector<unsigned char>;
 
-inline void append(Bytes& out, const Bytes& more) {
-    out.insert(out.end(), more.begin(), more.end());
-}
-
 inline Bytes cat(std::initializer_list<Bytes> parts) {
     Bytes all;
-    for (const Bytes& part : parts) append(all, part);
+    for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
     return all;
 }
 
