@@ -113,9 +113,8 @@ TYPED_TEST(AudioPool, fragmentArithmeticTruncatesInOrderAndABadFormatKeepsTheFig
               std::make_pair(std::string("not supported format"), std::string()));
     EXPECT_EQ(RawSegment(Kind::KEY).words(4, 3), (std::vector<int>{24, 3, 48000}));
     Kind::put(p, payload(1, 2048).data(), 8, at(1), 0);
-    EXPECT_EQ(this->head(1)[5], 24);  // the members took the bad values too
-    EXPECT_EQ(this->head(1)[6], 3);
-    EXPECT_EQ(this->head(1)[10], Kind::BITS / 4 * Kind::FACTOR);
+    const std::vector<int> head = this->head(1);  // the members took the bad values too
+    EXPECT_EQ((std::vector<int>{head[5], head[6], head[10]}), (std::vector<int>{24, 3, Kind::BITS / 4 * Kind::FACTOR}));
     EXPECT_EQ(RawSegment(Kind::KEY).i32(16 + 8), Kind::BITS / 22 / 4 * Kind::FACTOR);
     Kind::reset(p, 16, 1, 999, 0);  // below 1 kHz, or no channels: 0, not a trap
     EXPECT_EQ(p.calFragmentTime(), 0);
@@ -161,9 +160,7 @@ TYPED_TEST(AudioReader, fragmentIsShownInPlaceAndWorkingFieldsReadTheFillUntilRe
                                 static_cast<int>(f.timestamp.tv_usec), f.length}),
               (std::vector<int>{16, 1, 8000, Kind::BITS / 16 * Kind::FACTOR, 1005, 500000,
                                 static_cast<int>(Kind::CAPACITY)}));
-    if constexpr (std::is_same_v<Kind, Aac>) {
-        EXPECT_EQ(f.streamParam, 42);
-    }
+    if constexpr (std::is_same_v<Kind, Aac>) { EXPECT_EQ(f.streamParam, 42); }
     EXPECT_EQ(Bytes(f.data, f.data + f.length), payload(5, Kind::CAPACITY));
     EXPECT_EQ((std::vector<int>{reader.getWorkingFormat(), reader.getWorkingChannels(), reader.getWorkingRate()}),
               (std::vector<int>{16, 1, 8000}));
