@@ -50,9 +50,10 @@ TYPED_TEST(Analysis, initLeavesTheFillExceptCurrentSafeTimesAndRecordHeadsAndRes
 }
 
 // Each put writes the slot after the last: its head and arrays, cut at an array's
-// end; a shorter frame leaves the tail of the one before. The locks each put opens
-// and closes are proven by the readers of the typed suite.
-TYPED_TEST(Analysis, eachPutWritesTheSlotAfterTheLastCutAtTheArrayAndLeavesOlderTails) {
+// end; a shorter frame leaves the tail of the one before. A length other than the
+// reset size is refused before anything changes. The locks each put opens and
+// closes are proven by the readers of the typed suite.
+TYPED_TEST(Analysis, eachPutWritesTheSlotAfterTheLastCutAtTheArrayLeavesOlderTailsOrIsRefused) {
     using Kind = TypeParam;
     const int full = Kind::WIDTH * Kind::HEIGHT;
     Kind::init(this->putter);
@@ -68,7 +69,17 @@ TYPED_TEST(Analysis, eachPutWritesTheSlotAfterTheLastCutAtTheArrayAndLeavesOlder
     }
     this->putter.reset(5, 3, 10);
     this->put(Kind::SLOTS, 15);
-    this->put(Kind::SLOTS + 1, 15);  // slot 1 again
+    auto refused = [&](int length) {
+        EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(9, length); }),
+                  std::make_pair(std::string("frameLength is not equal to elementSize"), std::string()))
+            << length;
+    };
+    const Bytes before = RawSegment(Kind::KEY).all();
+    const std::vector<int> locks = lockValues(Kind::KEY, Kind::SLOTS);
+    for (int length : {14, 16, 0}) refused(length);
+    EXPECT_TRUE(RawSegment(Kind::KEY).all() == before);
+    EXPECT_EQ(lockValues(Kind::KEY, Kind::SLOTS), locks);
+    this->put(Kind::SLOTS + 1, 15);  // slot 1 again: counter and slot did not move
     EXPECT_EQ(RawSegment(Kind::KEY).i32(0), 1);
     EXPECT_EQ(this->head(0), (std::vector<int>{Kind::SLOTS, 0, 0, 15, Kind::SLOTS, 10 * Kind::SLOTS}));
     const size_t head = 15 * Kind::ELEMENT;
@@ -82,30 +93,11 @@ TYPED_TEST(Analysis, eachPutWritesTheSlotAfterTheLastCutAtTheArrayAndLeavesOlder
     }
     EXPECT_EQ((std::vector<int>{Kind::next(0), Kind::next(Kind::SLOTS - 2), Kind::next(Kind::SLOTS - 1)}),
               (std::vector<int>{1, Kind::SLOTS - 1, 0}));
-}
-
-TYPED_TEST(Analysis, aLengthOtherThanTheResetSizeIsRefusedBeforeAnythingChanges) {
-    using Kind = TypeParam;
-    Kind::init(this->putter);
-    auto refused = [&](int length) {
-        EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(9, length); }),
-                  std::make_pair(std::string("frameLength is not equal to elementSize"), std::string()))
-            << length;
-    };
-    this->putter.reset(3, 2, 10);
-    this->put(1, 6);
-    const Bytes before = RawSegment(Kind::KEY).all();
-    const std::vector<int> locks = lockValues(Kind::KEY, Kind::SLOTS);
-    for (int length : {5, 7, 0}) refused(length);
-    EXPECT_TRUE(RawSegment(Kind::KEY).all() == before);
-    EXPECT_EQ(lockValues(Kind::KEY, Kind::SLOTS), locks);
-    this->put(2, 6);  // counter and slot did not move
-    EXPECT_EQ(this->head(2)[0], 2);
     this->putter.reset(-1, 1, 10);  // a negative size is never a frame
     refused(-1);
-    this->putter.reset(3, 2, 10);
+    this->putter.reset(5, 3, 10);
     this->putter.release();
-    EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(1, 6); }),
+    EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(1, 15); }),
               std::make_pair(std::string("programming error"), std::string("programming error\n")));
     typename Kind::Putter unused;
     EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { unused.closeLock(0); }),

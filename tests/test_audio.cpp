@@ -30,8 +30,9 @@ protected:
 using AudioKinds = ::testing::Types<Pcm, Aac, Amr, Opus>;
 TYPED_TEST_SUITE(AudioPool, AudioKinds, KindNames);
 
-TYPED_TEST(AudioPool, initFillsTheSegmentAndZeroesTheSlotHeads) {
+TYPED_TEST(AudioPool, initFillsTheSegmentAndZeroesTheSlotHeadsAndPutFragmentStoresByTheKindsRules) {
     using Kind = TypeParam;
+    const int capacity = static_cast<int>(Kind::CAPACITY);
     this->create();
     RawSegment raw(Kind::KEY);
     Bytes expected(Kind::SEGMENT, FILL);
@@ -43,12 +44,6 @@ TYPED_TEST(AudioPool, initFillsTheSegmentAndZeroesTheSlotHeads) {
     }
     EXPECT_TRUE(raw.all() == expected);
     EXPECT_EQ(semIdOf(Kind::SET_KEY + 1), -1);  // one set only
-}
-
-TYPED_TEST(AudioPool, putFragmentStoresTheSlotByTheKindsCopyAndLengthRules) {
-    using Kind = TypeParam;
-    const int capacity = static_cast<int>(Kind::CAPACITY);
-    this->create();
     Kind::reset(this->putter, 8, 2, 16000, 77);
     const int lengths[3] = {100, capacity + 88, -3};  // short, longer than the slot, negative
     // PCM copies a whole slot and records that, OPUS copies a whole slot and records
@@ -57,7 +52,6 @@ TYPED_TEST(AudioPool, putFragmentStoresTheSlotByTheKindsCopyAndLengthRules) {
         Bytes bytes = payload(k + 1, 2 * Kind::CAPACITY);
         Kind::put(this->putter, bytes.data(), lengths[k], at(1000 + k, k == 0 ? 250000 : 999999), 7 + k);
     }
-    RawSegment raw(Kind::KEY);
     EXPECT_EQ(raw.words(0, 4), (std::vector<int>{3, 8, 2, 16000}));
     for (int k = 0; k < 3; ++k) {
         SCOPED_TRACE(k);
@@ -78,8 +72,13 @@ TYPED_TEST(AudioPool, putFragmentStoresTheSlotByTheKindsCopyAndLengthRules) {
     }
 }
 
+// Lock calls outside the set carry the system call's text.
 TYPED_TEST(AudioPool, eachPutOpensItsSlotClosesTheNextAndSafeTimesCountEveryFragmentAhead) {
     using Kind = TypeParam;
+    using Error = typename Kind::PutterError;
+    typename Kind::Putter idle;
+    EXPECT_EQ(failureOf<Error>([&] { Kind::put(idle, 1, at(1)); }).first, "semctl failed.");  // before init
+    EXPECT_EQ(shmIdOf(Kind::KEY), -1);
     Kind::start(this->putter);
     this->putRange(1, 199);
     std::vector<int> expected(200, 0);
@@ -94,6 +93,12 @@ TYPED_TEST(AudioPool, eachPutOpensItsSlotClosesTheNextAndSafeTimesCountEveryFrag
     std::vector<int> safe(200);
     for (int k = 0; k < 200; ++k) safe[(5 + k) % 200] = k * Kind::INTERVAL;
     EXPECT_EQ(RawSegment(Kind::KEY).words(16, 200), safe);
+    EXPECT_EQ(failureOf<Error>([&] { this->putter.closeLock(1000); }).first, "Over Max Semaphore Group.");
+    auto [message, log] = failureOf<Error>([&] { this->putter.openLock(-250); });
+    EXPECT_EQ(message, "semctl failed.");
+    EXPECT_EQ(log.rfind("semctl failed: ", 0), 0u) << log;
+    this->putter.release();
+    EXPECT_EQ(failureOf<Error>([&] { this->putRange(1, 1); }).first, "semctl failed.");
 }
 
 TYPED_TEST(AudioPool, fragmentArithmeticTruncatesInOrderAndABadFormatKeepsTheFigures) {
@@ -121,20 +126,6 @@ TYPED_TEST(AudioPool, fragmentArithmeticTruncatesInOrderAndABadFormatKeepsTheFig
     Kind::reset(p, 16, 0, 8000, 0);
     EXPECT_EQ(p.calSampleNumber(), 0);
     EXPECT_EQ(p.calFragmentTime(), 0);
-}
-
-TYPED_TEST(AudioPool, lockCallsOutsideTheSetCarryTheSystemCallsText) {
-    using Kind = TypeParam;
-    using Error = typename Kind::PutterError;
-    EXPECT_EQ(failureOf<Error>([&] { this->putRange(1, 1); }).first, "semctl failed.");  // before init
-    EXPECT_EQ(shmIdOf(Kind::KEY), -1);
-    Kind::start(this->putter);
-    EXPECT_EQ(failureOf<Error>([&] { this->putter.closeLock(1000); }).first, "Over Max Semaphore Group.");
-    auto [message, log] = failureOf<Error>([&] { this->putter.openLock(-250); });
-    EXPECT_EQ(message, "semctl failed.");
-    EXPECT_EQ(log.rfind("semctl failed: ", 0), 0u) << log;
-    this->putter.release();
-    EXPECT_EQ(failureOf<Error>([&] { this->putRange(1, 1); }).first, "semctl failed.");
 }
 
 template <class Kind>

@@ -22,10 +22,6 @@ protected:
         std::string err;
         captureOutput([&] { p.init(CHANNEL, slots, maxFrameSize, ringBytes + 52 * slots); }, err);
     }
-    void start(int slots, int maxFrameSize, int ringBytes) {
-        create(putter, slots, maxFrameSize, ringBytes);
-        putter.reset(1, 1, 10, 1);  // 100 ms a frame
-    }
     static int put(JPGPutter& p, const std::string& bytes, int second = 0, int microsecond = 0) {
         return p.putFrame(const_cast<char*>(bytes.data()), static_cast<int>(bytes.size()), at(second, microsecond));
     }
@@ -58,44 +54,18 @@ TEST_F(Jpeg, initLaysOutHeaderTablesAndClosedLocksReadAsAnEmptySlotZeroAndThirty
     EXPECT_TRUE(shmIdOf(KEY) == -1 && semIdOf(KEY) == -1);
 }
 
-TEST_F(Jpeg, resetAndSettersWriteTheHeaderAndAreStampedOnFollowingFramesAndReadLive) {
-    create(putter, 4, 16, 128);
-    putter.reset(640, 480, 25, 80);
-    putter.putRealFPS(24);
-    const Bytes before = RawSegment(KEY).bytes(0, 172);
-    putter.reset(0, 0, 0, -1);  // zeros and a negative quality keep what is there
-    EXPECT_EQ(RawSegment(KEY).bytes(0, 172), before);
-    ASSERT_EQ(put("a"), 1);
-    putter.changeQuality(-7);  // taken as is
-    putter.reset(320, 0, 0, -1);
-    ASSERT_EQ(put("b"), 1);
-    putter.reset(0, 0, 0, 0);  // a quality of 0 is a value
-    ASSERT_EQ(put("c"), 1);
-    const int stamped[3][4] = {{640, 480, 25, 80}, {320, 480, 25, -7}, {320, 480, 25, 0}};
-    for (int slot = 1; slot <= 3; ++slot)
-        EXPECT_EQ(RawSegment(KEY).words(record(4, slot) + 24, 4), std::vector<int>(stamped[slot - 1], stamped[slot - 1] + 4));
-    Bytes tables = payload(1, 128);
-    putter.putQuantTables(tables.data(), tables.data() + 64);
-    RawSegment raw(KEY);
-    EXPECT_EQ(raw.words(12, 4), (std::vector<int>{24, 25, 320, 480}));
-    EXPECT_EQ(raw.bytes(32, 128), tables);
-    EXPECT_EQ(raw.i32(160), 172);
-    JPGGetter reader;
-    reader.init(CHANNEL);
-    putter.putRealFPS(12);
-    EXPECT_EQ(Bytes(reader.getLumQT(), reader.getLumQT() + 64), Bytes(tables.begin(), tables.begin() + 64));
-    EXPECT_EQ(Bytes(reader.getChromQT(), reader.getChromQT() + 64), Bytes(tables.begin() + 64, tables.end()));
-    EXPECT_EQ((std::vector<int>{reader.getWorkingWidth(), reader.getWorkingHeight(), reader.getWorkingFPS(),
-                                reader.getRealFPS()}),
-              (std::vector<int>{320, 480, 25, 12}));
-}
-
-TEST_F(Jpeg, framesUpToTheMaximumGoIntoTheRingBehindTheirIdPrefixPaddedToFourBytesAndWrap) {
+// Each frame carries what reset and changeQuality set before it: reset takes only a
+// positive size and rate and a quality of 0 or more, changeQuality any quality.
+TEST_F(Jpeg, framesUpToTheMaximumGoIntoTheRingBehindTheirIdPrefixPaddedAndWrapAndCarryTheSettings) {
     create(putter, 4, 29, 64);
     putter.reset(352, 288, 10, 50);
+    putter.putRealFPS(24);
     const size_t base = ring(4);
-    ASSERT_EQ(put("ABCDE", 1000, 1), 1);  // slot 1, id 1, ring offset 0, 3 bytes of padding
     RawSegment raw(KEY);
+    const Bytes header = raw.bytes(0, 172);
+    putter.reset(0, 0, 0, -1);  // keeps everything
+    EXPECT_EQ(raw.bytes(0, 172), header);
+    ASSERT_EQ(put("ABCDE", 1000, 1), 1);  // slot 1, id 1, ring offset 0, 3 bytes of padding
     const Bytes before = raw.all();
     const std::vector<int> locks = lockValues(KEY, 4);
     EXPECT_EQ(put(std::string(30, 'z')), 0);  // one byte over the maximum: no trace
@@ -105,13 +75,16 @@ TEST_F(Jpeg, framesUpToTheMaximumGoIntoTheRingBehindTheirIdPrefixPaddedToFourByt
     EXPECT_EQ(recordOf(4, 1), (std::vector<int>{1, 0, 1, 5, 1000, 1, 352, 288, 10, 50, 0, 0}));
     EXPECT_EQ(raw.bytes(base, 16), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 'A', 'B', 'C', 'D', 'E', 0, 0, 0}));
     EXPECT_EQ(raw.u64(record(4, 0)), 0u);
+    putter.changeQuality(-7);
+    putter.reset(320, 0, 0, -1);
     ASSERT_EQ(put(std::string(20, '\xEE'), 1001), 1);  // 16 bytes on; no padding
-    EXPECT_EQ(raw.i32(record(4, 2) + 40), 16);
+    EXPECT_EQ(recordOf(4, 2), (std::vector<int>{2, 0, 2, 20, 1001, 0, 320, 288, 10, -7, 16, 0}));
     EXPECT_EQ(raw.u64(base + 16), 2u);
     EXPECT_EQ(raw.bytes(base + 24, 20), Bytes(20, 0xEE));
     // 44 + 8 + 25 + 3 > 64: back to 0; the padding zeroes filler bytes, the tail stays.
+    putter.reset(0, 0, 0, 0);
     ASSERT_EQ(put(std::string(25, 'x'), 1002), 1);
-    EXPECT_EQ(raw.i32(record(4, 3) + 40), 0);
+    EXPECT_EQ(recordOf(4, 3), (std::vector<int>{3, 0, 3, 25, 1002, 0, 320, 288, 10, 0, 0, 0}));
     EXPECT_EQ(raw.u64(base), 3u);
     Bytes padded(25, 'x');
     padded.resize(28, 0);
@@ -131,6 +104,19 @@ TEST_F(Jpeg, framesUpToTheMaximumGoIntoTheRingBehindTheirIdPrefixPaddedToFourByt
     EXPECT_EQ(putter.getMaxFrameSize(), 29);
     EXPECT_EQ(recordOf(4, 1)[10], 0);
     EXPECT_EQ(recordOf(4, 2)[10], 0);
+    Bytes tables = payload(1, 128);
+    putter.putQuantTables(tables.data(), tables.data() + 64);
+    EXPECT_EQ(raw.words(12, 4), (std::vector<int>{24, 10, 320, 288}));
+    EXPECT_EQ(raw.bytes(32, 128), tables);
+    EXPECT_EQ(raw.i32(160), 172);
+    JPGGetter reader;
+    reader.init(CHANNEL);
+    putter.putRealFPS(12);  // read live
+    EXPECT_EQ(Bytes(reader.getLumQT(), reader.getLumQT() + 64), Bytes(tables.begin(), tables.begin() + 64));
+    EXPECT_EQ(Bytes(reader.getChromQT(), reader.getChromQT() + 64), Bytes(tables.begin() + 64, tables.end()));
+    EXPECT_EQ((std::vector<int>{reader.getWorkingWidth(), reader.getWorkingHeight(), reader.getWorkingFPS(),
+                                reader.getRealFPS()}),
+              (std::vector<int>{320, 288, 10, 12}));
 }
 
 // Safe times count frame intervals ahead of the writer, 0 on the slot behind it. A
@@ -163,7 +149,8 @@ TEST_F(Jpeg, safeTimesCountAheadOfTheWriterAndASingleSlotIsRewrittenAndLeftOpen)
 // (40 bytes) starts at 0 and covers the bytes of frames 1, 2 and 3. Where frame
 // 2's prefix was, it carries the words 2, 1: the low word alone would match.
 TEST_F(Jpeg, framesWhoseBytesWereReusedAreSkippedByGetFrameAndTheSearches) {
-    start(6, 64, 100);
+    create(putter, 6, 64, 100);
+    putter.reset(1, 1, 10, 1);
     for (int id = 1; id <= 5; ++id) ASSERT_EQ(put("payload" + std::to_string(id), 100 + id), 1);
     std::string big(40, '\xAB');
     big.replace(8, 8, std::string("\x02\0\0\0\x01\0\0\0", 8));
