@@ -28,8 +28,14 @@ protected:
 using AnalysisKinds = ::testing::Types<LumKind, MdKind>;
 TYPED_TEST_SUITE(Analysis, AnalysisKinds, KindNames);
 
-TYPED_TEST(Analysis, initLeavesTheFillExceptCurrentSafeTimesAndRecordHeadsAndResetWritesThreeWords) {
+// init leaves the fill but for the current slot, the safe times and the record
+// heads; reset writes three words. Each put writes the slot after the last: its
+// head and arrays, cut at an array's end; a shorter frame leaves the tail of the one
+// before. A length other than the reset size is refused before anything changes.
+// The locks each put opens and closes are proven by the readers of the typed suite.
+TYPED_TEST(Analysis, initAndResetLeaveTheFillAndEachPutWritesTheNextSlotCutAtTheArrayOrIsRefused) {
     using Kind = TypeParam;
+    const int full = Kind::WIDTH * Kind::HEIGHT;
     std::string err, out;
     captureOutput([&] { Kind::init(this->putter); }, err, &out);
     EXPECT_EQ(err + out, "");
@@ -42,22 +48,11 @@ TYPED_TEST(Analysis, initLeavesTheFillExceptCurrentSafeTimesAndRecordHeadsAndRes
         set(this->record(slot) + 8, slot);
     }
     EXPECT_TRUE(RawSegment(Kind::KEY).all() == expected);
-    this->putter.reset(80, 64, 10);
-    set(4, 10);
-    set(8, 80);
-    set(12, 64);
-    EXPECT_TRUE(RawSegment(Kind::KEY).all() == expected);
-}
-
-// Each put writes the slot after the last: its head and arrays, cut at an array's
-// end; a shorter frame leaves the tail of the one before. A length other than the
-// reset size is refused before anything changes. The locks each put opens and
-// closes are proven by the readers of the typed suite.
-TYPED_TEST(Analysis, eachPutWritesTheSlotAfterTheLastCutAtTheArrayLeavesOlderTailsOrIsRefused) {
-    using Kind = TypeParam;
-    const int full = Kind::WIDTH * Kind::HEIGHT;
-    Kind::init(this->putter);
     this->putter.reset(full + 100, 1, 10);
+    set(4, 10);
+    set(8, full + 100);
+    set(12, 1);
+    EXPECT_TRUE(RawSegment(Kind::KEY).all() == expected);
     for (int k = 1; k < Kind::SLOTS; ++k) {  // the last slot too: nothing past the segment
         this->put(k, full + 100);
         EXPECT_EQ(RawSegment(Kind::KEY).i32(0), k);

@@ -119,7 +119,8 @@ TYPED_TEST(AudioPool, fragmentArithmeticTruncatesInOrderAndABadFormatKeepsTheFig
     EXPECT_EQ(RawSegment(Kind::KEY).words(4, 3), (std::vector<int>{24, 3, 48000}));
     Kind::put(p, payload(1, 2048).data(), 8, at(1), 0);
     const std::vector<int> head = this->head(1);  // the members took the bad values too
-    EXPECT_EQ((std::vector<int>{head[5], head[6], head[10]}), (std::vector<int>{24, 3, Kind::BITS / 4 * Kind::FACTOR}));
+    EXPECT_EQ((std::vector<int>{head[5], head[6], head[10]}),
+              (std::vector<int>{24, 3, Kind::BITS / 4 * Kind::FACTOR}));
     EXPECT_EQ(RawSegment(Kind::KEY).i32(16 + 8), Kind::BITS / 22 / 4 * Kind::FACTOR);
     Kind::reset(p, 16, 1, 999, 0);  // below 1 kHz, or no channels: 0, not a trap
     EXPECT_EQ(p.calFragmentTime(), 0);

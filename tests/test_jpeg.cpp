@@ -119,42 +119,18 @@ TEST_F(Jpeg, framesUpToTheMaximumGoIntoTheRingBehindTheirIdPrefixPaddedAndWrapAn
               (std::vector<int>{320, 288, 10, 12}));
 }
 
-// Safe times count frame intervals ahead of the writer, 0 on the slot behind it. A
-// pool of one slot is rewritten in place and left open, and is read like any other.
-TEST_F(Jpeg, safeTimesCountAheadOfTheWriterAndASingleSlotIsRewrittenAndLeftOpen) {
-    create(putter, 7, 16, 512);
-    putter.reset(1, 1, 30, 1);  // 1000 / 30 = 33 ms
-    for (int k = 0; k < 10; ++k) put("f");
-    EXPECT_EQ(RawSegment(KEY).words(172, 7), (std::vector<int>{132, 165, 0, 0, 33, 66, 99}));  // writer at 3
-    putter.release();
-    JPGPutter single;
-    create(single, 1, 16, 64);
-    EXPECT_EQ(single.nextJPGFrame(0), 0);
-    JPGGetter reader;
-    reader.init(CHANNEL);
-    for (int k = 1; k <= 3; ++k) {
-        ASSERT_EQ(put(single, "one" + std::to_string(k)), 1);
-        // max size, current slot, the record's id, its safe time, its lock
-        EXPECT_EQ(RawSegment(KEY).words(4, 2), (std::vector<int>{16, 0})) << k;
-        EXPECT_EQ((std::vector<int>{recordOf(1, 0)[0], RawSegment(KEY).i32(172), lockValue(KEY, 0)}),
-                  (std::vector<int>{k, 0, 0}));
-        int safe = -1;
-        EXPECT_EQ(reader.toWorking(safe), static_cast<unsigned long long>(k));
-        reader.getFrame();
-        EXPECT_EQ(text(reader.frame), "one" + std::to_string(k));
-    }
-}
-
 // Ring of 100 bytes. Frames 1-5 (16 bytes with prefix) lie at 0 .. 64; frame 6
 // (40 bytes) starts at 0 and covers the bytes of frames 1, 2 and 3. Where frame
 // 2's prefix was, it carries the words 2, 1: the low word alone would match.
+// Safe times count intervals of 1000 / 30 = 33 ms ahead of the writer, 0 behind it.
 TEST_F(Jpeg, framesWhoseBytesWereReusedAreSkippedByGetFrameAndTheSearches) {
     create(putter, 6, 64, 100);
-    putter.reset(1, 1, 10, 1);
+    putter.reset(1, 1, 30, 1);
     for (int id = 1; id <= 5; ++id) ASSERT_EQ(put("payload" + std::to_string(id), 100 + id), 1);
     std::string big(40, '\xAB');
     big.replace(8, 8, std::string("\x02\0\0\0\x01\0\0\0", 8));
     ASSERT_EQ(put(big, 106), 1);
+    EXPECT_EQ(RawSegment(KEY).words(172, 6), (std::vector<int>{0, 33, 66, 99, 132, 0}));  // writer at 0
     JPGGetter reader;
     reader.init(CHANNEL);
     int safe = 0;
@@ -174,32 +150,39 @@ TEST_F(Jpeg, framesWhoseBytesWereReusedAreSkippedByGetFrameAndTheSearches) {
     EXPECT_EQ(reader.frame.data, reader.getLumQT() - 32 + ring(6) + 8);  // in place, behind the prefix
 }
 
-TEST_F(Jpeg, secondWriterTakesTheKeyWhileAttachedReadersKeepTheOldPool) {
+// A second writer takes the key: readers attached before keep the old pool, and the
+// first writer's release leaves the new one alone. The new pool's one slot is
+// rewritten in place by every frame and left open.
+TEST_F(Jpeg, secondWriterTakesTheKeyWhileAttachedReadersKeepTheOldPoolAndASingleSlotIsRewritten) {
     create(putter, 4, 16, 128);
     putter.reset(640, 480, 10, 1);
     put("old");
     const int oldShm = shmIdOf(KEY);
-    JPGGetter early;
+    JPGGetter early, late;
     early.init(CHANNEL);
     JPGPutter second;
-    create(second, 4, 16, 128);
+    create(second, 1, 16, 64);
     second.reset(320, 240, 10, 1);
-    put(second, "new1");
-    put(second, "new2");
     EXPECT_NE(shmIdOf(KEY), oldShm);
+    const int newShm = shmIdOf(KEY), newSem = semIdOf(KEY);
+    putter.release();
+    EXPECT_EQ(std::make_pair(shmIdOf(KEY), semIdOf(KEY)), std::make_pair(newShm, newSem));
+    EXPECT_EQ(second.nextJPGFrame(0), 0);
+    late.init(CHANNEL);
+    for (int k = 1; k <= 3; ++k) {
+        ASSERT_EQ(put(second, "new" + std::to_string(k)), 1);
+        // max size, current slot, the record's id, its safe time, its lock
+        EXPECT_EQ(RawSegment(KEY).words(4, 2), (std::vector<int>{16, 0})) << k;
+        EXPECT_EQ((std::vector<int>{recordOf(1, 0)[0], RawSegment(KEY).i32(172), lockValue(KEY, 0)}),
+                  (std::vector<int>{k, 0, 0}));
+        int safe = -1;
+        EXPECT_EQ(late.toWorking(safe), static_cast<unsigned long long>(k));
+        late.getFrame();
+        EXPECT_EQ(text(late.frame), "new" + std::to_string(k));
+    }
     int safe;
     EXPECT_EQ(early.toWorking(safe), 1u);
     early.getFrame();
     EXPECT_EQ(text(early.frame), "old");
     EXPECT_EQ(early.getWorkingWidth(), 640);
-    // The first writer's release concerns only its own, already replaced, pool.
-    const int newShm = shmIdOf(KEY), newSem = semIdOf(KEY);
-    putter.release();
-    EXPECT_EQ(std::make_pair(shmIdOf(KEY), semIdOf(KEY)), std::make_pair(newShm, newSem));
-    EXPECT_EQ(put(second, "new3"), 1);
-    JPGGetter late;
-    late.init(CHANNEL);
-    EXPECT_EQ(late.toWorking(safe), 3u);
-    late.getFrame();
-    EXPECT_EQ(text(late.frame), "new3");
 }

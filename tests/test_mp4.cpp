@@ -22,15 +22,13 @@ size_t ring(int slots) { return 52 + 52 * static_cast<size_t>(slots); }
 // A record's words: GOP id low and high, frame id low and high, width, height,
 // fps, lockIndex, length, seconds, microseconds, data position.
 std::vector<int> recordOf(int slots, int slot) { return RawSegment(KEY).words(record(slots, slot), 12); }
-std::vector<int> locks(int slots) {
-    std::vector<int> values;
-    for (int slot = 0; slot < slots; ++slot) values.push_back(lockValue(semKey(slot / 250), slot % 250));
-    return values;
-}
-// Per-slot values written GOP by GOP.
-std::vector<int> perGop(std::initializer_list<std::initializer_list<int>> gops) {
-    std::vector<int> values;
-    for (const auto& gop : gops) values.insert(values.end(), gop.begin(), gop.end());
+// The slot locks GOP by GOP: "1000 0111" for two GOPs of four slots, the first closed.
+std::string locks(int slots, int frames) {
+    std::string values;
+    for (int slot = 0; slot < slots; ++slot) {
+        if (slot > 0 && slot % frames == 0) values += ' ';
+        values += std::to_string(lockValue(semKey(slot / 250), slot % 250));
+    }
     return values;
 }
 std::string text(const MP4Getter& g) { return std::string(reinterpret_cast<char*>(g.frameData), g.frameLength); }
@@ -40,7 +38,8 @@ class Mp4 : public Pool<Mp4Kind> {
 protected:
     void create(int gops, int frames, int maxFrameSize, int ringBytes) {
         std::string err, out;
-        captureOutput([&] { putter.init(CHANNEL, gops, frames, maxFrameSize, ringBytes + 52 * gops * frames); }, err, &out);
+        const int size = ringBytes + 52 * gops * frames;
+        captureOutput([&] { putter.init(CHANNEL, gops, frames, maxFrameSize, size); }, err, &out);
     }
     void start(int gops, int frames, int maxFrameSize, int ringBytes, int fps = 25) {
         create(gops, frames, maxFrameSize, ringBytes);
@@ -73,7 +72,7 @@ TEST_F(Mp4, initLaysOutHeaderTablesAndSpreadsTheLocksOverGroupsOf250UpToAThousan
         EXPECT_EQ(recordOf(12, slot), (std::vector<int>{0, 0, 0, 0, 0, 0, 0, slot, 0, 0, 0, 0})) << slot;
     EXPECT_EQ(raw.bytes(ring(12), 200), Bytes(200, 0));
     EXPECT_EQ((std::vector<int>{semCountAt(semKey(0)), semIdOf(semKey(1))}), (std::vector<int>{12, -1}));
-    EXPECT_EQ(locks(12), std::vector<int>(12, 1));
+    EXPECT_EQ(locks(12, 12), std::string(12, '1'));
     putter.release();
 
     create(30, 10, 16, 64);
@@ -88,7 +87,7 @@ TEST_F(Mp4, initLaysOutHeaderTablesAndSpreadsTheLocksOverGroupsOf250UpToAThousan
     putter.release();
     create(100, 10, 16, 64);
     for (int g = 0; g < 4; ++g) EXPECT_EQ(semCountAt(semKey(g)), 250) << g;
-    EXPECT_EQ(locks(1000), std::vector<int>(1000, 1));
+    EXPECT_EQ(locks(1000, 1000), std::string(1000, '1'));
     putter.release();
     EXPECT_EQ(failureOf<MP4PutterError>([&] { putter.init(CHANNEL, 7, 143, 16, 64 + 52 * 1001); }),
               std::make_pair(std::string("programming error, poolSize exceed MP4_MAX_FRAME_COUNT"), std::string()));
@@ -143,29 +142,29 @@ TEST_F(Mp4, locksCloseTheGopAheadOfTheWriterAndOpenFrameByFrameShortGopsKeepOlde
     start(3, 4, 16, 1024);
     // The first I frame moves to GOP 1 and opens the rest of GOP 0.
     ASSERT_EQ(putI("i1"), 0);
-    EXPECT_EQ(locks(12), perGop({{1, 0, 0, 0}, {0, 1, 1, 1}, {1, 1, 1, 1}}));
+    EXPECT_EQ(locks(12, 4), "1000 0111 1111");
     putP("p2");
     putP(std::string(20, 'c'));
     EXPECT_EQ(recordOf(12, 6), (std::vector<int>{1, 0, 3, 0, 640, 480, 25, 6, 16, 0, 0, 24}));
-    EXPECT_EQ(locks(12), perGop({{1, 0, 0, 0}, {0, 0, 0, 1}, {1, 1, 1, 1}}));
+    EXPECT_EQ(locks(12, 4), "1000 0001 1111");
     // The next I frame opens what GOP 1 left unwritten and closes the GOP after its own.
     ASSERT_EQ(putI("i4"), 0);
     EXPECT_EQ(RawSegment(KEY).i32(12), 2);
-    EXPECT_EQ(locks(12), perGop({{1, 1, 1, 1}, {0, 0, 0, 0}, {0, 1, 1, 1}}));
+    EXPECT_EQ(locks(12, 4), "1111 0000 0111");
     EXPECT_EQ(recordOf(12, 7)[2], 0);  // opened, never written
     EXPECT_EQ(recordOf(12, 8)[11], 48);  // behind the cut frame's 16 bytes
     ASSERT_EQ(putI("i5"), 0);
-    EXPECT_EQ(locks(12), perGop({{0, 1, 1, 1}, {1, 1, 1, 1}, {0, 0, 0, 0}}));
+    EXPECT_EQ(locks(12, 4), "0111 1111 0000");
     for (int k = 1; k < 4; ++k) putP("p");
-    EXPECT_EQ(locks(12), perGop({{0, 0, 0, 0}, {1, 1, 1, 1}, {0, 0, 0, 0}}));
+    EXPECT_EQ(locks(12, 4), "0000 1111 0000");
     const Bytes before = RawSegment(KEY).all();
     EXPECT_EQ(putI(std::string(17, 'x')), 1);
     putP("lost");
     EXPECT_EQ(RawSegment(KEY).all(), before);
-    EXPECT_EQ(locks(12), perGop({{0, 0, 0, 0}, {1, 1, 1, 1}, {0, 0, 0, 0}}));
+    EXPECT_EQ(locks(12, 4), "0000 1111 0000");
     ASSERT_EQ(putI("i9"), 0);  // GOP 1 again, left at its I frame; the ids did not move
     ASSERT_EQ(putI("i10"), 0);
-    EXPECT_EQ(locks(12), perGop({{1, 1, 1, 1}, {0, 0, 0, 0}, {0, 1, 1, 1}}));
+    EXPECT_EQ(locks(12, 4), "1111 0000 0111");
     MP4Getter reader;
     attach(reader);
     int safe = -1;
@@ -180,7 +179,7 @@ TEST_F(Mp4, locksCloseTheGopAheadOfTheWriterAndOpenFrameByFrameShortGopsKeepOlde
     putter.release();  // init keeps the writer's GOP index: it goes on from GOP 2
     start(5, 2, 16, 1024, 20);  // 100 ms a GOP, the same value in each of its slots
     for (int g = 0; g < 7; ++g) putI("g");  // writer at 4
-    EXPECT_EQ(RawSegment(KEY).words(52, 10), perGop({{100, 100}, {200, 200}, {300, 300}, {0, 0}, {0, 0}}));
+    EXPECT_EQ(RawSegment(KEY).words(52, 10), (std::vector<int>{100, 100, 200, 200, 300, 300, 0, 0, 0, 0}));
 }
 
 
@@ -218,7 +217,7 @@ TEST_F(Mp4, pFramesBeyondTheGopAreDroppedAndReportedOnTheConsole) {
     // The next I frame continues the ids where the last stored frame left them.
     EXPECT_EQ(recordOf(6, 0)[0], 2);
     EXPECT_EQ(recordOf(6, 0)[2], 4);
-    EXPECT_EQ(locks(6), perGop({{0, 1, 1}, {1, 1, 1}}));
+    EXPECT_EQ(locks(6, 3), "011 111");
 }
 
 // Six GOPs of two frames in second 50, GOP id n at n * 10000 us. With the writer on
