@@ -136,9 +136,9 @@ TYPED_TEST(Analysis, getterStartsOnSlotZeroReadsInPlaceAndSafeTimesTakeTheKindsF
 
 // The vibration level is clamped to 0..100; its index reaches the safe times
 // (indexes 1 to 5 are those of slots 0 to 4, until the next put) but no further.
-TEST(AnalysisVibration, isClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
-    IpcKeys keys{MdKind::KEY};
-    MDPutter putter;
+class Vibration : public Pool<MdKind> {};
+
+TEST_F(Vibration, isClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
     putter.init(MdKind::CHANNEL);
     putter.reset(2, 2, 5);
     MDGetter reader;

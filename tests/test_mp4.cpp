@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -113,6 +114,7 @@ TEST_F(Mp4, framesGoIntoTheRingBehindTheirIdPrefixPaddedAndWrapAndCarryWhatReset
     EXPECT_EQ(recordOf(12, 5), (std::vector<int>{1, 0, 2, 0, 352, 288, 30, 5, 3, 1000, 40001, 16}));
     EXPECT_EQ(raw.bytes(base + 16, 12), (Bytes{2, 0, 0, 0, 0, 0, 0, 0, 'x', 'y', 'z', 0}));
     putter.reset(-1, -7, -5);
+    putter.reset(0, 0, 0);
     EXPECT_EQ(raw.words(16, 5), (std::vector<int>{24, 30, 352, -7, 133}));
     putter.reset(0, 0, 7);  // zeros keep width and height
     EXPECT_EQ(raw.words(16, 5), (std::vector<int>{7, 7, 352, -7, 571}));
@@ -309,23 +311,19 @@ TEST_F(Mp4, readerFollowsTheWriterGopByGopReleasedFrameByFrameOnTheLocksOfItsGro
         return 0;
     });
     ASSERT_NO_FATAL_FAILURE(expectLine(child, "84/84 g1.0"));
-    struct Step {
-        int blockedOn;
-        const char* frame;
-        std::vector<std::string> lines;
-    };
-    const Step steps[] = {{3, "g1.1", {"84/85 g1.1"}}, {4, "g1.2", {"84/86 g1.2"}},
-                          {5, "g2.0", {"85/87 g2.0"}}, {6, "g3.0", {"85/0 -", "85/0 -", "86/88 g3.0"}},
-                          {9, "g3.1", {"86/89 g3.1"}}, {10, "g3.2", {"86/90 g3.2"}}};
-    for (const Step& step : steps) {
-        ASSERT_TRUE(eventually([&] { return lockWaiters(semKey(1), step.blockedOn) == 1; })) << step.frame;
-        EXPECT_EQ(lockWaiters(semKey(0), step.blockedOn), 0);
-        if (std::string(step.frame).back() == '0') {
-            ASSERT_EQ(putI(step.frame), 0);
+    // The semaphore the reader waits on, the frame written then, the lines it reads.
+    const std::tuple<int, std::string, std::vector<std::string>> steps[] = {
+        {3, "g1.1", {"84/85 g1.1"}}, {4, "g1.2", {"84/86 g1.2"}}, {5, "g2.0", {"85/87 g2.0"}},
+        {6, "g3.0", {"85/0 -", "85/0 -", "86/88 g3.0"}}, {9, "g3.1", {"86/89 g3.1"}}, {10, "g3.2", {"86/90 g3.2"}}};
+    for (const auto& [blockedOn, frame, lines] : steps) {
+        ASSERT_TRUE(eventually([&, blocked = blockedOn] { return lockWaiters(semKey(1), blocked) == 1; })) << frame;
+        EXPECT_EQ(lockWaiters(semKey(0), blockedOn), 0);
+        if (frame.back() == '0') {
+            ASSERT_EQ(putI(frame), 0);
         } else {
-            putP(step.frame);
+            putP(frame);
         }
-        for (const std::string& line : step.lines) ASSERT_NO_FATAL_FAILURE(expectLine(child, line));
+        for (const std::string& line : lines) ASSERT_NO_FATAL_FAILURE(expectLine(child, line));
     }
     EXPECT_TRUE(child.wait().ok());
 }
