@@ -23,7 +23,6 @@ protected:
     }
     // A record's head: id low and high, lockIndex, length, seconds, microseconds.
     static std::vector<int> head(int slot) { return RawSegment(Kind::KEY).words(record(slot), 6); }
-    static std::vector<int> safeTimes() { return RawSegment(Kind::KEY).words(Kind::SAFE_TIMES, Kind::SLOTS); }
 };
 using AnalysisKinds = ::testing::Types<LumKind, MdKind>;
 TYPED_TEST_SUITE(Analysis, AnalysisKinds, KindNames);
@@ -108,7 +107,7 @@ TYPED_TEST(Analysis, getterStartsOnSlotZeroReadsInPlaceAndSafeTimesTakeTheKindsF
     for (int k = 1; k <= Kind::SLOTS + 2; ++k) this->put(k, 6);  // id SLOTS in slot 0, the writer at 2
     const std::vector<int> safe = Kind::FRAME_FORM ? std::vector<int>{132, 0, 0, 33, 66, 99}
                                                    : std::vector<int>{99, 132, 0, 33, 66};
-    EXPECT_EQ(this->safeTimes(), safe);
+    EXPECT_EQ(RawSegment(Kind::KEY).words(Kind::SAFE_TIMES, Kind::SLOTS), safe);
     typename Kind::Getter reader;
     Kind::init(reader);
     EXPECT_EQ((std::vector<int>{reader.getWorkingFPS(), reader.getWorkingWidth(), reader.getWorkingHeight()}),

@@ -131,6 +131,7 @@ TEST_F(Jpeg, framesWhoseBytesWereReusedAreSkippedByGetFrameAndTheSearches) {
     big.replace(8, 8, std::string("\x02\0\0\0\x01\0\0\0", 8));
     ASSERT_EQ(put(big, 106), 1);
     EXPECT_EQ(RawSegment(KEY).words(172, 6), (std::vector<int>{0, 33, 66, 99, 132, 0}));  // writer at 0
+    EXPECT_EQ(RawSegment(KEY).words(12, 4), (std::vector<int>{30, 30, 1, 1}));  // reset sets realFPS too
     JPGGetter reader;
     reader.init(CHANNEL);
     int safe = 0;
