@@ -7,10 +7,7 @@
 
 using namespace avpool::test;
 
-namespace {
-constexpr size_t HEADER = 40, LENGTH = 12;
-constexpr int FILL_WORD = static_cast<int>(0xCCCCCCCC);
-}  // namespace
+constexpr size_t HEADER = 40;
 
 template <class Kind>
 class Analysis : public Pool<Kind> {
@@ -26,13 +23,18 @@ protected:
     }
     // A record's head: id low and high, lockIndex, length, seconds, microseconds.
     static std::vector<int> head(int slot) { return RawSegment(Kind::KEY).words(record(slot), 6); }
-    static std::vector<int> safeTimes() { return RawSegment(Kind::KEY).words(Kind::SAFE_TIMES, Kind::SLOTS); }
 };
 using AnalysisKinds = ::testing::Types<LumKind, MdKind>;
 TYPED_TEST_SUITE(Analysis, AnalysisKinds, KindNames);
 
-TYPED_TEST(Analysis, initLeavesTheFillExceptCurrentSafeTimesAndRecordHeadsAndResetWritesThreeWords) {
+// init leaves the fill but for the current slot, the safe times and the record
+// heads; reset writes three words. Each put writes the slot after the last: its
+// head and arrays, cut at an array's end; a shorter frame leaves the tail of the one
+// before. A length other than the reset size is refused before anything changes.
+// The locks each put opens and closes are proven by the readers of the typed suite.
+TYPED_TEST(Analysis, initAndResetLeaveTheFillAndEachPutWritesTheNextSlotCutAtTheArrayOrIsRefused) {
     using Kind = TypeParam;
+    const int full = Kind::WIDTH * Kind::HEIGHT;
     std::string err, out;
     captureOutput([&] { Kind::init(this->putter); }, err, &out);
     EXPECT_EQ(err + out, "");
@@ -45,162 +47,102 @@ TYPED_TEST(Analysis, initLeavesTheFillExceptCurrentSafeTimesAndRecordHeadsAndRes
         set(this->record(slot) + 8, slot);
     }
     EXPECT_TRUE(RawSegment(Kind::KEY).all() == expected);
-    this->putter.reset(80, 64, 10);
-    set(4, 10);
-    set(8, 80);
-    set(12, 64);
-    EXPECT_TRUE(RawSegment(Kind::KEY).all() == expected);
-}
-
-// The locks each put opens and closes are proven by the readers of the typed suite.
-TYPED_TEST(Analysis, eachPutWritesItsRecordAndArraysInTheSlotAfterTheLast) {
-    using Kind = TypeParam;
-    Kind::start(this->putter);
-    for (int k = 1; k <= Kind::SLOTS + 1; ++k) {
-        this->put(k, 6);
-        const int slot = k % Kind::SLOTS;  // the first frame goes to slot 1
-        EXPECT_EQ(RawSegment(Kind::KEY).i32(0), slot);
-        EXPECT_EQ(this->head(slot), (std::vector<int>{k, 0, slot, 6, k, 10 * k}));
-        for (int a = 0; a < Kind::ARRAYS; ++a) {
-            Bytes expected = this->arrayOf(k, a, 6 * Kind::ELEMENT);
-            expected.push_back(0xCC);
-            EXPECT_EQ(RawSegment(Kind::KEY).bytes(this->array(slot, a), 6 * Kind::ELEMENT + 1), expected) << a;
-        }
-    }
-    EXPECT_EQ((std::vector<int>{Kind::next(0), Kind::next(Kind::SLOTS - 2), Kind::next(Kind::SLOTS - 1)}),
-              (std::vector<int>{1, Kind::SLOTS - 1, 0}));
-}
-
-TYPED_TEST(Analysis, aShorterFrameLeavesTheTailOfTheOneBeforeAndALargerOneIsCutAtItsArray) {
-    using Kind = TypeParam;
-    const int full = Kind::WIDTH * Kind::HEIGHT;
-    Kind::init(this->putter);
     this->putter.reset(full + 100, 1, 10);
-    for (int k = 1; k < Kind::SLOTS; ++k) this->put(k, full + 100);  // the last slot too: nothing past the segment
+    set(4, 10);
+    set(8, full + 100);
+    set(12, 1);
+    EXPECT_TRUE(RawSegment(Kind::KEY).all() == expected);
+    for (int k = 1; k < Kind::SLOTS; ++k) {  // the last slot too: nothing past the segment
+        this->put(k, full + 100);
+        EXPECT_EQ(RawSegment(Kind::KEY).i32(0), k);
+    }
     for (int slot = 1; slot < Kind::SLOTS; ++slot) {
-        EXPECT_EQ(this->head(slot)[3], full + 100);
+        EXPECT_EQ(this->head(slot), (std::vector<int>{slot, 0, slot, full + 100, slot, 10 * slot}));
         for (int a = 0; a < Kind::ARRAYS; ++a)
             EXPECT_EQ(RawSegment(Kind::KEY).bytes(this->array(slot, a), Kind::ARRAY), this->arrayOf(slot, a, Kind::ARRAY));
     }
-    EXPECT_EQ(RawSegment(Kind::KEY).bytes(this->array(0, 0), 1), Bytes{0xCC});
     this->putter.reset(5, 3, 10);
     this->put(Kind::SLOTS, 15);
-    this->put(Kind::SLOTS + 1, 15);  // slot 1 again
-    const size_t head = 15 * Kind::ELEMENT;
-    for (int a = 0; a < Kind::ARRAYS; ++a) {
-        Bytes expected = this->arrayOf(1, a, Kind::ARRAY);
-        Bytes fresh = this->arrayOf(Kind::SLOTS + 1, a, head);
-        std::copy(fresh.begin(), fresh.end(), expected.begin());
-        EXPECT_EQ(RawSegment(Kind::KEY).bytes(this->array(1, a), Kind::ARRAY), expected) << a;
-    }
-}
-
-TYPED_TEST(Analysis, aLengthOtherThanTheResetSizeIsRefusedBeforeAnythingChanges) {
-    using Kind = TypeParam;
-    Kind::init(this->putter);
     auto refused = [&](int length) {
         EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(9, length); }),
                   std::make_pair(std::string("frameLength is not equal to elementSize"), std::string()))
             << length;
     };
-    const Bytes untouched = RawSegment(Kind::KEY).all();
-    for (int length : {0, -1, 6}) refused(length);  // no size before the first reset
-    EXPECT_TRUE(RawSegment(Kind::KEY).all() == untouched);
-    this->putter.reset(3, 2, 10);
-    this->put(1, 6);
     const Bytes before = RawSegment(Kind::KEY).all();
     const std::vector<int> locks = lockValues(Kind::KEY, Kind::SLOTS);
-    for (int length : {5, 7, 0}) refused(length);
+    for (int length : {14, 16, 0}) refused(length);
     EXPECT_TRUE(RawSegment(Kind::KEY).all() == before);
     EXPECT_EQ(lockValues(Kind::KEY, Kind::SLOTS), locks);
-    this->put(2, 6);  // counter and slot did not move
-    EXPECT_EQ(this->head(2)[0], 2);
+    this->put(Kind::SLOTS + 1, 15);  // slot 1 again: counter and slot did not move
+    EXPECT_EQ(RawSegment(Kind::KEY).i32(0), 1);
+    EXPECT_EQ(this->head(0), (std::vector<int>{Kind::SLOTS, 0, 0, 15, Kind::SLOTS, 10 * Kind::SLOTS}));
+    const size_t head = 15 * Kind::ELEMENT;
+    for (int a = 0; a < Kind::ARRAYS; ++a) {
+        Bytes first = this->arrayOf(Kind::SLOTS, a, head), again = this->arrayOf(1, a, Kind::ARRAY);
+        first.push_back(0xCC);
+        EXPECT_EQ(RawSegment(Kind::KEY).bytes(this->array(0, a), head + 1), first) << a;
+        Bytes fresh = this->arrayOf(Kind::SLOTS + 1, a, head);
+        std::copy(fresh.begin(), fresh.end(), again.begin());
+        EXPECT_EQ(RawSegment(Kind::KEY).bytes(this->array(1, a), Kind::ARRAY), again) << a;
+    }
+    EXPECT_EQ((std::vector<int>{Kind::next(0), Kind::next(Kind::SLOTS - 2), Kind::next(Kind::SLOTS - 1)}),
+              (std::vector<int>{1, Kind::SLOTS - 1, 0}));
     this->putter.reset(-1, 1, 10);  // a negative size is never a frame
     refused(-1);
-    this->putter.reset(3, 2, 10);
+    this->putter.reset(5, 3, 10);
     this->putter.release();
-    EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(1, 6); }),
+    EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { this->put(1, 15); }),
               std::make_pair(std::string("programming error"), std::string("programming error\n")));
     typename Kind::Putter unused;
     EXPECT_EQ(failureOf<typename Kind::PutterError>([&] { unused.closeLock(0); }),
               std::make_pair(std::string("semctl failed."), std::string("semctl failed: Invalid argument\n")));
 }
 
-TYPED_TEST(Analysis, getterStartsOnSlotZeroAndReadsTheRecordInPlace) {
+// The luminance pool leaves 0 on the slot behind the writer, the motion pool
+// four intervals (here 1000 / 30 = 33 ms).
+TYPED_TEST(Analysis, getterStartsOnSlotZeroReadsInPlaceAndSafeTimesTakeTheKindsForm) {
     using Kind = TypeParam;
-    Kind::start(this->putter);
-    for (int k = 1; k <= Kind::SLOTS; ++k) this->put(k, 6);  // the last one in slot 0
+    Kind::init(this->putter);
+    this->putter.reset(3, 2, 30);
+    for (int k = 1; k <= Kind::SLOTS + 2; ++k) this->put(k, 6);  // id SLOTS in slot 0, the writer at 2
+    const std::vector<int> safe = Kind::FRAME_FORM ? std::vector<int>{132, 0, 0, 33, 66, 99}
+                                                   : std::vector<int>{99, 132, 0, 33, 66};
+    EXPECT_EQ(RawSegment(Kind::KEY).words(Kind::SAFE_TIMES, Kind::SLOTS), safe);
     typename Kind::Getter reader;
     Kind::init(reader);
     EXPECT_EQ((std::vector<int>{reader.getWorkingFPS(), reader.getWorkingWidth(), reader.getWorkingHeight()}),
-              (std::vector<int>{10, 3, 2}));
+              (std::vector<int>{30, 3, 2}));
     EXPECT_EQ(reader.getFrameID(), static_cast<unsigned long long>(Kind::SLOTS));
     reader.getFrame();
     EXPECT_EQ((std::vector<int>{reader.tv_sec, reader.tv_usec, reader.frameLength}),
               (std::vector<int>{Kind::SLOTS, 10 * Kind::SLOTS, 6}));
-    int safe = -1;
-    EXPECT_EQ(reader.toNext(safe), 1u);
-    EXPECT_EQ(safe, 100);
+    int got = -1;
+    EXPECT_EQ(reader.toNext(got), static_cast<unsigned long long>(Kind::SLOTS + 1));
+    EXPECT_EQ(got, safe[1]);
+    EXPECT_EQ(reader.toWorking(got), static_cast<unsigned long long>(Kind::SLOTS + 2));
+    EXPECT_EQ(got, 0);
+    EXPECT_EQ(reader.toNext(got), 3u);
+    EXPECT_EQ(got, 33);
     reader.getFrame();
     const std::vector<const unsigned char*> arrays = Kind::arrays(reader);
-    for (int a = 0; a < Kind::ARRAYS; ++a) EXPECT_EQ(Bytes(arrays[a], arrays[a] + 12), this->arrayOf(1, a, 12)) << a;
-    this->putter.reset(2, 3, 10);
-    this->put(Kind::SLOTS + 1, 6);  // in place: shows through the pointers at once
-    EXPECT_EQ(Bytes(arrays[0], arrays[0] + 12), this->arrayOf(Kind::SLOTS + 1, 0, 12));
-    EXPECT_EQ(reader.tv_sec, 1);  // the members were copied by getFrame
-    EXPECT_EQ(reader.toWorking(safe), static_cast<unsigned long long>(Kind::SLOTS + 1));
-    for (int slot = 2; slot < Kind::SLOTS; ++slot) reader.toNext(safe);
-    EXPECT_EQ(reader.toNext(safe), static_cast<unsigned long long>(Kind::SLOTS));  // wrapped to slot 0
-}
-
-TEST(AnalysisSafeTimes, luminanceLeavesZeroBehindTheWriterAndMotionKeepsFourIntervalsThere) {
-    IpcKeys keys{LumKind::KEY, MdKind::KEY};
-    LUMPutter lum;
-    lum.init(LumKind::CHANNEL);
-    lum.reset(2, 2, 10);
-    auto lumPut = [&](int k) { LumKind::put(lum, {Bytes(8)}, 4, at(k)); };
-    lumPut(1);
-    EXPECT_EQ(RawSegment(LumKind::KEY).words(16, 6), (std::vector<int>{0, 0, 100, 200, 300, 400}));
-    lumPut(2);
-    lumPut(3);
-    EXPECT_EQ(RawSegment(LumKind::KEY).words(16, 6), (std::vector<int>{300, 400, 0, 0, 100, 200}));
-    lum.reset(2, 2, 30);
-    for (int k = 4; k <= 8; ++k) lumPut(k);
-    EXPECT_EQ(RawSegment(LumKind::KEY).words(16, 6), (std::vector<int>{132, 0, 0, 33, 66, 99}));
-    LUMGetter lumReader;
-    lumReader.init(LumKind::CHANNEL);
-    int safe = -1;
-    EXPECT_EQ(lumReader.toWorking(safe), 8u);
-    EXPECT_EQ(safe, 0);
-    EXPECT_EQ(lumReader.toNext(safe), 3u);
-    EXPECT_EQ(safe, 33);
-
-    MDPutter md;
-    md.init(MdKind::CHANNEL);
-    md.reset(2, 2, 5);
-    auto mdPut = [&](int k) { MdKind::put(md, {Bytes(16), Bytes(16)}, 4, at(k)); };
-    mdPut(1);
-    EXPECT_EQ(RawSegment(MdKind::KEY).words(20, 5), (std::vector<int>{800, 0, 200, 400, 600}));
-    for (int k = 2; k <= 4; ++k) mdPut(k);
-    EXPECT_EQ(RawSegment(MdKind::KEY).words(20, 5), (std::vector<int>{200, 400, 600, 800, 0}));
-    MDGetter mdReader;
-    mdReader.init(MdKind::CHANNEL);
-    EXPECT_EQ(mdReader.toWorking(safe), 4u);
-    EXPECT_EQ(safe, 0);
-    EXPECT_EQ(mdReader.toNext(safe), 0u);  // slot 0, not written yet
-    EXPECT_EQ(safe, 200);
+    for (int a = 0; a < Kind::ARRAYS; ++a) EXPECT_EQ(Bytes(arrays[a], arrays[a] + 12), this->arrayOf(3, a, 12)) << a;
+    this->put(Kind::SLOTS + 3, 6);  // in place: shows through the pointers at once
+    EXPECT_EQ(Bytes(arrays[0], arrays[0] + 12), this->arrayOf(Kind::SLOTS + 3, 0, 12));
+    EXPECT_EQ(reader.tv_sec, 3);  // the members were copied by getFrame
+    for (int slot = 4; slot < Kind::SLOTS; ++slot) reader.toNext(got);
+    EXPECT_EQ(reader.toNext(got), static_cast<unsigned long long>(Kind::SLOTS));  // wrapped to slot 0
 }
 
 // The vibration level is clamped to 0..100; its index reaches the safe times
 // (indexes 1 to 5 are those of slots 0 to 4, until the next put) but no further.
-TEST(AnalysisVibration, isClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
-    IpcKeys keys{MdKind::KEY};
-    MDPutter putter;
+class Vibration : public Pool<MdKind> {};
+
+TEST_F(Vibration, isClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
     putter.init(MdKind::CHANNEL);
     putter.reset(2, 2, 5);
     MDGetter reader;
     reader.init(MdKind::CHANNEL);
-    EXPECT_EQ(reader.getVibration(0), FILL_WORD);
+    EXPECT_EQ(reader.getVibration(0), static_cast<int>(0xCCCCCCCC));
     const int cases[][2] = {{150, 100}, {-3, 0}, {42, 42}, {100, 100}, {0, 0}, {INT_MIN, 0}, {INT_MAX, 100}};
     for (const auto& c : cases) {
         putter.putVibration(0, c[0]);
@@ -211,11 +153,10 @@ TEST(AnalysisVibration, isClampedAndItsIndexReachesTheSafeTimesButNoFurther) {
     putter.putVibration(1, 77);
     putter.putVibration(5, 1000);
     EXPECT_EQ(RawSegment(MdKind::KEY).words(20, 5), (std::vector<int>{77, 0, 200, 400, 100}));
-    EXPECT_EQ(reader.getVibration(1), 77);
     int safe = -1;
     reader.toWorking(safe);
     for (int step = 0; step < 4; ++step) reader.toNext(safe);  // slots 2, 3, 4, 0
-    EXPECT_EQ(safe, 77);
+    EXPECT_EQ(std::make_pair(safe, reader.getVibration(1)), std::make_pair(77, 77));
     const Bytes before = RawSegment(MdKind::KEY).all();
     for (int index : {-1, -4, 6, 7, 1000, INT_MAX, INT_MIN}) putter.putVibration(index, 50);
     EXPECT_TRUE(RawSegment(MdKind::KEY).all() == before);
