@@ -86,9 +86,8 @@ public:
     void load(Input& in, int32_t near) {
         mapped_ = 0;  // the getter attaches anew, perhaps elsewhere
         memcpy(base_, image_.data(), size_);
-        if (in.byte() & 1) {  // the header's first words from the input as they come
+        if (in.byte() & 1)  // the header's first words from the input as they come
             for (size_t i = 0; i < 64 && i < size_; i += 4) store(i, static_cast<int32_t>(in.word()));
-        }
         for (int edits = in.byte() % 16; edits > 0; --edits) edit(in, near);
     }
     void edit(Input& in, int32_t near) {
@@ -127,7 +126,7 @@ private:
     std::vector<unsigned char> image_;
 };
 
-// The sets openSets planted, removed when the run ends: the writer's release
+// The sets baseImage planted, removed when the run ends: the writer's release
 // only removes the sets it made itself.
 struct PlantedSets {
     std::vector<key_t> keys;
@@ -136,22 +135,8 @@ struct PlantedSets {
     }
 } planted;
 
-// Sets under the kind's keys as large as any header could ask for, every lock
-// open: each wait returns at once and no set is ever missing. The writer's own
-// sets are replaced.
-[[maybe_unused]] void openSets(key_t firstKey, int groups, int count) {
-    for (int g = 0; g < groups; ++g) {
-        int old = semget(firstKey + g, 0, 0);
-        if (old != -1) semctl(old, 0, IPC_RMID);
-        if (semget(firstKey + g, count, IPC_CREAT | IPC_EXCL | 0600) == -1) fail("cannot plant the lock sets");
-        planted.keys.push_back(firstKey + g);
-    }
-}
-
-constexpr int MAX_CALLS = 48;
-
 // Loads a fresh image with words rewritten near `near`, attaches a Getter and makes
-// up to MAX_CALLS calls: op 0 to ops - 1 from an input byte, or op `ops`, a stray
+// up to 48 calls: op 0 to ops - 1 from an input byte, or op `ops`, a stray
 // write. Error, the kind's own, ends no call.
 template <class Getter, class Error, class Init, class Call>
 void fuzz(Input& in, Segment& segment, int32_t near, int ops, Init init, Call call) {
@@ -162,7 +147,7 @@ void fuzz(Input& in, Segment& segment, int32_t near, int ops, Init init, Call ca
     } catch (const Error&) {
         return;  // init refused the header
     }
-    for (int n = 0; n < MAX_CALLS && !in.empty(); ++n) {
+    for (int n = 0; n < 48 && !in.empty(); ++n) {
         try {
             if (int op = in.byte() % (ops + 1); op < ops) call(getter, op);
             else segment.edit(in, near);
@@ -171,10 +156,11 @@ void fuzz(Input& in, Segment& segment, int32_t near, int ops, Init init, Call ca
     }
 }
 
-// The ring searches, ops 0 to 5 (a GOP ring's under their own names), for the
-// scenario's seconds or anything; false for any other op.
+// The calls every ring kind has, ops 0 to 6: the searches (a GOP ring's under their
+// own names) for the scenario's seconds or anything, and the age probe; false for
+// any other op.
 template <class G>
-bool search(Input& in, int op, G& g) {
+bool ringCall(Input& in, int op, G& g) {
     int safe = 0, sec = op < 2 ? 0 : in.byte() & 1 ? 1000 + in.byte() % 80 : in.value(1000, 0);
     int us = op == 3 || op == 5 ? in.value(0, 1000000) : 0;
     constexpr bool gops = std::is_same_v<G, MP4Getter>;
@@ -185,6 +171,7 @@ bool search(Input& in, int op, G& g) {
         case 3: if constexpr (gops) g.toOldestWorkingGop(safe, sec, us); else g.toOldestWorking(safe, sec, us); break;
         case 4: if constexpr (gops) g.toExactWorkingGop(safe, sec); else g.toExactWorking(safe, sec); break;
         case 5: if constexpr (gops) g.toExactWorkingGop(safe, sec, us); else g.toExactWorking(safe, sec, us); break;
+        case 6: g.probeAge(in.byte()); break;
         default: return false;
     }
     return true;
@@ -192,15 +179,20 @@ bool search(Input& in, int op, G& g) {
 
 // ------------------------------------------------------------------ kinds
 // Each kind's base image: its pool as the interop scenario leaves it (every ring
-// wrapped), the writer kept for the whole run.
-
+// wrapped), the writer kept for the whole run. Its lock sets (`groups` of them from
+// the first key) are replaced by sets as large as any header could ask for, every
+// lock open: each wait returns at once and no set is ever missing.
 template <class Writer>
 Segment& baseImage(const char* kind, int groups = 1) {
     static Segment segment = [&] {
         golden::filled<Writer>();
         const golden::Placement* place = golden::PLACES;
         while (strcmp(place->name, kind) != 0) ++place;
-        openSets(place->sets.front(), groups, 250);
+        for (key_t key = place->sets.front(); key < place->sets.front() + groups; ++key) {
+            semctl(semget(key, 0, 0), 0, IPC_RMID);
+            if (semget(key, 250, IPC_CREAT | IPC_EXCL | 0600) == -1) fail("cannot plant the lock sets");
+            planted.keys.push_back(key);
+        }
         return Segment(place->segment);
     }();
     return segment;
@@ -210,18 +202,15 @@ Segment& baseImage(const char* kind, int groups = 1) {
 void runOne(Input& in) {
     Segment& segment = baseImage<JPGPutter>("jpg");
     auto init = [](JPGGetter& g) { g.init(golden::JPG_CHANNEL); };
-    fuzz<JPGGetter, JPGGetterError>(in, segment, golden::JPG_SLOTS, 10, init, [&](JPGGetter& g, int op) {
-        if (search(in, op, g)) return;
+    fuzz<JPGGetter, JPGGetterError>(in, segment, golden::JPG_SLOTS, 11, init, [&](JPGGetter& g, int op) {
+        if (ringCall(in, op, g)) return;
         switch (op) {
-            case 6:
+            case 7:
                 g.getFrame();
                 segment.expectInside(g.frame.data, g.frame.frameLength, "JPEG frame");
                 break;
-            case 7: g.waitReady(); break;
-            case 8:
-                use(g.getFrameID());
-                g.probeAge(in.byte());
-                break;
+            case 8: g.waitReady(); break;
+            case 9: use(g.getFrameID()); break;
             default:
                 segment.expectInside(g.getLumQT(), 64, "quantisation table");
                 segment.expectInside(g.getChromQT(), 64, "quantisation table");
@@ -235,19 +224,16 @@ void runOne(Input& in) {
 void runOne(Input& in) {
     constexpr int FRAMES = golden::MP4_FRAMES;
     Segment& segment = baseImage<MP4Putter>("mp4", 4);
-    fuzz<MP4Getter, MP4GetterError>(in, segment, golden::MP4_GOPS * FRAMES, 10,
+    fuzz<MP4Getter, MP4GetterError>(in, segment, golden::MP4_GOPS * FRAMES, 11,
                                     [](MP4Getter& g) { g.init(golden::MP4_CHANNEL); }, [&](MP4Getter& g, int op) {
         int k = in.byte() % 2 ? in.byte() % (FRAMES + 2) - 1 : in.value(FRAMES, 1000);
-        if (search(in, op, g)) return;
+        if (ringCall(in, op, g)) return;
         switch (op) {
-            case 6:
+            case 7:
                 if (g.getFrameData(k) != 0) segment.expectInside(g.frameData, g.frameLength, "video frame");
                 break;
-            case 7: g.waitFrameReady(k); break;
-            case 8:
-                use(g.getGopID(), g.getSafeTime());
-                g.probeAge(in.byte());
-                break;
+            case 8: g.waitFrameReady(k); break;
+            case 9: use(g.getGopID(), g.getSafeTime()); break;
             default:
                 use(g.getOneSafeTime(), g.getWorkingFPS(), g.getWorkingWidth(), g.getWorkingHeight(), g.getRealFPS());
                 break;
@@ -264,10 +250,10 @@ void runAudio(Input& in, const char* kind, const golden::Audio& audio) {
         if constexpr (std::is_same_v<Getter, AACGetter>) g.init(audio.channel);
         else g.init();
     };
-    fuzz<Getter, Error>(in, segment, AUDIO_SLOT_COUNT, 10, init, [&](Getter& g, int op) {
-        if (search(in, op, g)) return;
+    fuzz<Getter, Error>(in, segment, AUDIO_SLOT_COUNT, 11, init, [&](Getter& g, int op) {
+        if (ringCall(in, op, g)) return;
         switch (op) {
-            case 6: {
+            case 7: {
                 // The length is the writer's word (Opus records it as given); the
                 // data is the slot's fixed buffer.
                 g.getFragment();
@@ -275,11 +261,8 @@ void runAudio(Input& in, const char* kind, const golden::Audio& audio) {
                 segment.expectInside(g.fragment.data, length < 0 || length > capacity ? capacity : length, "fragment");
                 break;
             }
-            case 7: g.waitReady(); break;
-            case 8:
-                use(g.getFragmentID(), g.getSafeTime());
-                g.probeAge(in.byte());
-                break;
+            case 8: g.waitReady(); break;
+            case 9: use(g.getFragmentID(), g.getSafeTime()); break;
             default: use(g.getWorkingFormat(), g.getWorkingChannels(), g.getWorkingRate()); break;
         }
     });

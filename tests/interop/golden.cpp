@@ -36,18 +36,17 @@ int dump(const std::string& dir) {
         if (place.segment == INFOS_KEY && bytes.size() == sizeof(InfoArea))
             for (int s = 0; s < MAX_USER_SLATS; ++s)
                 memset(&bytes[offsetof(InfoArea, slats) + s * sizeof(UserSlat) + offsetof(UserSlat, loginTime)], 0, 4);
-        std::string locks;
-        for (key_t set : place.sets) {
-            locks += "\nlocks " + std::to_string(set) + ":";
-            for (int v : harness::lockValues(set, harness::semCountAt(set))) locks += " " + std::to_string(v);
-        }
         FILE* out = fopen((dir + "/" + place.name + ".dump").c_str(), "wb");
         if (out == nullptr || bytes.empty()) {
             fprintf(stderr, "FAIL %s: no segment, or no file to write it to\n", place.name);
             return 1;
         }
         fwrite(bytes.data(), 1, bytes.size(), out);
-        fprintf(out, "%s\n", locks.c_str());
+        for (key_t set : place.sets) {
+            fprintf(out, "\nlocks %d:", static_cast<int>(set));
+            for (int v : harness::lockValues(set, harness::semCountAt(set))) fprintf(out, " %d", v);
+        }
+        fprintf(out, "\n");
         fclose(out);
     }
     return 0;
@@ -202,15 +201,6 @@ void readAnalysis(G& getter, const Analysis& a) {
     }
 }
 
-struct User {
-    int slat, type;
-    std::string name, info;
-};
-const User USERS[] = {{0, 4, "operator", "192.168.1.20"},
-                      {1, 2, std::string(LONG_NAME, 31), std::string(LONG_INFO, 63)},
-                      {2, 3, "recorder", "10.0.0.9"}};
-
-
 void readInfos() {
     InfosGetter getter;
     getter.init(INFOS_KEY);
@@ -241,11 +231,13 @@ void readInfos() {
                "width, height, videoParam3, audio parameters)",
                want, got);
     }
+    const std::string users[] = {values(0, 4, "operator", "192.168.1.20"),
+                                 values(1, 2, std::string(LONG_NAME, 31), std::string(LONG_INFO, 63)),
+                                 values(2, 3, "recorder", "10.0.0.9")};
     UserSlat list[MAX_USER_SLATS];
     expect("infos users", "count", values(3), values(getter.getUserList(reinterpret_cast<char*>(list), sizeof list)));
     for (int u = 0; u < 3; ++u)
-        expect(nth("infos user", u), "slatID, userType, userName, userInfo",
-               values(USERS[u].slat, USERS[u].type, USERS[u].name, USERS[u].info),
+        expect(nth("infos user", u), "slatID, userType, userName, userInfo", users[u],
                values(list[u].slatID, list[u].userType, list[u].userName, list[u].userInfo));
 }
 
