@@ -1,30 +1,36 @@
-// One reader's calls on a segment of fuzzed bytes. A real writer fills the pool
-// once (the base image); every input rewrites words of that image in the segment,
-// attaches a getter and drives it with calls, rewriting further words between them
-// as a stray process would. The getter may throw its own error; it must not fault,
+// One reader's calls on a segment of fuzzed bytes. A real writer runs the interop
+// scenario once (the base image); every input rewrites words of that image in the
+// segment, attaches a getter and drives it with calls, rewriting further words
+// between them as a stray process would. The getter may throw its own error; it must not fault,
 // hang, or hand out a pointer and length that leave the segment. Built per kind
-// (AVPOOL_FUZZ_JPG, ..._INFOS), with libFuzzer or with the seeded random driver.
-#include <avpool/avpool.h>
+// (AVPOOL_FUZZ_JPG, ..._INFOS), for libFuzzer or with the seeded random driver at
+// the end (AVPOOL_FUZZ_DRIVER).
+#include "../interop/scenario.h"
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <random>
+#include <string>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <type_traits>
+#include <unistd.h>
 #include <vector>
 
-// Where a fault is reported: stderr, unless the driver silenced it and kept
-// the real one elsewhere.
-extern "C" {
-__attribute__((weak)) int avpool_fuzz_report_fd = 2;
-}
-
 namespace {
+
+// Where a fault is reported: stderr, unless the driver silenced it and kept the
+// real one elsewhere.
+int reportFd = 2;
 
 // The input, read front to back; past its end every read gives 0.
 class Input {
@@ -52,7 +58,7 @@ private:
 };
 
 [[noreturn]] void fail(const char* what) {
-    dprintf(avpool_fuzz_report_fd, "getter fault: %s\n", what);
+    dprintf(reportFd, "getter fault: %s\n", what);
     abort();
 }
 
@@ -80,9 +86,8 @@ public:
     void load(Input& in, int32_t near) {
         mapped_ = 0;  // the getter attaches anew, perhaps elsewhere
         memcpy(base_, image_.data(), size_);
-        if (in.byte() & 1) {  // the header's first words from the input as they come
+        if (in.byte() & 1)  // the header's first words from the input as they come
             for (size_t i = 0; i < 64 && i < size_; i += 4) store(i, static_cast<int32_t>(in.word()));
-        }
         for (int edits = in.byte() % 16; edits > 0; --edits) edit(in, near);
     }
     void edit(Input& in, int32_t near) {
@@ -106,15 +111,12 @@ private:
     uintptr_t mappingOf(uintptr_t p) const {
         char name[32];
         snprintf(name, sizeof name, "/SYSV%08x", static_cast<unsigned>(key_));
-        FILE* maps = fopen("/proc/self/maps", "r");
-        char line[512];
-        uintptr_t found = 0;
-        while (maps != nullptr && found == 0 && fgets(line, sizeof line, maps) != nullptr) {
-            unsigned long lo = 0, hi = 0;
-            if (sscanf(line, "%lx-%lx", &lo, &hi) == 2 && p >= lo && p < hi && strstr(line, name) != nullptr) found = lo;
-        }
-        if (maps != nullptr) fclose(maps);
-        return found;
+        std::ifstream maps("/proc/self/maps");
+        unsigned long lo = 0, hi = 0;
+        for (std::string line; std::getline(maps, line);)
+            if (sscanf(line.c_str(), "%lx-%lx", &lo, &hi) == 2 && p >= lo && p < hi && line.find(name) != line.npos)
+                return lo;
+        return 0;
     }
 
     key_t key_;
@@ -124,7 +126,7 @@ private:
     std::vector<unsigned char> image_;
 };
 
-// The sets openSets planted, removed when the run ends: the writer's release
+// The sets baseImage planted, removed when the run ends: the writer's release
 // only removes the sets it made itself.
 struct PlantedSets {
     std::vector<key_t> keys;
@@ -133,33 +135,11 @@ struct PlantedSets {
     }
 } planted;
 
-// Sets under the kind's keys as large as any header could ask for, every lock
-// open: each wait returns at once and no set is ever missing. The writer's own
-// sets are replaced.
-[[maybe_unused]] void openSets(key_t firstKey, int groups, int count) {
-    for (int g = 0; g < groups; ++g) {
-        int old = semget(firstKey + g, 0, 0);
-        if (old != -1) semctl(old, 0, IPC_RMID);
-        if (semget(firstKey + g, count, IPC_CREAT | IPC_EXCL | 0600) == -1) fail("cannot plant the lock sets");
-        planted.keys.push_back(firstKey + g);
-    }
-}
-
-[[maybe_unused]] timeval at(int second, int microsecond) { return timeval{second, microsecond}; }
-
-[[maybe_unused]] std::vector<unsigned char> payload(int length, int seed) {
-    std::vector<unsigned char> bytes(length > 0 ? length : 1);
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(seed * 31 + i);
-    return bytes;
-}
-
-constexpr int FIRST_SECOND = 1000;
-constexpr int MAX_CALLS = 48;
-
 // Loads a fresh image with words rewritten near `near`, attaches a Getter and makes
-// up to MAX_CALLS calls (op: one input byte). Error, the kind's own, ends no call.
+// up to 48 calls: op 0 to ops - 1 from an input byte, or op `ops`, a stray
+// write. Error, the kind's own, ends no call.
 template <class Getter, class Error, class Init, class Call>
-void fuzz(Input& in, Segment& segment, int32_t near, Init init, Call call) {
+void fuzz(Input& in, Segment& segment, int32_t near, int ops, Init init, Call call) {
     segment.load(in, near);
     Getter getter;
     try {
@@ -167,184 +147,146 @@ void fuzz(Input& in, Segment& segment, int32_t near, Init init, Call call) {
     } catch (const Error&) {
         return;  // init refused the header
     }
-    for (int n = 0; n < MAX_CALLS && !in.empty(); ++n) {
+    for (int n = 0; n < 48 && !in.empty(); ++n) {
         try {
-            call(getter, in.byte());
+            if (int op = in.byte() % (ops + 1); op < ops) call(getter, op);
+            else segment.edit(in, near);
         } catch (const Error&) {
         }
     }
 }
 
-// The ring searches, ops 0 to 5 (a GOP ring's under their own names), for the
-// pool's own seconds or anything; false for any other op.
+// The calls every ring kind has, ops 0 to 6: the searches (a GOP ring's under their
+// own names) for the scenario's seconds or anything, and the age probe; false for
+// any other op.
 template <class G>
-bool search(Input& in, int op, G& g) {
-    int safe = 0, sec = op < 2 ? 0 : in.byte() & 1 ? FIRST_SECOND + in.byte() % 8 : in.value(FIRST_SECOND, 0);
-    int usec = op == 3 || op == 5 ? in.value(0, 1000000) : 0;
-    if constexpr (std::is_same_v<G, MP4Getter>) {
-        switch (op) {
-            case 0: g.toWorkingGop(safe); break;
-            case 1: g.toNextGop(safe); break;
-            case 2: g.toOldestWorkingGop(safe, sec); break;
-            case 3: g.toOldestWorkingGop(safe, sec, usec); break;
-            case 4: g.toExactWorkingGop(safe, sec); break;
-            case 5: g.toExactWorkingGop(safe, sec, usec); break;
-            default: return false;
-        }
-    } else {
-        switch (op) {
-            case 0: g.toWorking(safe); break;
-            case 1: g.toNext(safe); break;
-            case 2: g.toOldestWorking(safe, sec); break;
-            case 3: g.toOldestWorking(safe, sec, usec); break;
-            case 4: g.toExactWorking(safe, sec); break;
-            case 5: g.toExactWorking(safe, sec, usec); break;
-            default: return false;
-        }
+bool ringCall(Input& in, int op, G& g) {
+    int safe = 0, sec = op < 2 ? 0 : in.byte() & 1 ? 1000 + in.byte() % 80 : in.value(1000, 0);
+    int us = op == 3 || op == 5 ? in.value(0, 1000000) : 0;
+    constexpr bool gops = std::is_same_v<G, MP4Getter>;
+    switch (op) {
+        case 0: if constexpr (gops) g.toWorkingGop(safe); else g.toWorking(safe); break;
+        case 1: if constexpr (gops) g.toNextGop(safe); else g.toNext(safe); break;
+        case 2: if constexpr (gops) g.toOldestWorkingGop(safe, sec); else g.toOldestWorking(safe, sec); break;
+        case 3: if constexpr (gops) g.toOldestWorkingGop(safe, sec, us); else g.toOldestWorking(safe, sec, us); break;
+        case 4: if constexpr (gops) g.toExactWorkingGop(safe, sec); else g.toExactWorking(safe, sec); break;
+        case 5: if constexpr (gops) g.toExactWorkingGop(safe, sec, us); else g.toExactWorking(safe, sec, us); break;
+        case 6: g.probeAge(in.byte()); break;
+        default: return false;
     }
     return true;
 }
 
 // ------------------------------------------------------------------ kinds
-// Each kind's runOne keeps its writer and base image for the whole run.
+// Each kind's base image: its pool as the interop scenario leaves it (every ring
+// wrapped), the writer kept for the whole run. Its lock sets (`groups` of them from
+// the first key) are replaced by sets as large as any header could ask for, every
+// lock open: each wait returns at once and no set is ever missing.
+template <class Writer>
+Segment& baseImage(const char* kind, int groups = 1) {
+    static Segment segment = [&] {
+        golden::filled<Writer>();
+        const golden::Placement* place = golden::PLACES;
+        while (strcmp(place->name, kind) != 0) ++place;
+        for (key_t key = place->sets.front(); key < place->sets.front() + groups; ++key) {
+            semctl(semget(key, 0, 0), 0, IPC_RMID);
+            if (semget(key, 250, IPC_CREAT | IPC_EXCL | 0600) == -1) fail("cannot plant the lock sets");
+            planted.keys.push_back(key);
+        }
+        return Segment(place->segment);
+    }();
+    return segment;
+}
 
 #if defined(AVPOOL_FUZZ_JPG)
 void runOne(Input& in) {
-    constexpr int SLOTS = 30;
-    static JPGPutter writer;
-    static Segment segment = [] {
-        writer.init(0, SLOTS, 1500, 6000 + 52 * SLOTS);
-        writer.reset(640, 480, 25, 80);
-        for (int i = 0; i < 90; ++i) {
-            int length = (i * 397) % 1500;
-            writer.putFrame(payload(length, i).data(), length, at(FIRST_SECOND + i / 25, (i % 25) * 40000));
-        }
-        openSets(JPG_BASE_KEY, 1, SLOTS);
-        return Segment(JPG_BASE_KEY);
-    }();
-    fuzz<JPGGetter, JPGGetterError>(in, segment, SLOTS, [](JPGGetter& g) { g.init(0); }, [&](JPGGetter& g, int op) {
-        if (search(in, op % 11, g)) return;
-        switch (op % 11) {
-            case 6:
+    Segment& segment = baseImage<JPGPutter>("jpg");
+    auto init = [](JPGGetter& g) { g.init(golden::JPG_CHANNEL); };
+    fuzz<JPGGetter, JPGGetterError>(in, segment, golden::JPG_SLOTS, 11, init, [&](JPGGetter& g, int op) {
+        if (ringCall(in, op, g)) return;
+        switch (op) {
+            case 7:
                 g.getFrame();
                 segment.expectInside(g.frame.data, g.frame.frameLength, "JPEG frame");
                 break;
-            case 7: g.waitReady(); break;
-            case 8:
-                use(g.getFrameID());
-                g.probeAge(in.byte());
-                break;
-            case 9:
+            case 8: g.waitReady(); break;
+            case 9: use(g.getFrameID()); break;
+            default:
                 segment.expectInside(g.getLumQT(), 64, "quantisation table");
                 segment.expectInside(g.getChromQT(), 64, "quantisation table");
                 use(g.getWorkingFPS(), g.getWorkingWidth(), g.getWorkingHeight(), g.getRealFPS());
                 break;
-            default: segment.edit(in, SLOTS); break;
         }
     });
 }
 
 #elif defined(AVPOOL_FUZZ_MP4)
 void runOne(Input& in) {
-    constexpr int GOPS = 4, FRAMES = 6;
-    static MP4Putter writer;
-    static Segment segment = [] {
-        writer.init(0, GOPS, FRAMES, 1200, GOPS * FRAMES * 52 + 5000);
-        writer.reset(320, 240, 30);
-        for (int i = 0; i < 60; ++i) {
-            int length = 1 + (i * 211) % 1200;
-            timeval t = at(FIRST_SECOND + i / 30, (i % 30) * 33000);
-            if (i % FRAMES == 0 || i % 17 == 0)
-                writer.putIFrame(payload(length, i).data(), length, t);
-            else
-                writer.putPFrame(payload(length, i).data(), length, t);
-        }
-        openSets(MP4_BASE_KEY, 4, 250);
-        return Segment(MP4_BASE_KEY);
-    }();
-    fuzz<MP4Getter, MP4GetterError>(in, segment, GOPS * FRAMES, [](MP4Getter& g) { g.init(0); }, [&](MP4Getter& g, int op) {
+    constexpr int FRAMES = golden::MP4_FRAMES;
+    Segment& segment = baseImage<MP4Putter>("mp4", 4);
+    fuzz<MP4Getter, MP4GetterError>(in, segment, golden::MP4_GOPS * FRAMES, 11,
+                                    [](MP4Getter& g) { g.init(golden::MP4_CHANNEL); }, [&](MP4Getter& g, int op) {
         int k = in.byte() % 2 ? in.byte() % (FRAMES + 2) - 1 : in.value(FRAMES, 1000);
-        if (search(in, op % 11, g)) return;
-        switch (op % 11) {
-            case 6:
+        if (ringCall(in, op, g)) return;
+        switch (op) {
+            case 7:
                 if (g.getFrameData(k) != 0) segment.expectInside(g.frameData, g.frameLength, "video frame");
                 break;
-            case 7: g.waitFrameReady(k); break;
-            case 8:
-                use(g.getGopID(), g.getSafeTime());
-                g.probeAge(in.byte());
-                break;
-            case 9:
+            case 8: g.waitFrameReady(k); break;
+            case 9: use(g.getGopID(), g.getSafeTime()); break;
+            default:
                 use(g.getOneSafeTime(), g.getWorkingFPS(), g.getWorkingWidth(), g.getWorkingHeight(), g.getRealFPS());
                 break;
-            default: segment.edit(in, GOPS * FRAMES); break;
         }
     });
 }
 
 #elif defined(AVPOOL_FUZZ_PCM) || defined(AVPOOL_FUZZ_AAC) || defined(AVPOOL_FUZZ_OPUS)
-// The audio kinds: 250 fragments of up to CAPACITY bytes (the ring wraps).
-template <class Writer, class Getter, class Error, int CAPACITY, class Setup, class Init>
-void runAudio(Input& in, key_t key, Setup setup, Init init) {
-    static Writer writer;
-    static Segment segment = [&] {
-        setup(writer);
-        std::vector<unsigned char> bytes = payload(PCM_FRAGMENT_SIZE, 7);
-        for (int i = 0; i < 250; ++i)
-            writer.putFragment(bytes.data(), 1 + i % CAPACITY, at(FIRST_SECOND + i / 8, i % 8 * 125000));
-        openSets(key, 1, 250);
-        return Segment(key);
-    }();
-    fuzz<Getter, Error>(in, segment, AUDIO_SLOT_COUNT, init, [&](Getter& g, int op) {
-        if (search(in, op % 11, g)) return;
-        switch (op % 11) {
-            case 6: {
+// The audio kinds: fragments of up to the kind's capacity round the 200 slots.
+template <class Writer, class Getter, class Error>
+void runAudio(Input& in, const char* kind, const golden::Audio& audio) {
+    Segment& segment = baseImage<Writer>(kind);
+    auto init = [&](Getter& g) {
+        if constexpr (std::is_same_v<Getter, AACGetter>) g.init(audio.channel);
+        else g.init();
+    };
+    fuzz<Getter, Error>(in, segment, AUDIO_SLOT_COUNT, 11, init, [&](Getter& g, int op) {
+        if (ringCall(in, op, g)) return;
+        switch (op) {
+            case 7: {
                 // The length is the writer's word (Opus records it as given); the
                 // data is the slot's fixed buffer.
                 g.getFragment();
-                int length = g.fragment.length;
-                segment.expectInside(g.fragment.data, length < 0 || length > CAPACITY ? CAPACITY : length, "fragment");
+                int length = g.fragment.length, capacity = audio.capacity;
+                segment.expectInside(g.fragment.data, length < 0 || length > capacity ? capacity : length, "fragment");
                 break;
             }
-            case 7: g.waitReady(); break;
-            case 8:
-                use(g.getFragmentID(), g.getSafeTime());
-                g.probeAge(in.byte());
-                break;
-            case 9: use(g.getWorkingFormat(), g.getWorkingChannels(), g.getWorkingRate()); break;
-            default: segment.edit(in, AUDIO_SLOT_COUNT); break;
+            case 8: g.waitReady(); break;
+            case 9: use(g.getFragmentID(), g.getSafeTime()); break;
+            default: use(g.getWorkingFormat(), g.getWorkingChannels(), g.getWorkingRate()); break;
         }
     });
 }
 
 void runOne(Input& in) {
 #if defined(AVPOOL_FUZZ_PCM)
-    runAudio<PCMPutter, PCMGetter, PCMGetterError, PCM_FRAGMENT_SIZE>(
-        in, PCM_KEY, [](PCMPutter& w) { w.init(), w.reset(16, 1, 8000); }, [](PCMGetter& g) { g.init(); });
+    runAudio<PCMPutter, PCMGetter, PCMGetterError>(in, "pcm", golden::PCM_AUDIO);
 #elif defined(AVPOOL_FUZZ_AAC)
-    runAudio<AACPutter, AACGetter, AACGetterError, AAC_MAX_FRAGMENT_SIZE>(
-        in, AAC_BASE_KEY, [](AACPutter& w) { w.init(0), w.reset(16, 2, 44100, 0x1588); }, [](AACGetter& g) { g.init(0); });
+    runAudio<AACPutter, AACGetter, AACGetterError>(in, "aac", golden::AAC_AUDIO);
 #else
-    runAudio<OPUSPutter, OPUSGetter, OPUSGetterError, OPUS_FRAGMENT_SIZE>(
-        in, OPUS_KEY, [](OPUSPutter& w) { w.init(), w.reset(8, 1, 8000); }, [](OPUSGetter& g) { g.init(); });
+    runAudio<OPUSPutter, OPUSGetter, OPUSGetterError>(in, "opus", golden::OPUS_AUDIO);
 #endif
 }
 
 #elif defined(AVPOOL_FUZZ_LUM) || defined(AVPOOL_FUZZ_MD)
-// The analysis kinds: a few records with their payload inline, 64 x 48 elements.
-template <class Writer, class Getter, class Error, key_t KEY, int SLOTS, class Put, class Check>
-void runAnalysis(Input& in, Put put, Check check) {
-    static Writer writer;
-    static Segment segment = [&] {
-        writer.init(0);
-        writer.reset(64, 48, 30);
-        for (int i = 0; i < 2 * SLOTS + 1; ++i) put(writer, at(FIRST_SECOND + i / 30, i % 30 * 33000));
-        openSets(KEY, 1, SLOTS);
-        return Segment(KEY);
-    }();
-    fuzz<Getter, Error>(in, segment, SLOTS, [](Getter& g) { g.init(0); }, [&](Getter& g, int op) {
+// The analysis kinds: a few records with their payload inline.
+template <class Writer, class Getter, class Error, class Check>
+void runAnalysis(Input& in, const golden::Analysis& analysis, Check check) {
+    Segment& segment = baseImage<Writer>(analysis.name);
+    auto init = [&](Getter& g) { g.init(analysis.channel); };
+    fuzz<Getter, Error>(in, segment, analysis.slots, 5, init, [&](Getter& g, int op) {
         int safe = 0;
-        switch (op % 6) {
+        switch (op) {
             case 0: use(g.toWorking(safe)); break;
             case 1: use(g.toNext(safe)); break;
             case 2:
@@ -352,66 +294,38 @@ void runAnalysis(Input& in, Put put, Check check) {
                 check(g, segment);
                 break;
             case 3: g.waitReady(); break;
-            case 4: use(g.getFrameID(), g.getWorkingFPS(), g.getWorkingWidth(), g.getWorkingHeight()); break;
-            default: segment.edit(in, SLOTS); break;
+            default: use(g.getFrameID(), g.getWorkingFPS(), g.getWorkingWidth(), g.getWorkingHeight()); break;
         }
     });
 }
 
 void runOne(Input& in) {
 #if defined(AVPOOL_FUZZ_LUM)
-    runAnalysis<LUMPutter, LUMGetter, LUMGetterError, LUM_BASE_KEY, LUM_FRAME_COUNT>(
-        in, [](LUMPutter& w, const timeval& t) { w.putFrame(payload(2 * 64 * 48, 3).data(), 64 * 48, t); },
-        [](LUMGetter& g, Segment& s) { s.expectInside(g.samples, 2 * LUM_MAX_SAMPLES, "luminance samples"); });
+    runAnalysis<LUMPutter, LUMGetter, LUMGetterError>(in, golden::LUM_ANALYSIS, [](LUMGetter& g, Segment& s) {
+        s.expectInside(g.samples, 2 * LUM_MAX_SAMPLES, "luminance samples");
+    });
 #else
-    runAnalysis<MDPutter, MDGetter, MDGetterError, MD_BASE_KEY, MD_FRAME_COUNT>(
-        in,
-        [](MDPutter& w, const timeval& t) {
-            std::vector<unsigned char> bytes = payload(4 * 64 * 48, 5);
-            w.putFrame(bytes.data(), bytes.data(), 64 * 48, t);
-        },
-        [](MDGetter& g, Segment& s) {
-            s.expectInside(g.firstArray, 4 * MD_MAX_ELEMENTS, "first motion array");
-            s.expectInside(g.secondArray, 4 * MD_MAX_ELEMENTS, "second motion array");
-            use(g.getVibration(g.frameLength % 8 - 1));  // -1 and 8 throw
-        });
+    runAnalysis<MDPutter, MDGetter, MDGetterError>(in, golden::MD_ANALYSIS, [](MDGetter& g, Segment& s) {
+        s.expectInside(g.firstArray, 4 * MD_MAX_ELEMENTS, "first motion array");
+        s.expectInside(g.secondArray, 4 * MD_MAX_ELEMENTS, "second motion array");
+        use(g.getVibration(g.frameLength % 8 - 1));  // -1 and 8 throw
+    });
 #endif
 }
 
 #elif defined(AVPOOL_FUZZ_INFOS)
-// The information area: profiles, blobs and users as an encoder and servers leave
-// them; the budget's set is put back to a free lock for every input.
+// The information area as an encoder and servers leave it; the budget's set is put
+// back to a free lock for every input.
 void runOne(Input& in) {
-    static InfosPutter encoder;
-    static int budgetSet = -1;
-    static Segment segment = [] {
-        encoder.init(INFOS_KEY);
-        encoder.putSizeofPools(3);
-        encoder.putMaxConn(10);
-        for (int p = 0; p < 3; ++p) {
-            encoder.putInfo(p, 2, p, 1);
-            encoder.putVideoInfo(p, 640 * (p + 1), 480, 30);
-            encoder.putAudioInfo(p, 16, 1, 8000, 128);
-            encoder.putSharedMemSize(p, 100000 + p);
-            auto* sdp = reinterpret_cast<SDPBlock*>(encoder.GetSDPHeader(p));
-            snprintf(reinterpret_cast<char*>(sdp->sdpHeader), 256, "m=video 0 RTP/AVP 96");
-            sdp->spsSize = 12;
-            sdp->ppsSize = 4;
-            sdp->volSize = 20;
-        }
-        InfosGetter server;
-        server.init(INFOS_KEY);
-        for (int u = 0; u < 3; ++u) server.takeConn("viewer", "10.0.0.1", 1, 1 + u, false);
-        budgetSet = semget(INFOS_KEY, 0, 0);
-        return Segment(INFOS_KEY);
-    }();
+    static Segment segment = (golden::filled<InfosPutter>(), Segment(INFOS_KEY));
+    static int budgetSet = semget(INFOS_KEY, 0, 0);
     unsigned short free[12] = {1};
     semctl(budgetSet, 0, SETALL, free);
-    fuzz<InfosGetter, InfosGetterError>(in, segment, MAX_MEDIA_POOL, [](InfosGetter& g) { g.init(INFOS_KEY); },
+    fuzz<InfosGetter, InfosGetterError>(in, segment, MAX_MEDIA_POOL, 15, [](InfosGetter& g) { g.init(INFOS_KEY); },
                                         [&](InfosGetter& g, int op) {
         int profile = in.byte() % 2 ? in.byte() % 7 - 1 : in.value(MAX_MEDIA_POOL, 0);
         int a = 0, b = 0, c = 0;
-        switch (op % 16) {
+        switch (op) {
             case 0: g.getInfo(profile, a, b, c); break;
             case 1: g.getVideoInfo(profile, a, b, c); break;
             case 2: g.getAudioInfo(profile, a, b, c); break;
@@ -434,12 +348,11 @@ void runOne(Input& in) {
                 if (g.getUserList(list, room) * USER_SLAT_SIZE > room) fail("user list overran its buffer");
                 break;
             }
-            case 14:
+            default:
                 g.allocUserSlat("a", "b", in.value(1, 10), 4);
                 g.deleteUserSlat(in.value(MAX_USER_SLATS, 0));
                 g.resetUserSlat("c", nullptr, in.value(MAX_USER_SLATS, 0));
                 break;
-            default: segment.edit(in, MAX_MEDIA_POOL); break;
         }
     });
 }
@@ -455,3 +368,48 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     runOne(in);
     return 0;
 }
+
+#if defined(AVPOOL_FUZZ_DRIVER)
+// Without libFuzzer: seeded random inputs for a bounded number of runs and seconds
+// (--runs N --seconds S --seed N). The getters' own lines on stderr are silenced; a
+// fault or a hang prints the input that caused it, in hex, before the process dies.
+namespace {
+std::vector<uint8_t> input;
+
+void report(int sig) {
+    dprintf(reportFd, "\nsignal %d on input of %zu bytes:\n", sig, input.size());
+    for (uint8_t b : input) dprintf(reportFd, "%02x", b);
+    dprintf(reportFd, "\n");
+    signal(sig == SIGALRM ? SIGABRT : sig, SIG_DFL);  // a hang ends as an abort
+    raise(sig == SIGALRM ? SIGABRT : sig);
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+    long runs = 10000;
+    double seconds = 10;
+    unsigned seed = 1;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::string arg = argv[i];
+        if (arg == "--runs") runs = atol(argv[i + 1]);
+        if (arg == "--seconds") seconds = atof(argv[i + 1]);
+        if (arg == "--seed") seed = static_cast<unsigned>(atol(argv[i + 1]));
+    }
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(sig, report);
+    reportFd = dup(2);
+    dup2(open("/dev/null", O_WRONLY), 2);
+    std::mt19937 random(seed);
+    auto start = std::chrono::steady_clock::now();
+    auto took = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+    long done = 0;
+    for (; done < runs && took() <= seconds; ++done) {
+        input.resize(random() % 512);
+        for (uint8_t& b : input) b = static_cast<uint8_t>(random());
+        alarm(10);
+        LLVMFuzzerTestOneInput(input.data(), input.size());
+        alarm(0);
+    }
+    dprintf(reportFd, "%ld random inputs in %.1f s (seed %u), no fault\n", done, took(), seed);
+    return 0;
+}
+#endif

@@ -1,11 +1,9 @@
 #!/bin/sh
 # Holds two builds of avpool_golden against each other (e.g. x86_64 and armhf) in one
 # private IPC namespace:   tests/interop/run-golden.sh FIRST_BUILD_DIR SECOND_BUILD_DIR
-# Each build dumps the scenario (the dumps must be identical, kind by kind); then the
-# first serves its pools and the second reads them, ending blocked in waitReady until
-# the first puts a frame, and the other way round (one build given twice: reads its
-# own). ARM programs run through qemu-arm (AVPOOL_QEMU_ARM, libraries from
-# AVPOOL_ARMHF_ROOT) on other machines; every process under `timeout 60`.
+# Both dump the scenario (identical dumps, kind by kind); then each reads the other's
+# pools, ending blocked in waitReady until the writer puts a frame. ARM programs run
+# through qemu-arm (AVPOOL_QEMU_ARM, AVPOOL_ARMHF_ROOT) elsewhere, all under `timeout 60`.
 set -u
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -18,8 +16,7 @@ second=$(cd "$3" && pwd)/tests/interop/avpool_golden
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-golden.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 trap 'exit 130' HUP INT PIPE TERM
-passed=0
-failed=0
+passed=0 failed=0
 
 arch_of() {  # the ELF machine field, bytes 18-19
     case "$(od -An -tx1 -j18 -N2 "$1" 2>/dev/null | tr -d ' \n')" in
