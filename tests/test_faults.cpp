@@ -178,11 +178,16 @@ void judge(Tally& tally, uint64_t before, uint64_t id, const unsigned char* data
 }
 
 // Attaches again and again (after "semop failed.": the writer's set is gone) and
-// reads with read(reader) until stopped.
-template <class Getter, class Error, class Read>
-int readAll(Tally& tally, Read read) {
+// reads every frame twice, each time after its lock opened, until stopped.
+template <class Kind>
+int readAll(Tally& tally, bool slow) {
+    constexpr bool video = std::is_same_v<Kind, Mp4Kind>;
     quiet();
-    Getter reader;
+    typename Kind::Getter reader;
+    auto take = [&reader](int k) -> uint64_t {  // the frame's ID; the frame copied out
+        if constexpr (video) return reader.waitFrameReady(k), reader.getFrameData(k);
+        else return reader.waitReady(), reader.getFrame(), reader.getFrameID();
+    };
     while (!stopped(tally)) {
         bool attached = false;
         try {
@@ -190,8 +195,16 @@ int readAll(Tally& tally, Read read) {
             reader.init(CHANNEL);
             attached = true;
             add(tally.attaches);
-            read(reader);
-        } catch (const Error& e) {
+            int safe = 0;
+            for (Kind::toWorking(reader, safe); !stopped(tally); Kind::toNext(reader, safe)) {
+                for (int k = 0; k < (video ? FRAMES_PER_GOP : 1); ++k) {
+                    const uint64_t before = take(k), after = take(k);
+                    if constexpr (video) judge(tally, before, after, reader.frameData, reader.frameLength);
+                    else judge(tally, before, after, reader.frame.data, reader.frame.frameLength);
+                    if (slow) usleep(1500);
+                }
+            }
+        } catch (const typename Kind::GetterError& e) {
             if (!attached) usleep(100);  // "pool not ready." while the writer sets up, or its set gone
             else if (strcmp(e.what(), "frame overwritten.") == 0) add(tally.rejected);
         }
@@ -199,70 +212,32 @@ int readAll(Tally& tally, Read read) {
     return 0;
 }
 
-int readJpeg(Tally& tally, bool slow) {
-    return readAll<JPGGetter, JPGGetterError>(tally, [&](JPGGetter& reader) {
-        int safe = 0;
-        for (reader.toWorking(safe); !stopped(tally); reader.toNext(safe)) {
-            reader.waitReady();
-            reader.getFrame();
-            const uint64_t id = reader.getFrameID();
-            reader.waitReady();
-            reader.getFrame();
-            judge(tally, id, reader.getFrameID(), reader.frame.data, reader.frame.frameLength);
-            if (slow) usleep(1500);
-        }
-    });
-}
-
-int readVideo(Tally& tally, bool slow) {
-    return readAll<MP4Getter, MP4GetterError>(tally, [&](MP4Getter& reader) {
-        int safe = 0;
-        for (reader.toWorkingGop(safe); !stopped(tally); reader.toNextGop(safe)) {
-            for (int k = 0; k < FRAMES_PER_GOP; ++k) {
-                reader.waitFrameReady(k);
-                const uint64_t before = reader.getFrameData(k);
-                reader.waitFrameReady(k);
-                judge(tally, before, reader.getFrameData(k), reader.frameData, reader.frameLength);
-                if (slow) usleep(1500);
-            }
-        }
-    });
-}
-
-// One writer's run: frames of up to max bytes back to back, each a little apart,
+// One writer's run: frames of up to MAX bytes back to back, each a little apart,
 // until killed (or, for the last run, a number of frames and then a clean end).
-template <class Put>
-int writeAll(ChildLink& link, int generation, int frames, int max, Put put) {
+template <class Kind>
+int writeAll(ChildLink& link, int generation, int frames) {
+    constexpr bool video = std::is_same_v<Kind, Mp4Kind>;
+    constexpr int MAX = video ? 2000 : 3000;
+    quiet();
+    typename Kind::Putter writer;
+    if constexpr (video) {
+        writer.init(CHANNEL, 4, FRAMES_PER_GOP, MAX, 4 * FRAMES_PER_GOP * 52 + 12000);
+        writer.reset(64, 48, 500);
+    } else {
+        writer.init(CHANNEL, 6, MAX, 52 * 6 + 12000);
+        writer.reset(64, 48, 500, 80);
+    }
     link.say("up");
     for (uint64_t id = 1; frames < 0 || id <= static_cast<uint64_t>(frames); ++id) {
-        Bytes frame = stamped(id, 12 + static_cast<int>((id * 977 + generation * 31) % (max - 12)));
+        Bytes frame = stamped(id, 12 + static_cast<int>((id * 977 + generation * 31) % (MAX - 12)));
         timeval now;
         gettimeofday(&now, nullptr);
-        put(frame.data(), static_cast<int>(frame.size()), now, id);
+        if constexpr (!video) writer.putFrame(frame.data(), static_cast<int>(frame.size()), now);
+        else if ((id - 1) % FRAMES_PER_GOP == 0) writer.putIFrame(frame.data(), static_cast<int>(frame.size()), now);
+        else writer.putPFrame(frame.data(), static_cast<int>(frame.size()), now);
         usleep(200);
     }
     return 0;
-}
-
-int writeJpeg(ChildLink& link, int generation, int frames) {
-    quiet();
-    JPGPutter writer;
-    writer.init(CHANNEL, 6, 3000, 52 * 6 + 12000);
-    writer.reset(64, 48, 500, 80);
-    return writeAll(link, generation, frames, 3000, [&](unsigned char* data, int length, const timeval& now, uint64_t) {
-        writer.putFrame(data, length, now);
-    });
-}
-
-int writeVideo(ChildLink& link, int generation, int frames) {
-    quiet();
-    MP4Putter writer;
-    writer.init(CHANNEL, 4, FRAMES_PER_GOP, 2000, 4 * FRAMES_PER_GOP * 52 + 12000);
-    writer.reset(64, 48, 500);
-    return writeAll(link, generation, frames, 2000, [&](unsigned char* data, int length, const timeval& now, uint64_t id) {
-        if ((id - 1) % FRAMES_PER_GOP == 0) writer.putIFrame(data, length, now);
-        else writer.putPFrame(data, length, now);
-    });
 }
 
 }  // namespace
@@ -273,24 +248,25 @@ int writeVideo(ChildLink& link, int generation, int frames) {
 // up. AVPOOL_FAULT_CYCLES sets the number of kills for a long run.
 class WriterRestarts : public ::testing::Test {
 protected:
-    void run(int (*reader)(Tally&, bool), int (*writer)(ChildLink&, int, int)) {
+    template <class Kind>
+    void run() {
         Tally& shared = *tally;
         std::vector<std::unique_ptr<ForkedChild>> readers;
         for (int r = 0; r < READERS; ++r)
-            readers.push_back(std::make_unique<ForkedChild>([&shared, reader, r](ChildLink&) { return reader(shared, r >= 2); }));
+            readers.push_back(std::make_unique<ForkedChild>([&shared, r](ChildLink&) { return readAll<Kind>(shared, r >= 2); }));
         const int kills = faultCycles(60);
         unsigned random = 2024;
         for (int generation = 1; generation <= kills; ++generation) {
             random = random * 1103515245 + 12345;
             const unsigned r = random >> 8;
-            ForkedChild run([writer, generation](ChildLink& link) { return writer(link, generation, -1); });
+            ForkedChild run([generation](ChildLink& link) { return writeAll<Kind>(link, generation, -1); });
             std::string up;
             if (r % 4 != 0) run.readLine(up, 10000);
             usleep(r % 4 == 0 ? r % 300 : r % 6000);
             run.signal(SIGKILL);
             ASSERT_EQ(run.wait().signal, SIGKILL);
         }
-        ForkedChild last([writer, kills](ChildLink& link) { return writer(link, kills + 1, 150); });
+        ForkedChild last([kills](ChildLink& link) { return writeAll<Kind>(link, kills + 1, 150); });
         ASSERT_TRUE(last.wait(20000).ok());
         __atomic_store_n(&tally->stop, 1, __ATOMIC_SEQ_CST);
         int crashed = 0, hung = 0;
@@ -314,10 +290,10 @@ protected:
 
 TEST_F(WriterRestarts, jpegReadersNeverTakeATornFrameCrashOrHang) {
     IpcKeys keys{JPG_BASE_KEY + CHANNEL};
-    run(readJpeg, writeJpeg);
+    run<JpegKind>();
 }
 
 TEST_F(WriterRestarts, videoReadersNeverTakeATornFrameCrashOrHang) {
     IpcKeys keys{MP4_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL * 16};
-    run(readVideo, writeVideo);
+    run<Mp4Kind>();
 }
