@@ -49,10 +49,11 @@ void expectNotReady(key_t key, int channel, const std::vector<Scribble>& scribbl
 using JpegFaults = Pool<JpegKind>;
 using Mp4Faults = Pool<Mp4Kind>;
 
-// JPEG header: frameCount 0, prefix size 28, table offsets 160, 164, 168.
-TEST_F(JpegFaults, headerThatDescribesNoPoolMakesInitSayPoolNotReadyAndLeavesTheGetterDetached) {
+// JPEG header: frameCount 0, prefix size 28, table offsets 160, 164, 168. Record of
+// slot s at 196 + 48 * s: lock index at 8, length at 12, data position at 40.
+TEST_F(JpegFaults, corruptHeaderMakesInitSayPoolNotReadyAndRecordsOutsideTheRingAreSkipped) {
     JpegKind::start(putter);
-    put(1);
+    putRange(1, 3);  // slots 1 to 3, stamped 1 to 3
     expectNotReady<JPGGetterError, JPGGetter>(
         JpegKind::KEY, JpegKind::CHANNEL,
         {{0, 0, "frameCount not stored yet"}, {0, 31, "more slots than a pool has"}, {0, -1, "negative slot count"},
@@ -61,42 +62,8 @@ TEST_F(JpegFaults, headerThatDescribesNoPoolMakesInitSayPoolNotReadyAndLeavesThe
         [](JPGGetter& g) { g.getFrameID(); });
     JPGGetter reader;
     reader.init(JpegKind::CHANNEL);
-    EXPECT_EQ(reader.getFrameID(), 1u);
-    // A segment as a writer leaves it before its header: all zero, locks open.
-    putter.release();
-    reader.release();
-    ASSERT_NE(plantSegment(JpegKind::KEY, JpegKind::SEGMENT, 0), -1);
-    ASSERT_NE(plantSemSet(JpegKind::KEY, 6), -1);
-    EXPECT_EQ(failureOf<JPGGetterError>([&] { reader.init(JpegKind::CHANNEL); }).first, "pool not ready.");
-}
-
-// Video header: gopCount 0, framesPerGop 4, prefix size 36, data offset 48.
-TEST_F(Mp4Faults, headerThatDescribesNoPoolMakesInitSayPoolNotReady) {
-    Mp4Kind::start(putter);
-    put(1);
-    expectNotReady<MP4GetterError, MP4Getter>(
-        Mp4Kind::KEY, Mp4Kind::CHANNEL,
-        {{0, 0, "gopCount not stored yet"}, {4, 0, "no frames per GOP"}, {0, 334, "1002 slots"},
-         {0, 1431655766, "a product that wraps in 32 bits"}, {4, -2, "negative frames per GOP"},
-         {36, 0, "prefix size"}, {48, -52, "ring before the segment"}},
-        [](MP4Getter& g) { g.getGopID(); });
-    MP4Getter reader;
-    reader.init(Mp4Kind::CHANNEL);
     int safe = 0;
-    reader.toWorkingGop(safe);
-    for (int k : {-1, 3, INT_MAX})
-        EXPECT_EQ(failureOf<MP4GetterError>([&] { reader.getFrameData(k); }),
-                  std::make_pair(std::string("programming error"), std::string("programming error\n")));
-}
-
-// JPEG record: length at 12, lock index at 8, data position at 40.
-TEST_F(JpegFaults, recordsPointingOutsideTheRingAreSkippedAndARingWithNoneIntactIsReported) {
-    JpegKind::start(putter);
-    putRange(1, 3);  // slots 1 to 3, stamped 1 to 3
-    JPGGetter reader;
-    reader.init(JpegKind::CHANNEL);
-    int safe = 0;
-    const size_t one = 172 + 4 * 6 + 48;
+    const size_t one = 196 + 48;
     for (const Scribble& s : std::vector<Scribble>{{40, 1024, "position at the ring's end"},
                                                    {40, -8, "position before the ring"},
                                                    {12, 1024, "length past the ring's end"},
@@ -119,17 +86,33 @@ TEST_F(JpegFaults, recordsPointingOutsideTheRingAreSkippedAndARingWithNoneIntact
     ASSERT_TRUE(pokeWord(JpegKind::KEY, 196 + 48 * 2 + 8, 6));
     EXPECT_EQ(failureOf<JPGGetterError>([&] { reader.waitReady(); }),
               std::make_pair(std::string("semop failed."), std::string("semop failed: File too large\n")));
+    // A segment as a writer leaves it before its header: all zero, locks open.
+    putter.release();
+    reader.release();
+    ASSERT_NE(plantSegment(JpegKind::KEY, JpegKind::SEGMENT, 0), -1);
+    ASSERT_NE(plantSemSet(JpegKind::KEY, 6), -1);
+    EXPECT_EQ(failureOf<JPGGetterError>([&] { reader.init(JpegKind::CHANNEL); }).first, "pool not ready.");
 }
 
-// Video record: lock index at 28, length at 32, data position at 44.
-TEST_F(Mp4Faults, framesPointingOutsideTheRingAreNotFramesAndLockIndexesOutsideTheSetFailTheWait) {
+// Video header: gopCount 0, framesPerGop 4, prefix size 36, data offset 48. Record
+// of slot s at 124 + 48 * s: lock index at 28, length at 32, data position at 44.
+TEST_F(Mp4Faults, corruptHeaderMakesInitSayPoolNotReadyAndFramesOrLockIndexesOutsideTheRingAreRefused) {
     Mp4Kind::start(putter);
     putRange(1, 2);  // GOPs 1 and 2
+    expectNotReady<MP4GetterError, MP4Getter>(
+        Mp4Kind::KEY, Mp4Kind::CHANNEL,
+        {{0, 0, "gopCount not stored yet"}, {4, 0, "no frames per GOP"}, {0, 334, "1002 slots"},
+         {0, 1431655766, "a product that wraps in 32 bits"}, {4, -2, "negative frames per GOP"},
+         {36, 0, "prefix size"}, {48, -52, "ring before the segment"}},
+        [](MP4Getter& g) { g.getGopID(); });
     MP4Getter reader;
     reader.init(Mp4Kind::CHANNEL);
     int safe = 0;
     ASSERT_EQ(reader.toWorkingGop(safe), 2u);  // slots 6, 7 and 8
-    auto field = [](int slot, size_t offset) { return 52 + 4 * 18 + 48 * static_cast<size_t>(slot) + offset; };
+    for (int k : {-1, 3, INT_MAX})
+        EXPECT_EQ(failureOf<MP4GetterError>([&] { reader.getFrameData(k); }),
+                  std::make_pair(std::string("programming error"), std::string("programming error\n")));
+    auto field = [](int slot, size_t offset) { return 124 + 48 * static_cast<size_t>(slot) + offset; };
     ASSERT_TRUE(pokeWord(Mp4Kind::KEY, field(7, 32), 2048));
     EXPECT_EQ(reader.getFrameData(1), 0u);
     ASSERT_TRUE(pokeWord(Mp4Kind::KEY, field(6, 44), -4));
