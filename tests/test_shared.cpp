@@ -234,7 +234,11 @@ protected:
         unsigned long long id = m(reader, safe);
         return {id, safe};
     }
-    std::pair<unsigned long long, int> on(unsigned long long id) { return {id, this->safeOf(id, N)}; }
+    // The element id and its safe time, N being the writer's.
+    static std::pair<unsigned long long, int> on(unsigned long long id) {
+        const int ahead = static_cast<int>((id + Kind::SLOTS - N % Kind::SLOTS) % Kind::SLOTS);
+        return {id, Kind::FRAME_FORM && ahead == Kind::SLOTS - 1 ? 0 : ahead * Kind::INTERVAL};
+    }
 
     typename Kind::Getter reader;
     int safe = -12345;
@@ -256,10 +260,10 @@ TYPED_TEST(Positioning, newestNextOldestSinceATimeAndExactSecondOverAWrappedRing
         bool exact;
         int sec, usec;
         unsigned long long id;
-    } searches[] = {{false, 0, -1, S},          {false, 106, -1, N - 2},      {false, 105, 600000, N - 1},
-                    {false, 105, 500000, S},    {false, 107, 950000, N},      {false, 200, -1, N},
-                    {true, 105, -1, S},         {true, 106, -1, N - 2},       {true, 107, -1, N - 1},
-                    {true, 107, 950000, N - 1}, {true, 107, 600000, N - 1},   {true, 105, 500000, S}};
+    } searches[] = {{false, 0, -1, S}, {false, 106, -1, N - 2}, {false, 105, 600000, N - 1},
+                    {false, 105, 500000, S}, {false, 107, 950000, N}, {false, 200, -1, N},
+                    {true, 105, -1, S}, {true, 106, -1, N - 2}, {true, 107, -1, N - 1},
+                    {true, 107, 950000, N - 1}, {true, 107, 600000, N - 1}, {true, 105, 500000, S}};
     for (const auto& q : searches) {
         EXPECT_EQ(t.move([&q](G& g, int& s) {
             return q.exact ? Kind::toExact(g, s, q.sec, q.usec) : Kind::toOldest(g, s, q.sec, q.usec);
