@@ -241,7 +241,7 @@ struct Opus : AudioKind<OPUSPutter, OPUSGetter, OPUSPutterError, OPUSGetterError
 // The analysis kinds: a few fixed records with their arrays inline.
 template <class P, class G, class PE, class GE, key_t Key, int Slots, size_t Size, size_t Record, size_t Element,
           int Arrays>
-struct AnalysisKind : Classes<P, G, PE, GE> {
+struct AnalysisKind : Classes<P, G, PE, GE>, Moves<G> {
     using typename Classes<P, G, PE, GE>::Putter;
     using typename Classes<P, G, PE, GE>::Getter;
     static constexpr int CHANNEL = 3, SLOTS = Slots, SET_COUNT = Slots, INTERVAL = 100, ARRAYS = Arrays;
@@ -256,8 +256,6 @@ struct AnalysisKind : Classes<P, G, PE, GE> {
         p.reset(3, 2, 10);
     }
     static void init(Getter& g) { g.init(CHANNEL); }
-    static unsigned long long toWorking(Getter& g, int& s) { return g.toWorking(s); }
-    static unsigned long long toNext(Getter& g, int& s) { return g.toNext(s); }
     static unsigned long long id(Getter& g) { return g.getFrameID(); }
     static int lockOf(unsigned long long id) { return static_cast<int>(id % SLOTS); }
     static void wait(Getter& g) { g.waitReady(); }
@@ -319,9 +317,7 @@ struct MdKind : AnalysisKind<MDPutter, MDGetter, MDPutterError, MDGetterError, 1
 
 struct KindNames {
     template <class Kind>
-    static std::string GetName(int) {
-        return Kind::NAME;
-    }
+    static std::string GetName(int) { return Kind::NAME; }
 };
 
 // A kind's putter under its keys, cleaned before and after the test.
@@ -335,11 +331,6 @@ protected:
     // Puts ids from..to, each stamped with its id as the second.
     void putRange(unsigned long long from, unsigned long long to) {
         for (unsigned long long id = from; id <= to; ++id) put(id, at(static_cast<int>(id)));
-    }
-    // Safe time of the element id when newest is the writer's.
-    static int safeOf(unsigned long long id, unsigned long long newest) {
-        const int ahead = static_cast<int>((id + Kind::SLOTS - newest % Kind::SLOTS) % Kind::SLOTS);
-        return Kind::FRAME_FORM && ahead == Kind::SLOTS - 1 ? 0 : ahead * Kind::INTERVAL;
     }
 
     avpool::test::IpcKeys keys{};

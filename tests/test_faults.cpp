@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <iostream>
 #include <memory>
+#include <sys/mman.h>
 #include <unistd.h>
 
 using namespace avpool::test;
@@ -48,10 +49,11 @@ void expectNotReady(key_t key, int channel, const std::vector<Scribble>& scribbl
 using JpegFaults = Pool<JpegKind>;
 using Mp4Faults = Pool<Mp4Kind>;
 
-// JPEG header: frameCount 0, prefix size 28, table offsets 160, 164, 168.
-TEST_F(JpegFaults, headerThatDescribesNoPoolMakesInitSayPoolNotReadyAndLeavesTheGetterDetached) {
+// JPEG header: frameCount 0, prefix size 28, table offsets 160, 164, 168. Record of
+// slot s at 196 + 48 * s: lock index at 8, length at 12, data position at 40.
+TEST_F(JpegFaults, corruptHeaderMakesInitSayPoolNotReadyAndRecordsOutsideTheRingAreSkipped) {
     JpegKind::start(putter);
-    put(1);
+    putRange(1, 3);  // slots 1 to 3, stamped 1 to 3
     expectNotReady<JPGGetterError, JPGGetter>(
         JpegKind::KEY, JpegKind::CHANNEL,
         {{0, 0, "frameCount not stored yet"}, {0, 31, "more slots than a pool has"}, {0, -1, "negative slot count"},
@@ -60,42 +62,8 @@ TEST_F(JpegFaults, headerThatDescribesNoPoolMakesInitSayPoolNotReadyAndLeavesThe
         [](JPGGetter& g) { g.getFrameID(); });
     JPGGetter reader;
     reader.init(JpegKind::CHANNEL);
-    EXPECT_EQ(reader.getFrameID(), 1u);
-    // A segment as a writer leaves it before its header: all zero, locks open.
-    putter.release();
-    reader.release();
-    ASSERT_NE(plantSegment(JpegKind::KEY, JpegKind::SEGMENT, 0), -1);
-    ASSERT_NE(plantSemSet(JpegKind::KEY, 6), -1);
-    EXPECT_EQ(failureOf<JPGGetterError>([&] { reader.init(JpegKind::CHANNEL); }).first, "pool not ready.");
-}
-
-// Video header: gopCount 0, framesPerGop 4, prefix size 36, data offset 48.
-TEST_F(Mp4Faults, headerThatDescribesNoPoolMakesInitSayPoolNotReady) {
-    Mp4Kind::start(putter);
-    put(1);
-    expectNotReady<MP4GetterError, MP4Getter>(
-        Mp4Kind::KEY, Mp4Kind::CHANNEL,
-        {{0, 0, "gopCount not stored yet"}, {4, 0, "no frames per GOP"}, {0, 334, "1002 slots"},
-         {0, 1431655766, "a product that wraps in 32 bits"}, {4, -2, "negative frames per GOP"},
-         {36, 0, "prefix size"}, {48, -52, "ring before the segment"}},
-        [](MP4Getter& g) { g.getGopID(); });
-    MP4Getter reader;
-    reader.init(Mp4Kind::CHANNEL);
     int safe = 0;
-    reader.toWorkingGop(safe);
-    for (int k : {-1, 3, INT_MAX})
-        EXPECT_EQ(failureOf<MP4GetterError>([&] { reader.getFrameData(k); }),
-                  std::make_pair(std::string("programming error"), std::string("programming error\n")));
-}
-
-// JPEG record: length at 12, lock index at 8, data position at 40.
-TEST_F(JpegFaults, recordsPointingOutsideTheRingAreSkippedAndARingWithNoneIntactIsReported) {
-    JpegKind::start(putter);
-    putRange(1, 3);  // slots 1 to 3, stamped 1 to 3
-    JPGGetter reader;
-    reader.init(JpegKind::CHANNEL);
-    int safe = 0;
-    const size_t one = 172 + 4 * 6 + 48;
+    const size_t one = 196 + 48;
     for (const Scribble& s : std::vector<Scribble>{{40, 1024, "position at the ring's end"},
                                                    {40, -8, "position before the ring"},
                                                    {12, 1024, "length past the ring's end"},
@@ -118,17 +86,33 @@ TEST_F(JpegFaults, recordsPointingOutsideTheRingAreSkippedAndARingWithNoneIntact
     ASSERT_TRUE(pokeWord(JpegKind::KEY, 196 + 48 * 2 + 8, 6));
     EXPECT_EQ(failureOf<JPGGetterError>([&] { reader.waitReady(); }),
               std::make_pair(std::string("semop failed."), std::string("semop failed: File too large\n")));
+    // A segment as a writer leaves it before its header: all zero, locks open.
+    putter.release();
+    reader.release();
+    ASSERT_NE(plantSegment(JpegKind::KEY, JpegKind::SEGMENT, 0), -1);
+    ASSERT_NE(plantSemSet(JpegKind::KEY, 6), -1);
+    EXPECT_EQ(failureOf<JPGGetterError>([&] { reader.init(JpegKind::CHANNEL); }).first, "pool not ready.");
 }
 
-// Video record: lock index at 28, length at 32, data position at 44.
-TEST_F(Mp4Faults, framesPointingOutsideTheRingAreNotFramesAndLockIndexesOutsideTheSetFailTheWait) {
+// Video header: gopCount 0, framesPerGop 4, prefix size 36, data offset 48. Record
+// of slot s at 124 + 48 * s: lock index at 28, length at 32, data position at 44.
+TEST_F(Mp4Faults, corruptHeaderMakesInitSayPoolNotReadyAndFramesOrLockIndexesOutsideTheRingAreRefused) {
     Mp4Kind::start(putter);
     putRange(1, 2);  // GOPs 1 and 2
+    expectNotReady<MP4GetterError, MP4Getter>(
+        Mp4Kind::KEY, Mp4Kind::CHANNEL,
+        {{0, 0, "gopCount not stored yet"}, {4, 0, "no frames per GOP"}, {0, 334, "1002 slots"},
+         {0, 1431655766, "a product that wraps in 32 bits"}, {4, -2, "negative frames per GOP"},
+         {36, 0, "prefix size"}, {48, -52, "ring before the segment"}},
+        [](MP4Getter& g) { g.getGopID(); });
     MP4Getter reader;
     reader.init(Mp4Kind::CHANNEL);
     int safe = 0;
     ASSERT_EQ(reader.toWorkingGop(safe), 2u);  // slots 6, 7 and 8
-    auto field = [](int slot, size_t offset) { return 52 + 4 * 18 + 48 * static_cast<size_t>(slot) + offset; };
+    for (int k : {-1, 3, INT_MAX})
+        EXPECT_EQ(failureOf<MP4GetterError>([&] { reader.getFrameData(k); }),
+                  std::make_pair(std::string("programming error"), std::string("programming error\n")));
+    auto field = [](int slot, size_t offset) { return 124 + 48 * static_cast<size_t>(slot) + offset; };
     ASSERT_TRUE(pokeWord(Mp4Kind::KEY, field(7, 32), 2048));
     EXPECT_EQ(reader.getFrameData(1), 0u);
     ASSERT_TRUE(pokeWord(Mp4Kind::KEY, field(6, 44), -4));
@@ -178,11 +162,16 @@ void judge(Tally& tally, uint64_t before, uint64_t id, const unsigned char* data
 }
 
 // Attaches again and again (after "semop failed.": the writer's set is gone) and
-// reads with read(reader) until stopped.
-template <class Getter, class Error, class Read>
-int readAll(Tally& tally, Read read) {
+// reads every frame twice, each time after its lock opened, until stopped.
+template <class Kind>
+int readAll(Tally& tally, bool slow) {
+    constexpr bool video = std::is_same_v<Kind, Mp4Kind>;
     quiet();
-    Getter reader;
+    typename Kind::Getter reader;
+    auto take = [&reader](int k) -> uint64_t {  // the frame's ID; the frame copied out
+        if constexpr (video) return reader.waitFrameReady(k), reader.getFrameData(k);
+        else return reader.waitReady(), reader.getFrame(), reader.getFrameID();
+    };
     while (!stopped(tally)) {
         bool attached = false;
         try {
@@ -190,8 +179,16 @@ int readAll(Tally& tally, Read read) {
             reader.init(CHANNEL);
             attached = true;
             add(tally.attaches);
-            read(reader);
-        } catch (const Error& e) {
+            int safe = 0;
+            for (Kind::toWorking(reader, safe); !stopped(tally); Kind::toNext(reader, safe)) {
+                for (int k = 0; k < (video ? FRAMES_PER_GOP : 1); ++k) {
+                    const uint64_t before = take(k), after = take(k);
+                    if constexpr (video) judge(tally, before, after, reader.frameData, reader.frameLength);
+                    else judge(tally, before, after, reader.frame.data, reader.frame.frameLength);
+                    if (slow) usleep(1500);
+                }
+            }
+        } catch (const typename Kind::GetterError& e) {
             if (!attached) usleep(100);  // "pool not ready." while the writer sets up, or its set gone
             else if (strcmp(e.what(), "frame overwritten.") == 0) add(tally.rejected);
         }
@@ -199,70 +196,32 @@ int readAll(Tally& tally, Read read) {
     return 0;
 }
 
-int readJpeg(Tally& tally, bool slow) {
-    return readAll<JPGGetter, JPGGetterError>(tally, [&](JPGGetter& reader) {
-        int safe = 0;
-        for (reader.toWorking(safe); !stopped(tally); reader.toNext(safe)) {
-            reader.waitReady();
-            reader.getFrame();
-            const uint64_t id = reader.getFrameID();
-            reader.waitReady();
-            reader.getFrame();
-            judge(tally, id, reader.getFrameID(), reader.frame.data, reader.frame.frameLength);
-            if (slow) usleep(1500);
-        }
-    });
-}
-
-int readVideo(Tally& tally, bool slow) {
-    return readAll<MP4Getter, MP4GetterError>(tally, [&](MP4Getter& reader) {
-        int safe = 0;
-        for (reader.toWorkingGop(safe); !stopped(tally); reader.toNextGop(safe)) {
-            for (int k = 0; k < FRAMES_PER_GOP; ++k) {
-                reader.waitFrameReady(k);
-                const uint64_t before = reader.getFrameData(k);
-                reader.waitFrameReady(k);
-                judge(tally, before, reader.getFrameData(k), reader.frameData, reader.frameLength);
-                if (slow) usleep(1500);
-            }
-        }
-    });
-}
-
-// One writer's run: frames of up to max bytes back to back, each a little apart,
+// One writer's run: frames of up to MAX bytes back to back, each a little apart,
 // until killed (or, for the last run, a number of frames and then a clean end).
-template <class Put>
-int writeAll(ChildLink& link, int generation, int frames, int max, Put put) {
+template <class Kind>
+int writeAll(ChildLink& link, int generation, int frames) {
+    constexpr bool video = std::is_same_v<Kind, Mp4Kind>;
+    constexpr int MAX = video ? 2000 : 3000;
+    quiet();
+    typename Kind::Putter writer;
+    if constexpr (video) {
+        writer.init(CHANNEL, 4, FRAMES_PER_GOP, MAX, 4 * FRAMES_PER_GOP * 52 + 12000);
+        writer.reset(64, 48, 500);
+    } else {
+        writer.init(CHANNEL, 6, MAX, 52 * 6 + 12000);
+        writer.reset(64, 48, 500, 80);
+    }
     link.say("up");
     for (uint64_t id = 1; frames < 0 || id <= static_cast<uint64_t>(frames); ++id) {
-        Bytes frame = stamped(id, 12 + static_cast<int>((id * 977 + generation * 31) % (max - 12)));
+        Bytes frame = stamped(id, 12 + static_cast<int>((id * 977 + generation * 31) % (MAX - 12)));
         timeval now;
         gettimeofday(&now, nullptr);
-        put(frame.data(), static_cast<int>(frame.size()), now, id);
+        if constexpr (!video) writer.putFrame(frame.data(), static_cast<int>(frame.size()), now);
+        else if ((id - 1) % FRAMES_PER_GOP == 0) writer.putIFrame(frame.data(), static_cast<int>(frame.size()), now);
+        else writer.putPFrame(frame.data(), static_cast<int>(frame.size()), now);
         usleep(200);
     }
     return 0;
-}
-
-int writeJpeg(ChildLink& link, int generation, int frames) {
-    quiet();
-    JPGPutter writer;
-    writer.init(CHANNEL, 6, 3000, 52 * 6 + 12000);
-    writer.reset(64, 48, 500, 80);
-    return writeAll(link, generation, frames, 3000, [&](unsigned char* data, int length, const timeval& now, uint64_t) {
-        writer.putFrame(data, length, now);
-    });
-}
-
-int writeVideo(ChildLink& link, int generation, int frames) {
-    quiet();
-    MP4Putter writer;
-    writer.init(CHANNEL, 4, FRAMES_PER_GOP, 2000, 4 * FRAMES_PER_GOP * 52 + 12000);
-    writer.reset(64, 48, 500);
-    return writeAll(link, generation, frames, 2000, [&](unsigned char* data, int length, const timeval& now, uint64_t id) {
-        if ((id - 1) % FRAMES_PER_GOP == 0) writer.putIFrame(data, length, now);
-        else writer.putPFrame(data, length, now);
-    });
 }
 
 }  // namespace
@@ -273,24 +232,26 @@ int writeVideo(ChildLink& link, int generation, int frames) {
 // up. AVPOOL_FAULT_CYCLES sets the number of kills for a long run.
 class WriterRestarts : public ::testing::Test {
 protected:
-    void run(int (*reader)(Tally&, bool), int (*writer)(ChildLink&, int, int)) {
+    template <class Kind>
+    void run() {
+        ASSERT_NE(tally, MAP_FAILED);
         Tally& shared = *tally;
         std::vector<std::unique_ptr<ForkedChild>> readers;
         for (int r = 0; r < READERS; ++r)
-            readers.push_back(std::make_unique<ForkedChild>([&shared, reader, r](ChildLink&) { return reader(shared, r >= 2); }));
+            readers.push_back(std::make_unique<ForkedChild>([&shared, r](ChildLink&) { return readAll<Kind>(shared, r >= 2); }));
         const int kills = faultCycles(60);
         unsigned random = 2024;
         for (int generation = 1; generation <= kills; ++generation) {
             random = random * 1103515245 + 12345;
             const unsigned r = random >> 8;
-            ForkedChild run([writer, generation](ChildLink& link) { return writer(link, generation, -1); });
+            ForkedChild run([generation](ChildLink& link) { return writeAll<Kind>(link, generation, -1); });
             std::string up;
             if (r % 4 != 0) run.readLine(up, 10000);
             usleep(r % 4 == 0 ? r % 300 : r % 6000);
             run.signal(SIGKILL);
             ASSERT_EQ(run.wait().signal, SIGKILL);
         }
-        ForkedChild last([writer, kills](ChildLink& link) { return writer(link, kills + 1, 150); });
+        ForkedChild last([kills](ChildLink& link) { return writeAll<Kind>(link, kills + 1, 150); });
         ASSERT_TRUE(last.wait(20000).ok());
         __atomic_store_n(&tally->stop, 1, __ATOMIC_SEQ_CST);
         int crashed = 0, hung = 0;
@@ -309,15 +270,18 @@ protected:
         EXPECT_GT(tally->accepted, 0);
         EXPECT_GT(tally->attaches, READERS);
     }
-    SharedMemory<Tally> tally;
+    // In a shared mapping, seen alike by the readers and the test.
+    Tally* tally = static_cast<Tally*>(
+        mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ~WriterRestarts() override { munmap(tally, sizeof(Tally)); }
 };
 
 TEST_F(WriterRestarts, jpegReadersNeverTakeATornFrameCrashOrHang) {
     IpcKeys keys{JPG_BASE_KEY + CHANNEL};
-    run(readJpeg, writeJpeg);
+    run<JpegKind>();
 }
 
 TEST_F(WriterRestarts, videoReadersNeverTakeATornFrameCrashOrHang) {
     IpcKeys keys{MP4_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL * 16};
-    run(readVideo, writeVideo);
+    run<Mp4Kind>();
 }

@@ -89,12 +89,15 @@ TYPED_TEST(Shared, useBeforeInitIsAProgrammingErrorAndAGetterAttachesOnce) {
     }
 }
 
-// A reader on the slot after the newest waits until the writer has written it;
-// a signal meanwhile is waited through by the picture and video readers and ends
-// the wait of the others with "semop failed.".
-TYPED_TEST(Shared, readerOnTheNextSlotWaitsForTheWriteAndASignalEndsOrInterruptsTheWait) {
+// A reader on the slot after the newest waits until the writer has written it; one
+// that keeps up while the writer runs up to three elements ahead meets open slots
+// and closed ones and gets every element once and in order. A signal during its
+// first wait is waited through by the picture and video readers and ends the wait
+// of the others with "semop failed.".
+TYPED_TEST(Shared, readerThatKeepsUpWaitsForEachWriteGetsEveryElementInOrderAndASignalEndsOrInterruptsTheWait) {
     using Kind = TypeParam;
     if constexpr (readable<Kind>) {
+        constexpr unsigned long long COUNT = 40;
         Kind::start(this->putter);
         this->putRange(1, 2);
         ForkedChild child([](ChildLink& link) {
@@ -103,46 +106,16 @@ TYPED_TEST(Shared, readerOnTheNextSlotWaitsForTheWriteAndASignalEndsOrInterrupts
             Kind::init(reader);
             int safe;
             Kind::toWorking(reader, safe);
-            link.say("at " + std::to_string(Kind::toNext(reader, safe)));
-            try {
-                Kind::wait(reader);
-                link.say("got " + std::to_string(Kind::read(reader)) + " " + std::to_string(Kind::id(reader)));
-            } catch (const typename Kind::GetterError& e) {
-                link.say(std::string("error ") + e.what());
-            }
-            return 0;
-        });
-        ASSERT_NO_FATAL_FAILURE(expectLine(child, "at 0"));
-        auto blocked = [] { return eventually([] { return lockWaiters(Kind::SET_KEY, Kind::lockOf(3)) == 1; }); };
-        ASSERT_TRUE(blocked());
-        child.signal(SIGUSR1);
-        ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
-        if (Kind::RETRIES_ON_SIGNAL) {
-            ASSERT_TRUE(blocked());
-            this->put(3);
-            expectLastLine(child, "got 3 3");
-        } else {
-            expectLastLine(child, "error semop failed.");
-        }
-    }
-}
-
-// The writer runs up to three elements ahead of a waiting reader, so the reader
-// meets open slots and closed ones; it gets every element once and in order.
-TYPED_TEST(Shared, readerThatKeepsUpGetsEveryElementOnceInOrder) {
-    using Kind = TypeParam;
-    if constexpr (readable<Kind>) {
-        constexpr unsigned long long COUNT = 40;
-        Kind::start(this->putter);
-        ForkedChild child([](ChildLink& link) {
-            typename Kind::Getter reader;
-            Kind::init(reader);
-            int safe;
-            Kind::toWorking(reader, safe);
-            for (unsigned long long k = 1; k <= COUNT; ++k) {
-                Kind::toNext(reader, safe);
-                Kind::wait(reader);
-                unsigned long long got = Kind::read(reader);
+            for (unsigned long long k = 3; k <= COUNT; ++k) {
+                const unsigned long long before = Kind::toNext(reader, safe);
+                if (k == 3) link.say("at " + std::to_string(before));
+                try {
+                    Kind::wait(reader);
+                } catch (const typename Kind::GetterError& e) {
+                    link.say(std::string("error ") + e.what());
+                    Kind::wait(reader);
+                }
+                const unsigned long long got = Kind::read(reader);
                 if (got != k || Kind::id(reader) != k) {
                     link.say("got " + std::to_string(got) + " where " + std::to_string(k) + " was due");
                     return 1;
@@ -151,7 +124,12 @@ TYPED_TEST(Shared, readerThatKeepsUpGetsEveryElementOnceInOrder) {
             link.say("followed");
             return 0;
         });
-        for (unsigned long long k = 1; k <= COUNT;) {
+        ASSERT_NO_FATAL_FAILURE(expectLine(child, "at 0"));
+        ASSERT_TRUE(eventually([] { return lockWaiters(Kind::SET_KEY, Kind::lockOf(3)) == 1; }));
+        child.signal(SIGUSR1);
+        ASSERT_NO_FATAL_FAILURE(expectLine(child, "signal"));
+        if (!Kind::RETRIES_ON_SIGNAL) expectLine(child, "error semop failed.");
+        for (unsigned long long k = 3; k <= COUNT;) {
             ASSERT_TRUE(eventually([&] { return lockWaiters(Kind::SET_KEY, Kind::lockOf(k)) == 1; })) << k;
             for (int burst = 1 + k % 3; burst > 0 && k <= COUNT; --burst) this->put(k++);
         }
@@ -256,7 +234,11 @@ protected:
         unsigned long long id = m(reader, safe);
         return {id, safe};
     }
-    std::pair<unsigned long long, int> on(unsigned long long id) { return {id, this->safeOf(id, N)}; }
+    // The element id and its safe time, N being the writer's.
+    static std::pair<unsigned long long, int> on(unsigned long long id) {
+        const int ahead = static_cast<int>((id + Kind::SLOTS - N % Kind::SLOTS) % Kind::SLOTS);
+        return {id, Kind::FRAME_FORM && ahead == Kind::SLOTS - 1 ? 0 : ahead * Kind::INTERVAL};
+    }
 
     typename Kind::Getter reader;
     int safe = -12345;
@@ -271,20 +253,22 @@ TYPED_TEST(Positioning, newestNextOldestSinceATimeAndExactSecondOverAWrappedRing
     auto& t = *this;
     EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toWorking(g, s); }), t.on(N));
     EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toNext(g, s); }), t.on(S - 2));  // no check: overwritten next
-    // Oldest at or after a time; seconds and microseconds each compared on their own.
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toOldest(g, s, 0); }), t.on(S));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toOldest(g, s, 106); }), t.on(N - 2));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toOldest(g, s, 105, 600000); }), t.on(N - 1));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toOldest(g, s, 105, 500000); }), t.on(S));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toOldest(g, s, 107, 950000); }), t.on(N));  // none: the newest
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toOldest(g, s, 200); }), t.on(N));
-    // The earliest element of the second, with microseconds not later than those given.
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 105); }), t.on(S));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 106); }), t.on(N - 2));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 107); }), t.on(N - 1));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 107, 950000); }), t.on(N - 1));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 107, 600000); }), t.on(N - 1));
-    EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 105, 500000); }), t.on(S));
+    // Oldest at or after a time, seconds and microseconds each compared on their own
+    // (none: the newest); then the earliest element of the second with microseconds
+    // not later than those given. A usec of -1 searches without microseconds.
+    const struct {
+        bool exact;
+        int sec, usec;
+        unsigned long long id;
+    } searches[] = {{false, 0, -1, S}, {false, 106, -1, N - 2}, {false, 105, 600000, N - 1},
+                    {false, 105, 500000, S}, {false, 107, 950000, N}, {false, 200, -1, N},
+                    {true, 105, -1, S}, {true, 106, -1, N - 2}, {true, 107, -1, N - 1},
+                    {true, 107, 950000, N - 1}, {true, 107, 600000, N - 1}, {true, 105, 500000, S}};
+    for (const auto& q : searches) {
+        EXPECT_EQ(t.move([&q](G& g, int& s) {
+            return q.exact ? Kind::toExact(g, s, q.sec, q.usec) : Kind::toOldest(g, s, q.sec, q.usec);
+        }), t.on(q.id)) << (q.exact ? "exact " : "oldest ") << q.sec << " " << q.usec;
+    }
     // Not found: 4294967295. Older than the first candidate ends there at once,
     // the safe time untouched.
     EXPECT_EQ(t.move([](G& g, int& s) { return Kind::toExact(g, s, 104); }), std::make_pair(MISS, -12345));

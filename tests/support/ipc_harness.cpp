@@ -10,7 +10,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/time.h>
@@ -122,11 +121,6 @@ bool ForkedChild::readLine(std::string& line, int timeoutMs) {
 
 void ForkedChild::go() { writeAll(toChild_, "g", 1); }
 
-bool ForkedChild::running() {
-    siginfo_t info{};  // WNOWAIT looks without reaping, so wait() still gets the status
-    return !reaped_ && waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
-}
-
 void ForkedChild::signal(int sig) {
     if (!reaped_) ::kill(pid_, sig);
 }
@@ -192,8 +186,9 @@ int32_t RawSegment::i32(size_t offset) const {
     return value;
 }
 
-uint32_t RawSegment::u32(size_t offset) const { return static_cast<uint32_t>(i32(offset)); }
-uint64_t RawSegment::u64(size_t offset) const { return static_cast<uint64_t>(u32(offset + 4)) << 32 | u32(offset); }
+uint64_t RawSegment::u64(size_t offset) const {
+    return static_cast<uint64_t>(static_cast<uint32_t>(i32(offset + 4))) << 32 | static_cast<uint32_t>(i32(offset));
+}
 
 std::vector<int> RawSegment::words(size_t offset, size_t count, size_t stride) const {
     std::vector<int> values;
@@ -208,7 +203,7 @@ std::vector<unsigned char> RawSegment::bytes(size_t offset, size_t count) const 
 int shmIdOf(key_t key) { return shmget(key, 0, 0); }
 int semIdOf(key_t key) { return semget(key, 0, 0); }
 
-int semCountOf(int semId) {
+static int semCountOf(int semId) {  // sem_nsems, -1 on failure
     semid_ds ds{};
     union {
         int val;
@@ -285,14 +280,6 @@ bool adjustWithUndo(key_t key, int index, short delta) {
     }
     return result == 0;
 }
-
-void* mapShared(size_t size) {
-    void* address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (address == MAP_FAILED) throw std::runtime_error("mmap failed");
-    return address;
-}
-
-void unmapShared(void* address, size_t size) { munmap(address, size); }
 
 IpcKeys::IpcKeys(std::initializer_list<key_t> keys) : keys_(keys) { removeAll(); }
 IpcKeys::~IpcKeys() { removeAll(); }

@@ -49,7 +49,6 @@ public:
 
     bool readLine(std::string& line, int timeoutMs = 10000);  // false on deadline or EOF
     void go();
-    bool running();  // not reaped by this
     void signal(int sig);
     ExitStatus wait(int timeoutMs = 10000);  // killed with SIGKILL after timeoutMs
 
@@ -80,7 +79,6 @@ public:
     bool attached() const { return base_ != nullptr; }
     size_t size() const { return size_; }
     int32_t i32(size_t offset) const;
-    uint32_t u32(size_t offset) const;
     uint64_t u64(size_t offset) const;                                             // low word first
     std::vector<int> words(size_t offset, size_t count, size_t stride = 4) const;  // every stride bytes
     std::vector<unsigned char> bytes(size_t offset, size_t count) const;
@@ -94,7 +92,6 @@ private:
 
 int shmIdOf(key_t key);     // -1 when no segment is under key
 int semIdOf(key_t key);     // -1 when no semaphore set is under key
-int semCountOf(int semId);  // sem_nsems, -1 on failure
 bool shmIdAlive(int shmId);
 bool semIdAlive(int semId);
 int semCountAt(key_t key);     // sem_nsems of the set under key, -1 when none
@@ -111,24 +108,6 @@ int faultCycles(int shortDefault);
 int ipcObjectsLeft();  // segments plus semaphore sets of this IPC namespace
 // One semop of delta with SEM_UNDO, retried on EINTR; false on failure.
 bool adjustWithUndo(key_t key, int index, short delta);
-
-// A zero-filled trivially copyable T in a shared mapping, seen alike by a forked
-// child and its parent.
-void* mapShared(size_t size);
-void unmapShared(void* address, size_t size);
-template <class T>
-class SharedMemory {
-public:
-    SharedMemory() : value_(static_cast<T*>(mapShared(sizeof(T)))) {}
-    ~SharedMemory() { unmapShared(value_, sizeof(T)); }
-    SharedMemory(const SharedMemory&) = delete;
-    SharedMemory& operator=(const SharedMemory&) = delete;
-    T* operator->() const { return value_; }
-    T& operator*() const { return *value_; }
-
-private:
-    T* value_;
-};
 
 // Removes every segment and semaphore set under the keys at construction (an
 // earlier run's leftovers) and at destruction.
