@@ -55,20 +55,17 @@ public:
 
     Pulled pull(int timeoutMs = 5000) {
         Pulled out;
-        GstBuffer* buffer = nullptr;
+        g_autoptr(GstBuffer) buffer = nullptr;
         for (gint64 end = g_get_monotonic_time() + timeoutMs * 1000LL; !buffer && g_get_monotonic_time() < end;)
             if (!(buffer = gst_harness_try_pull(harness_))) g_usleep(500);
         if (!buffer) return out;
-        GstCaps* caps = gst_pad_get_current_caps(harness_->sinkpad);
-        gchar* text = gst_caps_to_string(caps);  // "NULL" without caps
+        g_autoptr(GstCaps) caps = gst_pad_get_current_caps(harness_->sinkpad);
+        g_autofree gchar* text = gst_caps_to_string(caps);  // "NULL" without caps
         out = {true, std::vector<unsigned char>(gst_buffer_get_size(buffer)), GST_BUFFER_OFFSET(buffer),
                GST_BUFFER_PTS(buffer), GST_BUFFER_DURATION(buffer),
                GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT),
                GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT), text};
         gst_buffer_extract(buffer, 0, out.bytes.data(), out.bytes.size());
-        gst_buffer_unref(buffer);
-        g_free(text);
-        if (caps) gst_caps_unref(caps);
         return out;
     }
     GstFlowReturn push(const std::vector<unsigned char>& bytes) {
@@ -78,14 +75,11 @@ public:
         return gst_bus_timed_pop_filtered(bus_, timeoutMs * GST_MSECOND, type);
     }
     std::string text(GstMessageType type, int timeoutMs = 5000) {  // of an error or warning; "" when none came
-        GstMessage* message = pop(type, timeoutMs);
+        g_autoptr(GstMessage) message = pop(type, timeoutMs);
+        g_autoptr(GError) error = nullptr;
         if (message == nullptr) return "";
-        GError* error = nullptr;
         (type == GST_MESSAGE_ERROR ? gst_message_parse_error : gst_message_parse_warning)(message, &error, nullptr);
-        std::string text = error->message;
-        g_error_free(error);
-        gst_message_unref(message);
-        return text;
+        return error->message;
     }
 
 private:
@@ -103,7 +97,7 @@ std::vector<unsigned char> payload(unsigned long long id, const std::vector<unsi
 }
 
 constexpr int CHANNEL = 5;
-constexpr long long FRAME_US = 40000;  // the writers' capture times step by this
+constexpr long long FRAME_US = 40000;  // capture times step by this unless told otherwise
 const std::vector<unsigned char> H264_IDR = {0, 0, 0, 1, 0x65}, H264_SLICE = {0, 0, 0, 1, 0x41};
 
 timeval stamp(long long startUs, unsigned long long id, long long stepUs = FRAME_US) {
@@ -111,10 +105,9 @@ timeval stamp(long long startUs, unsigned long long id, long long stepUs = FRAME
     return timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
 }
 
-// A forked JPEG writer of `slots` slots: it says its pid, waits for go, puts frames 1..count
-// pausing pauseUs between (capture times stepUs apart) and keeps its pool until the second go.
-std::unique_ptr<ForkedChild> jpegWriter(int slots, int count, int pauseUs, long long stepUs = FRAME_US,
-                                        std::string* pid = nullptr) {
+// A forked JPEG writer of `slots` slots: it tells its pid, waits for go, puts frames 1..count stepUs apart
+// (capture times as well) and keeps its pool until the second go.
+std::unique_ptr<ForkedChild> jpegWriter(int slots, int count, long long stepUs, std::string& pid) {
     auto child = std::make_unique<ForkedChild>([=](ChildLink& link) {
         JPGPutter putter;
         putter.init(CHANNEL, slots, 4096, slots * (4096 + 64));
@@ -125,14 +118,12 @@ std::unique_ptr<ForkedChild> jpegWriter(int slots, int count, int pauseUs, long 
         for (unsigned long long id = 1; id <= static_cast<unsigned long long>(count); ++id) {
             std::vector<unsigned char> bytes = payload(id);
             putter.putFrame(bytes.data(), static_cast<int>(bytes.size()), stamp(start, id, stepUs));
-            usleep(static_cast<useconds_t>(pauseUs));
+            usleep(static_cast<useconds_t>(stepUs));
         }
         link.awaitGo();
         return 0;
     });
-    std::string line;
-    EXPECT_TRUE(child->readLine(line)) << "the writer did not set up its pool";
-    if (pid != nullptr) *pid = line;
+    EXPECT_TRUE(child->readLine(pid)) << "the writer did not set up its pool";
     return child;
 }
 
@@ -145,9 +136,12 @@ struct ElementTest : ::testing::Test {
     IpcKeys keys{JPG_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL, MP4_BASE_KEY + CHANNEL * 16, OPUS_KEY, INFOS_KEY};
 };
 
-// A source needs a live pool; a sink refuses a pool another process writes and the kind it cannot
-// write. Each says so with the pool's name.
-TEST_F(ElementTest, PoolsAndKindsAnElementCannotUseAreErrorsThatNameThem) {
+// Every frame as the writer put it, numbered, stamped with its capture time in running time, with the pool's
+// picture size and rate as caps. A writer that removed its pool is waited for, with a warning, and its
+// successor followed, DISCONT first; a successor that overtakes the source gets each gap marked DISCONT and
+// posted, and none of the bytes it had already reused pushed; a stop ends the wait for the next frame.
+// A missing, stale or foreign pool and a kind a sink cannot write are errors that name the pool.
+TEST_F(ElementTest, FramesComeOutAsWrittenAcrossAComebackAndAnOvertakeAndPoolsNotToUseAreRefusedByName) {
     auto refused = [](const std::string& element, const std::string& text) {
         Harness harness(element, false);
         EXPECT_EQ(gst_element_set_state(harness.element(), GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE) << element;
@@ -156,19 +150,8 @@ TEST_F(ElementTest, PoolsAndKindsAnElementCannotUseAreErrorsThatNameThem) {
     refused("avpoolsrc kind=jpg channel=9", "No jpg pool on channel 9 (key 0x4c09)");
     refused("fakesrc ! avpoolsink kind=lum channel=5", "avpoolsink does not write lum pools");
     std::string pid;
-    auto writer = jpegWriter(4, 0, 0, FRAME_US, &pid);
+    auto writer = jpegWriter(5, 30, 20000, pid);
     refused("fakesrc ! avpoolsink kind=jpg channel=5", "The jpg pool on channel 5 is in use by process " + pid);
-    writer->signal(SIGKILL);  // a crash leaves the pool behind
-    writer->wait();
-    refused("avpoolsrc kind=jpg channel=5", "The jpg pool on channel 5 is stale: its creator " + pid + " is gone");
-}
-
-// Every frame as the writer put it, numbered, stamped with its capture time in running time, with the pool's
-// picture size and rate as caps. A writer that removed its pool is waited for, with a warning, and its
-// successor followed, DISCONT first; a successor that overtakes the source gets each gap marked DISCONT and
-// posted, and none of the bytes it had already reused pushed; a stop ends the wait for the next frame.
-TEST_F(ElementTest, FramesComeOutAsWrittenFromAWriterThatCameBackAndOvertookAndAStopEndsTheWait) {
-    auto writer = jpegWriter(5, 30, 20000, 20000);
     Harness harness("avpoolsrc kind=jpg channel=5 ! identity sleep-time=10000");
     // count frames from `frame` on, as written and DISCONT where they start or follow a gap: how many gaps.
     auto follow = [&](Pulled frame, int count, long long stepUs) {
@@ -197,12 +180,12 @@ TEST_F(ElementTest, FramesComeOutAsWrittenFromAWriterThatCameBackAndOvertookAndA
     EXPECT_TRUE(writer->wait().ok());
     EXPECT_EQ(harness.text(GST_MESSAGE_WARNING), "The writer of the jpg pool on channel 5 went away; waiting for it");
 
-    writer = jpegWriter(3, 300, 1000, 1000);
+    writer = jpegWriter(3, 300, 1000, pid);
     writer->go();
     while ((frame = harness.pull()).got && !frame.discont) {  // the first writer's last frames
     }
     EXPECT_GT(follow(frame, 10, 1000), 0);
-    GstMessage* gap = harness.pop(GST_MESSAGE_ELEMENT, 1000);
+    g_autoptr(GstMessage) gap = harness.pop(GST_MESSAGE_ELEMENT, 1000);
     ASSERT_NE(gap, nullptr);
     const GstStructure* s = gst_message_get_structure(gap);
     guint64 lost = 0, resumed = 0;
@@ -210,14 +193,14 @@ TEST_F(ElementTest, FramesComeOutAsWrittenFromAWriterThatCameBackAndOvertookAndA
                 gst_structure_get_uint64(s, "resumed-at", &resumed) && lost < resumed);
     std::string what = std::string(gst_structure_get_string(s, "kind")) + " " + gst_structure_get_string(s, "reason");
     EXPECT_TRUE(what == "jpg missed" || what == "jpg overwritten" || what == "jpg age too old") << what;
-    gst_message_unref(gap);
     while (harness.pull(300).got) {  // until the source waits for a frame that never comes
     }
     gint64 start = g_get_monotonic_time();
     EXPECT_EQ(gst_element_set_state(harness.element(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     EXPECT_LT(g_get_monotonic_time() - start, 500000) << "the stop waited for the writer";
-    writer->go();
-    EXPECT_TRUE(writer->wait().ok());
+    writer->signal(SIGKILL);  // a crash leaves the pool behind
+    writer->wait();
+    refused("avpoolsrc kind=jpg channel=5", "The jpg pool on channel 5 is stale: its creator " + pid + " is gone");
 }
 
 // Started on a pool whose writer is in the middle of a GOP, the source begins with that GOP's
