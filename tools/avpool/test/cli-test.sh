@@ -138,21 +138,19 @@ usage)
 END
     [ -e none.jpg ] && fail "snapshot without an information area created its file"
     [ "$(head -n 1 t.out | cut -d' ' -f1-2)" = "avpool watch" ] || fail "watch printed no block"
-    # Every verb has its help, listed by the tool's.
+    # Every verb has its help, the same as `help VERB`, listed by the tool's.
     run all --help
     for verb in demo infos snapshot stat users ls watch clean put get; do
         run h "$verb" --help
         [ "$rc" = 0 ] && [ ! -s h.err ] && head -n 1 h.out | grep -q "^usage: avpool $verb" &&
-            grep -q "^  $verb " all.out || fail "$verb --help: exit $rc, $(head -n 1 h.out), or not listed"
+            grep -q "^  $verb " all.out && run h2 help "$verb" && cmp -s h.out h2.out ||
+            fail "$verb --help: exit $rc, $(head -n 1 h.out), not listed or not as 'help $verb'"
     done
-    run h2 help get
-    cmp -s h.out h2.out || fail "'help get' differs from 'get --help'"
     ;;
 
 demo)
-    # A running demo seen through every verb, a second demo beside it; killed, it leaves stale pools and slats:
-    # the budget heals on its next use, the next demo takes over the fixed keys, clean removes the rest, and
-    # SIGINT ends it with a report and nothing left.
+    # A demo seen through every verb, another beside it; killed, it leaves stale pools and slats: the budget heals
+    # on its next use, the next demo takes over the fixed keys, clean removes the rest, SIGINT leaves nothing.
     start crashed avpool demo --seconds 60 --quiet
     within 15 infos_has 'users: 6$'
     run s stat md 0
@@ -215,9 +213,8 @@ END
     ;;
 
 roundtrip)
-    # MJPEG, H.264, AAC and WAV through the pools and back byte for byte; put ends at the end of its file or on a
-    # signal, get after N frames or when the pool goes. get writes ffmpeg's own (bit-exact) WAV header of the
-    # same samples; into a pipe its sizes stay unknown (0xFFFFFFFF).
+    # MJPEG, H.264, AAC and WAV through the pools and back byte for byte; put ends at its file's end or on a signal,
+    # get after N frames or when the pool goes. get's WAV header is ffmpeg's bit-exact one, sizes unknown in a pipe.
     media
     media audio
     for f in tone stereo8; do ffmpeg -nostdin -v error -i $f.wav -c copy -map_metadata -1 -fflags +bitexact -f wav \
