@@ -2,15 +2,13 @@
 # The avpool tool as a user runs it: cli-test.sh usage|demo|roundtrip|serve AVPOOL [ENCODER_AREA], in a private
 # IPC namespace. Every wait has a deadline; a background process and its children form a session of their own.
 
-case_name=$1
-AREA=$3
+case_name=$1 AREA=$3
 MEDIA_SCRIPT=$(cd "$(dirname "$0")/../../../tests/media" && pwd)/make-media.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-cli.XXXXXX") || exit 1
 cd "$work" || exit 1
 # avpool on the PATH; a cross-built tool runs through the emulator named in AVPOOL_EMULATOR (words split).
 mkdir bin && printf '#!/bin/sh\nexec %s "%s" "$@"\n' "${AVPOOL_EMULATOR:-}" "$2" >bin/avpool && chmod +x bin/avpool
 PATH=$work/bin:$PATH
-started=""
 
 # SIGTERM first, so that demos, writers and the area remove what they created; SIGKILL after 5 s.
 cleanup() {
