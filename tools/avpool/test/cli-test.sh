@@ -1,17 +1,14 @@
 #!/bin/sh
-# The avpool tool as a user runs it: cli-test.sh CASE AVPOOL [ENCODER_AREA], in a private IPC namespace.
-# Every wait has a deadline; background processes get a session of their own, so a demo and its
-# consumers go, and are looked for, as one. CASE is usage, demo, roundtrip or serve.
+# The avpool tool as a user runs it: cli-test.sh usage|demo|roundtrip|serve AVPOOL [ENCODER_AREA], in a private
+# IPC namespace. Every wait has a deadline; a background process and its children form a session of their own.
 
-case_name=$1
-AREA=$3
+case_name=$1 AREA=$3
 MEDIA_SCRIPT=$(cd "$(dirname "$0")/../../../tests/media" && pwd)/make-media.sh
 work=$(mktemp -d "${TMPDIR:-/tmp}/avpool-cli.XXXXXX") || exit 1
 cd "$work" || exit 1
 # avpool on the PATH; a cross-built tool runs through the emulator named in AVPOOL_EMULATOR (words split).
 mkdir bin && printf '#!/bin/sh\nexec %s "%s" "$@"\n' "${AVPOOL_EMULATOR:-}" "$2" >bin/avpool && chmod +x bin/avpool
 PATH=$work/bin:$PATH
-started=""
 
 # SIGTERM first, so that demos, writers and the area remove what they created; SIGKILL after 5 s.
 cleanup() {
@@ -30,35 +27,24 @@ fail() {
     exit 1
 }
 
-# run NAME ARGS...: avpool ARGS with a deadline; NAME.out, NAME.err and $rc.
-run() {
-    name=$1; shift
-    timeout -k 2 20 avpool "$@" >"$name.out" 2>"$name.err" </dev/null; rc=$?
-}
+# run NAME ARGS...: avpool ARGS with a deadline into NAME.out, NAME.err and $rc. start NAME COMMAND...: COMMAND
+# in the background in a session of its own, its pid in $pid_NAME.
+run() { name=$1; shift; timeout -k 2 20 avpool "$@" >"$name.out" 2>"$name.err" </dev/null; rc=$?; }
+start() { name=$1; shift; setsid "$@" >"$name.out" 2>"$name.err" & eval "pid_$name=$!"; started="$started $!"; }
 
-# start NAME COMMAND...: COMMAND in the background in a session of its own; its pid in $pid_NAME.
-start() {
-    name=$1; shift
-    setsid "$@" >"$name.out" 2>"$name.err" </dev/null &
-    eval "pid_$name=$!"; started="$started $!"
-}
-
-# within SECONDS COMMAND...: runs COMMAND until it succeeds, at most SECONDS.
-within() {
+within() {  # SECONDS COMMAND...
     n=$(($1 * 10)); shift
-    until "$@"; do
-        [ $n -le 0 ] && fail "not within the deadline: $*"
-        sleep 0.1; n=$((n - 1))
-    done
+    until "$@"; do [ $n -le 0 ] && fail "not within the deadline: $*"; sleep 0.1; n=$((n - 1)); done
 }
 
-# finish PID: waits at most 20 s for PID to end; $rc is its exit code.
-finish() { within 20 ended "$1"; wait "$1"; rc=$?; }
-ended() { ! kill -0 "$1" 2>/dev/null; }
-# ends_well NAME: the background NAME ends with exit code 0 and nothing on stderr.
+finish() { within 20 eval "! kill -0 $1 2>/dev/null"; wait "$1"; rc=$?; }  # PID; its exit code in $rc
+stops() { eval kill "-$1" "\$pid_$2"; ends_well "$2"; }  # SIGNAL NAME: the background NAME ends well on SIGNAL
 ends_well() { eval finish "\$pid_$1"; [ "$rc" = 0 ] && [ ! -s "$1.err" ] || fail "$1 ended with exit $rc"; }
 
 pool_up() { run poll stat "$@" && [ "$rc" = 0 ]; }
+get_from() {  # NAME KIND CHANNEL ARGS...: once the pool is up, a get from its last minute on in the background
+    within 10 pool_up "$2" "$3"; g=$1; shift; start "$g" avpool get "$@" --since 60
+}
 infos_has() { run infos infos && grep -q "^$1" infos.out; }
 session_gone() { ! ps -o stat= -s "$1" | grep -qv '^Z'; }
 # No pool segment or semaphore set is left (one that a process still attaches shows with key 0).
@@ -68,7 +54,6 @@ no_ipc() { [ -z "$(ipcs -m -s | grep '^0x0000')" ] || fail "IPC objects left: $(
 # exactly STDERR on stderr (nothing when empty), STDOUT on stdout when given, nothing there when it fails.
 expect_table() {
     while IFS='|' read -r want args err out; do
-        [ -n "$want" ] || continue
         set -f; run t $args; set +f
         [ "$rc" = "$want" ] || fail "avpool $args: exit $rc, expected $want"
         [ "$(cat t.err)" = "$err" ] || fail "avpool $args: stderr '$(cat t.err)', expected '$err'"
@@ -77,9 +62,8 @@ expect_table() {
     done
 }
 
-# pools_are CREATOR CHANNEL STATE UNITS: `avpool ls --json` lists exactly the pools of a demo on CHANNEL
-# (jpg also CHANNEL + 1) and its information area, each under its key, created by CREATOR, live or stale
-# as STATE says, with the geometry and parameters the demo gives it and UNITS of the budget taken.
+# pools_are CREATOR CHANNEL live|stale UNITS: `avpool ls --json` lists exactly the pools of a demo on CHANNEL
+# (jpg also CHANNEL + 1) and its information area, each under its key, geometry and parameters.
 pools_are() {
     run ls ls --json
     python3 - "$@" >ls.err 2>&1 <<'END' || fail "ls --json: $(cat ls.err)"
@@ -152,24 +136,21 @@ usage)
 END
     [ -e none.jpg ] && fail "snapshot without an information area created its file"
     [ "$(head -n 1 t.out | cut -d' ' -f1-2)" = "avpool watch" ] || fail "watch printed no block"
-    # Every verb has its help, listed by the tool's.
+    # Every verb has its help, the same as `help VERB`, listed by the tool's.
     run all --help
     for verb in demo infos snapshot stat users ls watch clean put get; do
         run h "$verb" --help
         [ "$rc" = 0 ] && [ ! -s h.err ] && head -n 1 h.out | grep -q "^usage: avpool $verb" &&
-            grep -q "^  $verb " all.out || fail "$verb --help: exit $rc, $(head -n 1 h.out), or not listed"
+            grep -q "^  $verb " all.out && run h2 help "$verb" && cmp -s h.out h2.out ||
+            fail "$verb --help: exit $rc, $(head -n 1 h.out), not listed or not as 'help $verb'"
     done
-    run h2 help get
-    cmp -s h.out h2.out || fail "'help get' differs from 'get --help'"
     ;;
 
 demo)
-    # A running demo seen through every verb, a second demo beside it; then killed with its consumers it
-    # leaves stale pools and slats: the budget heals on its next use, the next demo takes over the fixed
-    # keys, clean removes what it did not take over, and SIGINT ends it with a report and nothing left.
+    # A demo seen through every verb, another beside it; killed, it leaves stale pools and slats: the budget heals
+    # on its next use, the next demo takes over the fixed keys, clean removes the rest, SIGINT leaves nothing.
     start crashed avpool demo --seconds 60 --quiet
     within 15 infos_has 'users: 6$'
-    # stat: values only the segments hold.
     run s stat md 0
     grep -qx 'vibration: *42' s.out || fail "stat md 0 shows no vibration 42"
     run s stat amr 0
@@ -197,14 +178,12 @@ demo)
 1|users add eve x|Add_Active_User failed: no more slat.
 0|users del 6|
 1|users del 6|avpool: users del: slat 6 is not in use
-0|users del 7|
-0|users del 8|
-0|users del 9|
 1|demo --seconds 1|avpool: demo: the jpg pool on channel 0 belongs to running pid $pid_crashed; choose other channels with --channel
 1|snapshot 2 p2.jpg|avpool: snapshot: profile 2 is not a streaming JPEG profile (state 2, infoParam3 0)
 1|snapshot 3 p3.jpg|avpool: snapshot: profile 3 is not published (sizeofPools 3)
 1|snapshot 0 no/dir.jpg|avpool: snapshot: cannot write no/dir.jpg: No such file or directory
 END
+    for slat in 7 8 9; do avpool users del $slat || fail "users del $slat"; done
     # A demo on other channels runs to its end; pcm, opus and the information area stay the first's.
     run b demo --seconds 1 --channel 2 --quiet
     [ "$rc" = 0 ] && grep -qx "result: ok" b.out || fail "demo --channel 2 beside a demo: exit $rc"
@@ -219,10 +198,8 @@ END
 END
     start demo avpool demo --seconds 60 --channel 2 --quiet
     within 15 infos_has 'users: 6$'
-    for pool in "jpg 0 4c00" "jpg 1 4c01" "mp4 0 4b00" "aac 0 4f00" "amr 0 5000" "lum 0 4d00" "md 0 4e00"; do
-        set -- $pool
-        echo "removed $1 $2: segment 0x$3 (creator $pid_crashed is gone), semaphore set 0x$3"
-    done >clean.expected
+    printf "removed %s %s: segment 0x%s (creator $pid_crashed is gone), semaphore set 0x%s\n" jpg 0 4c00 4c00 \
+        jpg 1 4c01 4c01 mp4 0 4b00 4b00 aac 0 4f00 4f00 amr 0 5000 5000 lum 0 4d00 4d00 md 0 4e00 4e00 >clean.expected
     run clean clean
     cmp -s clean.out clean.expected || fail "clean: $(diff clean.expected clean.out)"
     pools_are "$pid_demo" 2 live 6
@@ -234,33 +211,26 @@ END
     ;;
 
 roundtrip)
-    # MJPEG, H.264, AAC and WAV through the pools and out again byte for byte; put ends at the end of its
-    # file or on a signal, get after N frames or when the pool goes. The WAV get writes is ffmpeg's own
-    # (bit-exact) header of the same samples; into a pipe its sizes stay unknown (0xFFFFFFFF).
+    # MJPEG, H.264, AAC and WAV through the pools and back byte for byte; put ends at its file's end or on a signal,
+    # get after N frames or when the pool goes. get's WAV header is ffmpeg's bit-exact one, sizes unknown in a pipe.
     media
     media audio
-    for f in tone stereo8; do
-        ffmpeg -nostdin -v error -i $f.wav -c copy -map_metadata -1 -fflags +bitexact -f wav ref-$f.wav ||
-            fail "ffmpeg cannot remux $f.wav"
-    done
+    for f in tone stereo8; do ffmpeg -nostdin -v error -i $f.wav -c copy -map_metadata -1 -fflags +bitexact -f wav \
+        ref-$f.wav || fail "ffmpeg cannot remux $f.wav"; done
     start pj avpool put jpg 3 camera.mjpeg --fps 100 --linger 2000
-    within 10 pool_up jpg 3
-    start gj avpool get jpg 3 --since 60 --count 25 -o out.mjpeg
+    get_from gj jpg 3 --count 25 -o out.mjpeg
     start pm avpool put mp4 4 camera.h264 --loop --fps 50 --slots 20
     start pa avpool put aac 3 tone.aac --linger 500
     expect_table <<END
 1|put jpg 3 camera.mjpeg|avpool: put: the jpg pool on channel 3 is in use by process $pid_pj
 END
-    within 10 pool_up mp4 4
-    start gm avpool get mp4 4 --since 60 -o out.h264
-    within 10 pool_up aac 3
-    start ga avpool get aac 3 --since 60 -o out.aac
+    get_from gm mp4 4 -o out.h264
+    get_from ga aac 3 -o out.aac
     ends_well gj
     cmp camera.mjpeg out.mjpeg || fail "MJPEG read back with get --count 25 differs"
     ends_well pj
     within 10 cmp -s -n "$(wc -c <camera.h264)" camera.h264 out.h264
-    kill -TERM "$pid_pm"
-    ends_well pm
+    stops TERM pm
     ends_well gm
 
     start pp avpool put pcm 0 tone.wav --loop
@@ -269,13 +239,11 @@ END
     run g get pcm 0 --since 60 --count 16 -o out.wav
     [ "$rc" = 0 ] && [ ! -s g.err ] && cmp ref-tone.wav out.wav || fail "get pcm 0 --count 16: exit $rc"
     # SIGINT ends a live get with the file's sizes set.
-    kill -INT "$pid_gl"
-    ends_well gl
+    stops INT gl
     od -An -tu4 -w44 -N44 live.wav | awk -v n="$(wc -c <live.wav)" '{ exit !($2 == n - 8 && $11 == n - 44) }' &&
         [ $(($(wc -c <live.wav) % 2048)) = 44 ] && cmp -s -i 8:8 -n 32 live.wav ref-tone.wav ||
         fail "get pcm ended by SIGINT: header $(od -An -tu4 -N44 live.wav)"
-    kill -INT "$pid_pp"
-    ends_well pp
+    stops INT pp
     # 8-bit stereo that ends inside a fragment: completed with silence (0x80).
     start pp avpool put pcm 0 stereo8.wav --linger 500
     within 10 pool_up pcm
@@ -299,8 +267,7 @@ serve)
     # the frames put into its pool. The client past the budget gets 503; units come back at TEARDOWN, at a
     # plain disconnect and, after kill -9 of the server, at the next use of the budget.
     media
-    # SPS and PPS only in front of the first of 15 GOPs, as a GStreamer encoder sends them: a client that
-    # starts on another decodes only with those the area publishes (the frames repeat every 50).
+    # SPS and PPS only before the first of 15 GOPs: a client starting on another needs the area's (50 frames repeat).
     ffmpeg -nostdin -v error -i camera.h264 -c copy -bsf:v filter_units=pass_types=7-8 -frames:v 1 -f h264 sets.h264 &&
         ffmpeg -nostdin -v error -i camera.h264 -c copy -bsf:v filter_units=remove_types=7-8 -f h264 slices.h264 ||
         fail "ffmpeg cannot rewrite camera.h264"
@@ -314,7 +281,6 @@ serve)
     within 10 grep -q "^listening on" serve.out
     url=rtsp://127.0.0.1:$(sed -n 's/^listening on .* port //p' serve.out)
     within 5 sh -c "avpool stat mp4 0 2>/dev/null | grep -qE '^\\* GOP +[0-9]+ +gopID +([2-9]|[1-9][0-9])'"
-    # hashes: the md5 of each decoded frame in framemd5 output, each followed by a space.
     hashes() { awk -F, '!/^#/ { gsub(/ /, "", $6); printf "%s ", $6 }'; }
     for mount in "0 once.h264 h264 40" "1 camera.mjpeg mjpeg 30"; do
         set -- $mount
@@ -334,23 +300,18 @@ serve)
     # Each client a user of type 2 and weight 1, named after its mount and address.
     client='^ *[0-9] +2 +1 .* rtsp /profile1 +127\.0\.0\.1:[0-9]+ playing$'
     playing() { run users users list && [ "$(grep -cE "$client" users.out)" = 2 ]; }
-    play a
-    play b
+    play a; play b
     within 10 playing
     infos_has 'budget: *10 of 10 units taken' || fail "two clients do not fill the budget: $(grep budget infos.out)"
     timeout 20 ffprobe -v error -rtsp_transport tcp "$url/profile1" >c.out 2>c.err && fail "a third client was served"
     grep -q "503 Service Unavailable" c.err || fail "the third client was not refused with 503"
     grep -q "^refused 127.0.0.1:[0-9]* /profile1: no more slat. (503)$" serve.out || fail "no refusal logged"
-    kill -KILL "$pid_a"
-    within 5 infos_has 'budget: *9 of'
-    kill -INT "$pid_b"
-    within 5 infos_has 'budget: *8 of'
+    # Each step and the units then taken: a client killed, one that tears down, a new one, the server killed.
+    for step in "kill -KILL $pid_a:9" "kill -INT $pid_b:8" "play d:9" "kill -KILL $pid_serve:8"; do
+        ${step%:*}; within 10 infos_has "budget: *${step#*:} of"
+    done
     grep -q ' (connection closed)$' serve.out && [ "$(grep -c ' (teardown)$' serve.out)" = 3 ] ||
         fail "serve did not log both ways of leaving"
-    play d
-    within 10 infos_has 'budget: *9 of'
-    kill -KILL "$pid_serve"
-    within 5 infos_has 'budget: *8 of'
     ! avpool users list | grep -q rtsp || fail "a dead server's client is still listed"
     ;;
 
