@@ -17,6 +17,10 @@ namespace avpool::demo {
 
 enum class Outcome { Read, Overwritten, Damaged };
 
+// How far a picture or video consumer may fall behind the writer before it
+// gives up its place and starts again from the newest element.
+constexpr int MAX_AGE_SECONDS = 2;
+
 // The frame-ID prefix in front of a frame's bytes, read from memory each time.
 unsigned long long prefixOf(const unsigned char* bytes, int prefixSize);
 

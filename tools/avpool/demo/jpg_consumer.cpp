@@ -15,8 +15,6 @@ namespace avpool::demo {
 
 namespace {
 
-constexpr int MAX_AGE_SECONDS = 2;
-
 class JpgConsumer {
 public:
     explicit JpgConsumer(const ConsumerJob& job) : core_(job), pool_(*job.pool) {}

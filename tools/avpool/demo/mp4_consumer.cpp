@@ -17,7 +17,6 @@ namespace avpool::demo {
 
 namespace {
 
-constexpr int MAX_AGE_SECONDS = 2;
 constexpr int FRAME_PREFIX_SIZE = 8;  // the header's framePrefixSize
 
 enum class GopEnd { Done, Behind };
